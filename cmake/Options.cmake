@@ -1,0 +1,29 @@
+# Usage requirements shared by every target of this project; nothing here is global.
+
+# The backend folder below src/platform; the logic itself never asks which system it is.
+if(WIN32)
+    set(THREAD_UTILITIES_BACKEND windows)
+else()
+    set(THREAD_UTILITIES_BACKEND linux)
+endif()
+
+add_library(thread_utilities_options INTERFACE)
+target_compile_features(thread_utilities_options INTERFACE cxx_std_20)
+target_compile_options(thread_utilities_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wnon-virtual-dtor
+    $<$<BOOL:${THREAD_UTILITIES_WERROR}>:-Werror>)
+
+# Code of the library itself: position independent, and only marked names leave it.
+add_library(thread_utilities_build INTERFACE)
+target_link_libraries(thread_utilities_build INTERFACE thread_utilities_options)
+target_include_directories(thread_utilities_build INTERFACE
+    "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/include")
+target_compile_options(thread_utilities_build INTERFACE
+    -fPIC -fvisibility=hidden -fvisibility-inlines-hidden)
+target_compile_definitions(thread_utilities_build INTERFACE THREAD_UTILITIES_BUILDING)
+
+# add_family(<name> SOURCES...): one layer of the library as an object library named tu_<name>.
+function(add_family name)
+    add_library(tu_${name} OBJECT ${ARGN})
+    target_link_libraries(tu_${name} PRIVATE thread_utilities_build)
+endfunction()

@@ -1,0 +1,12 @@
+#pragma once
+
+// Who is calling.
+
+namespace ThreadUtilities::platform {
+
+/// The calling thread's id; kept per thread, renewed in a copied process.
+unsigned int currentThreadId() noexcept;
+
+unsigned int currentProcessId() noexcept;
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,17 @@
+#pragma once
+
+// What the system tells the library. The backend calls these; the thread list defines them.
+
+namespace ThreadUtilities::platform {
+
+/// Once, on the thread that loads the library, before any other code of the library is asked for
+/// anything. Also in a copied process, on its only thread.
+void onProcessAttach();
+
+/// On a new thread, before its own code runs.
+void onThreadAttach();
+
+/// On an ending thread, after its own code.
+void onThreadDetach();
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,8 @@
+#include "platform/process_copy.h"
+
+// The scripted system never copies a process.
+namespace ThreadUtilities::platform {
+
+RestartInCopy::RestartInCopy(void (*restartFunction)()) noexcept : restart(restartFunction) {}
+
+}  // namespace ThreadUtilities::platform
