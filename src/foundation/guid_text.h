@@ -1,0 +1,12 @@
+#pragma once
+
+#include <vesko/guid.h>
+
+#include "platform/text.h"
+
+namespace ThreadUtilities {
+
+/// The 36 characters of a GUID: 8-4-4-4-12 lower-case hexadecimal digits, no braces.
+WideString guidToWideString(const vesko::guid& value);
+
+}  // namespace ThreadUtilities

@@ -1,0 +1,142 @@
+#include "foundation/checked_bytes.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace ThreadUtilities {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+ByteCursor over(const Bytes& bytes) {
+    return ByteCursor(bytes.data(), bytes.size());
+}
+
+TEST(CheckedBytes, ReadsFixedWidthNumbersAtCompileTimeAndAtRunTime) {
+    static constexpr std::array<std::uint8_t, 9> bytes{0xFF, 0x34, 0x12, 0x78, 0x56,
+                                                       0x34, 0x92, 0xFE, 0xFF};
+    constexpr auto sum = [] {
+        ByteCursor cursor(bytes.data(), bytes.data() + bytes.size());
+        const bool right =
+            cursor.read<std::uint8_t>() == 0xFF && cursor.read<std::uint16_t>() == 0x1234 &&
+            cursor.read<std::uint32_t>() == 0x92345678 && cursor.read<std::int16_t>() == -2;
+        return right && cursor.ok() && cursor.atEnd();
+    };
+    static_assert(sum());
+    EXPECT_TRUE(sum());
+}
+
+TEST(CheckedBytes, AFailureIsForGood) {
+    const Bytes bytes{1, 2, 3, 4, 5};
+    ByteCursor cursor = over(bytes);
+    EXPECT_EQ(cursor.read<std::uint32_t>(), 0x04030201u);
+    EXPECT_EQ(cursor.read<std::uint16_t>(), 0u);
+    EXPECT_FALSE(cursor.ok());
+    EXPECT_TRUE(cursor.atEnd());
+    cursor.seek(0);
+    EXPECT_EQ(cursor.read<std::uint8_t>(), 0u) << "a failed cursor must not come back to life";
+    EXPECT_FALSE(cursor.sub(0).ok());
+}
+
+TEST(CheckedBytes, Leb128) {
+    struct Case {
+        Bytes bytes;
+        bool ok;
+        std::uint64_t value;
+    };
+    const Case unsignedCases[] = {
+        {{0x00}, true, 0},
+        {{0xE5, 0x8E, 0x26}, true, 624485},
+        {{0x80, 0x80, 0x00}, true, 0},
+        {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01}, true, ~0ull},
+        {{0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x02}, false, 0},
+        {{0x81, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x00}, true, 1},
+        {{0x81, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01}, false, 0},
+        {{0x80}, false, 0},
+        {{}, false, 0},
+    };
+    for (const Case& one : unsignedCases) {
+        ByteCursor cursor = over(one.bytes);
+        EXPECT_EQ(cursor.uleb128(), one.value) << testing::PrintToString(one.bytes);
+        EXPECT_EQ(cursor.ok(), one.ok) << testing::PrintToString(one.bytes);
+    }
+
+    struct SignedCase {
+        Bytes bytes;
+        bool ok;
+        std::int64_t value;
+    };
+    const auto lowest = std::numeric_limits<std::int64_t>::min();
+    const auto highest = std::numeric_limits<std::int64_t>::max();
+    const SignedCase signedCases[] = {
+        {{0x3F}, true, 63},
+        {{0x40}, true, -64},
+        {{0xC0, 0xBB, 0x78}, true, -123456},
+        {{0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x7F}, true, lowest},
+        {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00}, true, highest},
+        {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01}, false, 0},
+        {{0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F}, true, -2},
+        {{0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00}, false, 0},
+        {{0xC0, 0xBB}, false, 0},
+    };
+    for (const SignedCase& one : signedCases) {
+        ByteCursor cursor = over(one.bytes);
+        EXPECT_EQ(cursor.sleb128(), one.value) << testing::PrintToString(one.bytes);
+        EXPECT_EQ(cursor.ok(), one.ok) << testing::PrintToString(one.bytes);
+    }
+}
+
+TEST(CheckedBytes, PiecesAndPositions) {
+    const Bytes bytes{'z', 'R', 0, 9, 1, 2, 3, 4, 5};
+    ByteCursor cursor = over(bytes);
+    EXPECT_EQ(cursor.cString(), "zR");
+    EXPECT_EQ(cursor.position(), 3u);
+    cursor.alignTo(4);
+    cursor.alignTo(4);
+    EXPECT_EQ(cursor.position(), 4u);
+    ByteCursor piece = cursor.sub(2);
+    EXPECT_EQ(piece.position(), 0u);
+    EXPECT_EQ(piece.read<std::uint16_t>(), 0x0201u);
+    EXPECT_EQ(piece.read<std::uint8_t>(), 0u) << "a piece ends where it was cut";
+    EXPECT_FALSE(piece.ok());
+    EXPECT_TRUE(cursor.ok());
+    EXPECT_EQ(cursor.read<std::uint8_t>(), 3u);
+    EXPECT_EQ(cursor.data(), bytes.data() + 7);
+
+    ByteCursor whole = over(bytes);
+    whole.seek(bytes.size());
+    EXPECT_TRUE(whole.ok() && whole.atEnd());
+    whole.seek(bytes.size() + 1);
+    EXPECT_FALSE(whole.ok());
+
+    const Bytes unterminated{'a', 'b'};
+    ByteCursor noEnd = over(unterminated);
+    EXPECT_EQ(noEnd.cString(), "");
+    EXPECT_FALSE(noEnd.ok());
+
+    ByteCursor huge = over(bytes);
+    huge.skip(~std::uint64_t{0});
+    EXPECT_FALSE(huge.ok());
+}
+
+TEST(CheckedBytes, AddressArithmeticNeverWraps) {
+    constexpr std::uint64_t top = ~std::uint64_t{0};
+    static_assert(checkedAdd(top - 1, 1) == top);
+    static_assert(!checkedAdd(top, 1));
+    static_assert(checkedOffset(16, -16) == 0);
+    static_assert(!checkedOffset(15, -16));
+    static_assert(checkedOffset(top - 1, 1) == top);
+    static_assert(!checkedOffset(top, 1));
+    static_assert(checkedOffset(7, 0) == 7);
+    static_assert(checkedAlignUp(5, 4) == 8 && checkedAlignUp(8, 4) == 8);
+    static_assert(!checkedAlignUp(top, 4));
+    static_assert(isWithin(10, 10, 10, 20) && isWithin(20, 0, 10, 20));
+    static_assert(!isWithin(10, 11, 10, 20) && !isWithin(9, 1, 10, 20) && !isWithin(21, 0, 10, 20));
+    static_assert(!isWithin(15, top, 10, 20));
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
