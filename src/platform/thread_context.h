@@ -21,8 +21,13 @@ enum Register : std::uint8_t {
 
 using Registers = std::array<std::uint64_t, RegisterCount>;
 
-/// A stretch of memory, [begin, end), that can be read without a fault for as long as the thread
-/// that it was handed out for stands still. Empty when nothing is known.
+constexpr std::uint32_t registerBit(Register number) {
+    return std::uint32_t{1} << number;
+}
+inline constexpr std::uint32_t allRegisters = registerBit(RegisterCount) - 1;
+
+/// A stretch of memory, [begin, end), that can be read without a fault while the visitor that it
+/// was handed to runs. Empty when nothing is known.
 struct ReadableRange {
     std::uint64_t begin = 0;
     std::uint64_t end = 0;
@@ -30,32 +35,51 @@ struct ReadableRange {
 
 /// What a visitor gets to see of a thread.
 struct ThreadContext {
-    Registers registers;
+    Registers registers{};
+    /// One `registerBit` for each register whose value is known. Instruction and stack pointer
+    /// always are; the others are 0 where unknown.
+    std::uint32_t knownRegisters = allRegisters;
     /// The part of the thread's own stack that is known to be readable. Words outside are read
     /// through `readOwnMemory`.
     ReadableRange stack;
+    /// What to add to an address inside `stack` (modulo 2^64) to find its word: 0 where the stack
+    /// itself is read, something else where `stack` was copied beforehand.
+    std::uint64_t stackShift = 0;
+    /// Whether the thread is held while the visitor runs. If not, it may go on, return, and let
+    /// the modules be unloaded that it was in: apart from `stack`, everything found through this
+    /// context, unwind tables included, is read through `readOwnMemory`.
+    bool standsStill = true;
 };
 
-/// Context: the thread stands still, and this may be a signal handler on it: no allocation, no
-/// lock, no log, no `thread_local`, no exception.
-using ContextVisitor = void (*)(const ThreadContext& context, void* state) noexcept;
+enum class VisitorAnswer {
+    Enough,
+    RegisterMissing,  ///< a register is needed that `knownRegisters` does not name
+};
+
+/// May run more than once in one visit; the last run counts. The ones before it were given up,
+/// because a register was missing or the thread turned out to have moved meanwhile.
+///
+/// Context: may be a signal handler on the visited thread: no allocation, no lock, no log, no
+/// `thread_local`, no exception.
+using ContextVisitor = VisitorAnswer (*)(const ThreadContext& context, void* state) noexcept;
 
 enum class VisitResult {
     Visited,
     NoSuchThread,  ///< unknown, ended, or of another process
-    NotAnswering,  ///< could not be stopped in time; the visitor did not run and never will
+    NotAnswering,  ///< could not be stopped in time; what the visitor may have seen is void
 };
 
 /// Lets `visitor` see the context of thread `threadId`, which is not the calling thread.
 ///
-/// With `suspend` the thread stands still for as long as the visitor runs, and runs again on every
-/// path; without, the visitor sees a context that was true a moment ago while the thread runs on,
-/// `stack` is empty then. Any number of visits may go on at once, two threads that visit each
-/// other included. Allocates nothing. The visitor has ended when this returns.
+/// With `suspend` the context is one at which the thread stood while the visitor looked at it, and
+/// the thread runs again on every path; without, the context was true a moment ago and the thread
+/// runs on. Any number of visits may go on at once, two threads that visit each other included.
+/// Allocates nothing. The visitor has ended when this returns and never runs later.
 VisitResult visitThreadContext(unsigned int threadId, bool suspend, ContextVisitor visitor,
                                void* state) noexcept;
 
-/// The readable part of the calling thread's own stack, from about the stack pointer upward.
+/// The readable part of the calling thread's own stack, from about the stack pointer upward; empty
+/// when the thread runs on another stack than its own.
 ReadableRange currentStackRange() noexcept;
 
 }  // namespace ThreadUtilities::platform
