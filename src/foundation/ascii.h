@@ -15,19 +15,17 @@ inline WideString wideFromAscii(std::string_view ascii) {
     return WideString(ascii.begin(), ascii.end());
 }
 
-/// A wide literal without an allocation: `constexpr WideLiteral suffix("};");`.
+/// An ASCII literal as a template argument; see `wide`.
 template <std::size_t Size>
-class WideLiteral {
- public:
-    explicit consteval WideLiteral(const char (&ascii)[Size]) {
-        std::copy_n(ascii, Size, units.begin());
-    }
+struct AsciiLiteral {
+    // NOLINTNEXTLINE(google-explicit-constructor): this is what makes wide<"..."> possible.
+    consteval AsciiLiteral(const char (&ascii)[Size]) { std::copy_n(ascii, Size, units.begin()); }
 
-    /// Without the terminating NUL.
-    constexpr WideStringView view() const noexcept { return {units.data(), Size - 1}; }
-
- private:
     std::array<WideChar, Size> units{};
 };
+
+/// `wide<"};">` is the wide literal, without its NUL, on every system.
+template <AsciiLiteral literal>
+inline constexpr WideStringView wide{literal.units.data(), literal.units.size() - 1};
 
 }  // namespace ThreadUtilities

@@ -4,9 +4,9 @@
 
 #include "platform/text.h"
 
-namespace ThreadUtilities {
+namespace vesko {
 
 /// The 36 characters of a GUID: 8-4-4-4-12 lower-case hexadecimal digits, no braces.
-WideString guidToWideString(const vesko::guid& value);
+ThreadUtilities::WideString guidToWideString(const guid& value);
 
-}  // namespace ThreadUtilities
+}  // namespace vesko

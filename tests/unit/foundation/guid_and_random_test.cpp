@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <map>
+#include <set>
+#include <tuple>
+#include <vector>
+
+#include "foundation/ascii.h"
+#include "foundation/guid_text.h"
+#include "foundation/random.h"
+
+namespace vesko {
+namespace {
+
+using ThreadUtilities::wide;
+
+TEST(Guid, Text) {
+    EXPECT_EQ(guidToWideString(guid()), wide<"00000000-0000-0000-0000-000000000000">);
+    guid value;
+    value.Data1 = 0x12345678;
+    value.Data2 = 0x9ABC;
+    value.Data3 = 0xDEF0;
+    value.Data4 = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
+    EXPECT_EQ(guidToWideString(value), wide<"12345678-9abc-def0-0123-456789abcdef">);
+    value.Data1 = 0xF;
+    value.Data2 = 0xAB;
+    value.Data3 = 1;
+    value.Data4[0] = 0;
+    EXPECT_EQ(guidToWideString(value), wide<"0000000f-00ab-0001-0023-456789abcdef">);
+}
+
+struct Random : testing::Test {
+    std::function<int(int, int, bool)> original = randomIntHook;
+    ~Random() override { randomIntHook = original; }
+};
+
+TEST_F(Random, DrawsEveryValueOfTheRangeAndNoOther) {
+    std::map<int, int> drawn;
+    for (int draws = 0; draws < 20000; ++draws) {
+        ++drawn[randomIntHook(-1, 8, false)];
+    }
+    ASSERT_EQ(drawn.size(), 10u);
+    EXPECT_EQ(drawn.begin()->first, -1);
+    for (const auto& [value, count] : drawn) {
+        // Far outside of chance: 2000 is expected, and the standard deviation is 42.
+        EXPECT_GT(count, 1500) << value;
+    }
+}
+
+TEST_F(Random, SignsAreDrawnThroughTheHook) {
+    std::vector<std::tuple<int, int, bool>> asked;
+    int sign = 2;
+    randomIntHook = [&](int lo, int hi, bool randomSign) {
+        asked.emplace_back(lo, hi, randomSign);
+        return sign;
+    };
+    EXPECT_EQ(randomInt(5, 5, true), 5) << "nothing is drawn where there is no choice";
+    EXPECT_TRUE(asked.empty());
+    const int negative = randomInt(1, 10, true);
+    EXPECT_TRUE(negative >= -10 && negative <= -1) << negative;
+    sign = 1;
+    const int positive = randomInt(1, 10, true);
+    EXPECT_TRUE(positive >= 1 && positive <= 10) << positive;
+    EXPECT_EQ(asked, (std::vector{std::tuple(1, 2, false), std::tuple(1, 2, false)}));
+}
+
+TEST_F(Random, TheWholeRangeOfIntIsAllowed) {
+    const int lowest = std::numeric_limits<int>::min();
+    std::set<int> drawn;
+    for (int draws = 0; draws < 100; ++draws) {
+        drawn.insert(randomInt(lowest, std::numeric_limits<int>::max(), false));
+    }
+    EXPECT_GT(drawn.size(), 90u);
+    randomIntHook = [](int, int, bool) { return 2; };
+    // The one range whose every value shows what becomes of the lowest.
+    for (int draws = 0; draws < 50; ++draws) {
+        const int value = randomInt(lowest, lowest + 1, true);
+        EXPECT_TRUE(value == lowest || value == std::numeric_limits<int>::max()) << value;
+    }
+}
+
+}  // namespace
+}  // namespace vesko
