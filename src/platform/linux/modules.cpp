@@ -1,0 +1,26 @@
+#include "platform/modules.h"
+
+#include "platform/current.h"
+#include "platform/linux/own_modules.h"
+#include "platform/linux/process_modules.h"
+
+namespace ThreadUtilities::platform {
+
+std::vector<LoadedModule> listModules(unsigned int processId) {
+    if (processId == currentProcessId()) {
+        if (auto modules = listOwnModules()) {
+            return std::move(*modules);
+        }
+    }
+    return listProcessModules(processId);
+}
+
+std::optional<ModuleListVersion> moduleListVersion(unsigned int processId) noexcept {
+    return processId == currentProcessId() ? ownModuleListVersion() : std::nullopt;
+}
+
+bool isModulePathSeparator(WideChar unit) noexcept {
+    return unit == u'/' || unit == u'\\';
+}
+
+}  // namespace ThreadUtilities::platform

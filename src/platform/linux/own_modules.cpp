@@ -1,0 +1,185 @@
+#include "platform/linux/own_modules.h"
+
+#include <limits.h>
+#include <link.h>
+#include <sys/auxv.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+
+#include "foundation/ascii.h"
+#include "foundation/text_conversion.h"
+#include "platform/linux/elf_image.h"
+#include "platform/linux/process_map.h"
+#include "platform/linux/process_modules.h"
+
+// The loader's list is read under the loader's own lock, which glibc takes for changes of the list
+// alone and never while code of a module runs. So a thread inside `dlopen` whose constructor calls
+// the library, and waits for a lock of the library, does not hold it; therefore to walk the list
+// under any lock of the library cannot deadlock. Unmapping happens under that lock too, therefore
+// names, program headers and notes stay readable during the walk.
+//
+// The callback allocates nothing. An allocator of the host may take its own lock and then walk the
+// loader's list (heap profilers capture stacks that way); were we to allocate under the loader's
+// lock, the two threads could wait for each other.
+
+namespace ThreadUtilities::platform {
+namespace {
+
+struct FoundModule {
+    std::uint64_t base;
+    std::uint64_t size;
+    std::optional<DebugGuid> guid;
+    std::size_t nameEnd;  ///< in `LoaderWalk::names`; begins where the one before it ends
+};
+
+/// What one walk stores, and how much room it would have needed.
+struct LoaderWalk {
+    std::vector<FoundModule> modules = std::vector<FoundModule>(128);
+    std::vector<char> names = std::vector<char>(16 * 1024);
+    std::size_t moduleCount = 0;
+    std::size_t nameBytes = 0;
+    std::uint64_t loadedModules = 0;
+
+    bool fits() const { return moduleCount <= modules.size() && nameBytes <= names.size(); }
+};
+
+bool isReadableLoadSegment(const ElfW(Phdr) & segment) {
+    return segment.p_type == PT_LOAD && (segment.p_flags & PF_R) != 0;
+}
+
+std::optional<DebugGuid> readBuildId(const dl_phdr_info& info, const ElfW(Phdr) & note) {
+    const auto* const begin = info.dlpi_phdr;
+    const auto* const end = begin + info.dlpi_phnum;
+    const bool isMapped = std::any_of(begin, end, [&](const ElfW(Phdr) & segment) {
+        return isReadableLoadSegment(segment) &&
+               isWithin(note.p_vaddr, note.p_filesz, segment.p_vaddr,
+                        segment.p_vaddr + segment.p_filesz);
+    });
+    if (!isMapped) {
+        return std::nullopt;
+    }
+    const auto* const bytes = reinterpret_cast<const void*>(info.dlpi_addr + note.p_vaddr);
+    return findBuildId(ByteCursor(bytes, note.p_filesz), note.p_align);
+}
+
+FoundModule inspect(const dl_phdr_info& info) {
+    FoundModule module{};
+    std::uint64_t lowest = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t highest = 0;
+    for (std::size_t index = 0; index < info.dlpi_phnum; ++index) {
+        const auto& segment = info.dlpi_phdr[index];
+        if (segment.p_type == PT_LOAD) {
+            lowest = std::min<std::uint64_t>(lowest, pageOf(segment.p_vaddr));
+            highest = std::max<std::uint64_t>(highest, segment.p_vaddr + segment.p_memsz);
+        } else if (segment.p_type == PT_NOTE && !module.guid) {
+            module.guid = readBuildId(info, segment);
+        }
+    }
+    if (lowest < highest) {
+        module.base = info.dlpi_addr + lowest;
+        module.size = pageOf(highest + pageSize - 1) - lowest;
+    }
+    return module;
+}
+
+/// Context: the loader's lock is held; no allocation, no exception.
+int collectModule(dl_phdr_info* info, std::size_t, void* state) noexcept {
+    auto& walk = *static_cast<LoaderWalk*>(state);
+    const std::size_t nameSize = std::strlen(info->dlpi_name);
+    const std::size_t nameBegin = walk.nameBytes;
+    const std::size_t index = walk.moduleCount++;
+    walk.nameBytes += nameSize;
+    walk.loadedModules = info->dlpi_adds - info->dlpi_subs;
+    if (walk.fits()) {
+        walk.modules[index] = inspect(*info);
+        walk.modules[index].nameEnd = walk.nameBytes;
+        std::copy_n(info->dlpi_name, nameSize, walk.names.begin() + nameBegin);
+    }
+    return 0;
+}
+
+/// Walks until everything fits. Only modules that are loaded between two walks cost another one.
+LoaderWalk walkLoaderList() {
+    LoaderWalk walk;
+    dl_iterate_phdr(collectModule, &walk);
+    while (!walk.fits()) {
+        walk.modules.resize(std::max(walk.modules.size(), walk.moduleCount + 16));
+        walk.names.resize(std::max(walk.names.size(), walk.nameBytes + PATH_MAX));
+        walk.moduleCount = 0;
+        walk.nameBytes = 0;
+        dl_iterate_phdr(collectModule, &walk);
+    }
+    return walk;
+}
+
+/// The loader has no name for the program itself.
+std::string programPath(std::uint64_t programBase) {
+    // A loader that was started as the program, with the real program as its argument, is what
+    // the link shows then; such a process has no base address of an interpreter.
+    if (getauxval(AT_BASE) == 0) {
+        return ownMappedFilePath(programBase);
+    }
+    // By way of the thread: the process's own link is gone once its first thread has ended.
+    char target[PATH_MAX];
+    const ssize_t size = readlink("/proc/thread-self/exe", target, sizeof(target));
+    if (size > 0) {
+        return mappedFilePath(std::string_view(target, static_cast<std::size_t>(size)));
+    }
+    const auto* const startedAs = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
+    return startedAs != nullptr ? startedAs : "";
+}
+
+WideString pathOf(const FoundModule& module, std::string_view loaderName) {
+    if (!loaderName.empty()) {
+        return utf8ToWide(loaderName);
+    }
+    if (module.base == getauxval(AT_SYSINFO_EHDR)) {
+        return wideFromAscii(kernelImageName);
+    }
+    return utf8ToWide(programPath(module.base));
+}
+
+}  // namespace
+
+std::optional<std::vector<LoadedModule>> listOwnModules() {
+    const LoaderWalk walk = walkLoaderList();
+    if (walk.loadedModules > walk.moduleCount) {
+        return std::nullopt;
+    }
+    std::vector<LoadedModule> modules;
+    modules.reserve(walk.moduleCount);
+    std::size_t nameBegin = 0;
+    for (std::size_t index = 0; index < walk.moduleCount; ++index) {
+        const FoundModule& found = walk.modules[index];
+        const std::string_view name(walk.names.data() + nameBegin, found.nameEnd - nameBegin);
+        nameBegin = found.nameEnd;
+        WideString path = pathOf(found, name);
+        if (!path.empty() && found.size != 0) {
+            modules.push_back({std::move(path), found.base, found.size, found.guid});
+        }
+    }
+    return modules;
+}
+
+std::optional<ModuleListVersion> ownModuleListVersion() noexcept {
+    std::optional<ModuleListVersion> version;
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, std::size_t size, void* state) noexcept {
+            constexpr std::size_t countsEnd =
+                offsetof(dl_phdr_info, dlpi_subs) + sizeof(info->dlpi_subs);
+            if (size >= countsEnd) {
+                *static_cast<std::optional<ModuleListVersion>*>(state) = {info->dlpi_adds,
+                                                                          info->dlpi_subs};
+            }
+            return 1;  // the counts are the same in every entry
+        },
+        &version);
+    return version;
+}
+
+}  // namespace ThreadUtilities::platform

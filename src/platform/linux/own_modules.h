@@ -1,0 +1,19 @@
+#pragma once
+
+// The calling process's modules, as its loader knows them.
+
+#include <optional>
+#include <vector>
+
+#include "platform/modules.h"
+
+namespace ThreadUtilities::platform {
+
+/// The modules in the loader's order. None when the loader does not show all of them (it hides
+/// those of other link-map namespaces).
+std::optional<std::vector<LoadedModule>> listOwnModules();
+
+/// The loader's counts of modules loaded and unloaded since the start of the process.
+std::optional<ModuleListVersion> ownModuleListVersion() noexcept;
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,182 @@
+#include "platform/linux/process_modules.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <span>
+
+#include "foundation/ascii.h"
+#include "foundation/text_conversion.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/elf_image.h"
+#include "platform/linux/image_reader.h"
+#include "platform/linux/process_map.h"
+
+namespace ThreadUtilities::platform {
+namespace {
+
+/// More than the kernel's default limit of 65,530 mappings can fill with usual paths.
+constexpr std::size_t longestMap = 64 * 1024 * 1024;
+constexpr std::size_t longestNotes = 64 * 1024;
+constexpr std::string_view kernelImageMark = "[vdso]";
+
+std::string readText(const std::string& path, std::size_t limit) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text;
+    std::size_t size = 0;
+    while (file.isOpen() && size < limit) {
+        text.resize(std::max<std::size_t>(2 * size, 32 * 1024));
+        const ssize_t count = read(file.get(), text.data() + size, text.size() - size);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            break;
+        }
+        size += static_cast<std::size_t>(count);
+    }
+    text.resize(size);
+    return text;
+}
+
+/// A process, by way of one of its threads that still has the process's memory.
+struct LiveTask {
+    pid_t id = 0;
+    std::string mapText;
+};
+
+/// A first thread that has ended shows an empty map although the others run on.
+LiveTask findLiveTask(unsigned int processId) {
+    const std::string folder = "/proc/" + std::to_string(processId);
+    LiveTask task{static_cast<pid_t>(processId), readText(folder + "/maps", longestMap)};
+    if (!task.mapText.empty()) {
+        return task;
+    }
+    const std::unique_ptr<DIR, int (*)(DIR*)> threads(opendir((folder + "/task").c_str()),
+                                                      closedir);
+    while (threads && task.mapText.empty()) {
+        const dirent* const entry = readdir(threads.get());
+        if (entry == nullptr) {
+            break;
+        }
+        task.id = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
+        if (task.id != 0) {
+            task.mapText = readText("/proc/" + std::to_string(task.id) + "/maps", longestMap);
+        }
+    }
+    return task;
+}
+
+struct Image {
+    std::uint64_t end = 0;
+    std::optional<DebugGuid> guid;
+};
+
+std::optional<DebugGuid> readBuildId(const ImageReader& reader, const ElfImage& image) {
+    for (const NoteSegment& note : image.notes) {
+        std::vector<std::uint8_t> bytes(std::min<std::uint64_t>(note.size, longestNotes));
+        const std::size_t size = reader.read(note.imageOffset, note.fileOffset, bytes);
+        if (const auto guid = findBuildId(ByteCursor(bytes.data(), size), note.alignment)) {
+            return guid;
+        }
+    }
+    return std::nullopt;
+}
+
+/// Whether any of the memory from here up to the start of another mapped file is code. Spares the
+/// files that are mapped as data from being read.
+bool mayHoldCode(std::span<const MappedRange> ranges) {
+    for (const MappedRange& range : ranges) {
+        if (range.fileOffset == 0 && !range.name.empty() && range.name != ranges.front().name) {
+            return false;
+        }
+        if (range.isExecutable) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Where the last of the ranges ends that begin below `limit` and belong to the image: those of
+/// the image's file, and memory without a file that adjoins them (zero-initialised data).
+std::uint64_t mappedEnd(std::span<const MappedRange> ranges, std::uint64_t limit) {
+    std::uint64_t end = ranges.front().end;
+    for (const MappedRange& range : ranges.subspan(1)) {
+        if (range.begin >= limit) {
+            break;
+        }
+        if (range.name == ranges.front().name || (range.name.empty() && range.begin == end)) {
+            end = range.end;
+        }
+    }
+    return std::min(end, limit);
+}
+
+/// The module that begins with the first of these ranges, if one does.
+std::optional<LoadedModule> readModule(pid_t task, std::span<const MappedRange> ranges) {
+    const MappedRange& first = ranges.front();
+    const bool isKernelImage = first.name == kernelImageMark;
+    if (first.fileOffset != 0 || !(isKernelImage || first.name.starts_with('/')) ||
+        !mayHoldCode(ranges)) {
+        return std::nullopt;
+    }
+    LoadedModule module;
+    module.path =
+        isKernelImage ? wideFromAscii(kernelImageName) : utf8ToWide(mappedFilePath(first.name));
+    module.imageBase = first.begin;
+    const ImageReader reader(task, first);
+    std::array<std::uint8_t, pageSize> start;
+    const std::size_t size = reader.read(0, 0, start);
+    std::uint64_t limit = ranges.back().end;
+    if (size != 0) {
+        const auto image = parseElfImage(ByteCursor(start.data(), size));
+        const auto end = image ? checkedAdd(first.begin, image->size) : std::nullopt;
+        if (!end) {
+            return std::nullopt;
+        }
+        limit = *end;
+        module.debugGuid = readBuildId(reader, *image);
+    }
+    module.imageSize = mappedEnd(ranges, limit) - module.imageBase;
+    return module;
+}
+
+}  // namespace
+
+std::vector<LoadedModule> listProcessModules(unsigned int processId) {
+    const LiveTask task = findLiveTask(processId);
+    const std::vector<MappedRange> ranges = parseProcessMap(task.mapText);
+    std::vector<LoadedModule> modules;
+    std::uint64_t listedEnd = 0;
+    for (std::size_t index = 0; index < ranges.size(); ++index) {
+        // A small file's data may be a second mapping of its first page.
+        if (ranges[index].begin < listedEnd) {
+            continue;
+        }
+        if (auto module = readModule(task.id, std::span(ranges).subspan(index))) {
+            listedEnd = module->imageBase + module->imageSize;
+            modules.push_back(std::move(*module));
+        }
+    }
+    return modules;
+}
+
+std::string ownMappedFilePath(std::uint64_t address) {
+    const std::string text = readText("/proc/thread-self/maps", longestMap);
+    for (const MappedRange& range : parseProcessMap(text)) {
+        if (range.begin <= address && address < range.end && range.name.starts_with('/')) {
+            return mappedFilePath(range.name);
+        }
+    }
+    return {};
+}
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,237 @@
+// Modules that come, go and change under the list.
+
+#include <ThreadUtilities/StackTrace.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "foundation/text_conversion.h"
+#include "platform/linux/image_reader.h"
+#include "platform/modules.h"
+#include "system/modules/child_process.h"
+
+extern "C" {
+// What the plugin's initialiser calls.
+extern void (*pluginInitialiserHook)();
+void (*pluginInitialiserHook)() = nullptr;
+}
+
+namespace ThreadUtilities {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr platform::DebugGuid pluginGuid{0xDE, 0xAD, 0xBE, 0xEF};
+
+unsigned int ownId() {
+    return static_cast<unsigned int>(getpid());
+}
+
+/// A folder of its own that goes with it.
+class ScratchFolder {
+ public:
+    ScratchFolder() {
+        std::string pattern = (fs::temp_directory_path() / "modules_test_XXXXXX").string();
+        path = mkdtemp(pattern.data());
+    }
+    ~ScratchFolder() { fs::remove_all(path); }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    fs::path copyOfPlugin(const std::string& name) const {
+        fs::copy_file(MODULES_TEST_PLUGIN, path / name);
+        return path / name;
+    }
+
+    fs::path path;
+};
+
+class Plugin {
+ public:
+    explicit Plugin(const fs::path& path) : handle(dlopen(path.c_str(), RTLD_NOW)) {}
+    Plugin(const fs::path& path, Lmid_t space) : handle(dlmopen(space, path.c_str(), RTLD_NOW)) {}
+    ~Plugin() {
+        if (handle != nullptr) {
+            dlclose(handle);
+        }
+    }
+    Plugin(const Plugin&) = delete;
+    Plugin& operator=(const Plugin&) = delete;
+
+    bool isLoaded() const { return handle != nullptr; }
+    unsigned long long address() const {
+        return reinterpret_cast<unsigned long long>(dlsym(handle, "pluginFunction")) + 1;
+    }
+
+ private:
+    void* handle;
+};
+
+std::string pathAt(unsigned int processId, unsigned long long address, platform::DebugGuid& guid) {
+    for (const auto& module : platform::listModules(processId)) {
+        if (module.imageBase < address && address - module.imageBase < module.imageSize) {
+            guid = module.debugGuid.value_or(platform::DebugGuid{});
+            return wideToUtf8(module.path);
+        }
+    }
+    return "";
+}
+
+TEST(ModuleChanges, LoadedAndUnloadedModulesAreSeen) {
+    const auto before = platform::moduleListVersion(ownId());
+    ASSERT_TRUE(before);
+    EXPECT_EQ(platform::moduleListVersion(ownId()), before);
+    unsigned long long address = 0;
+    {
+        const Plugin plugin(MODULES_TEST_PLUGIN);
+        ASSERT_TRUE(plugin.isLoaded());
+        address = plugin.address();
+        EXPECT_NE(platform::moduleListVersion(ownId()), before);
+        const std::wstring text = getFrameDetails(0, address);
+        EXPECT_NE(text.find(L"{EFBEADDE-0000-0000-0000-000000000000};"), std::wstring::npos)
+            << std::string(text.begin(), text.end());
+    }
+    EXPECT_NE(platform::moduleListVersion(ownId()), before) << "loaded and unloaded is a change";
+    getFrameDetails(0, 1);  // a miss, which renews
+    EXPECT_EQ(getFrameDetails(0, address), L"");
+}
+
+TEST(ModuleChanges, NamesAndIdentityAreThoseOfTheMappedFile) {
+    const ScratchFolder folder;
+    for (const std::string name : {"plain.so", "two words.so", "ends (deleted).so", "ümlaut.so"}) {
+        const fs::path path = folder.copyOfPlugin(name);
+        const Plugin plugin(path);
+        ASSERT_TRUE(plugin.isLoaded()) << name;
+        const ChildProcess child([] { pause(); });
+        platform::DebugGuid guid{};
+        EXPECT_EQ(pathAt(child.id(), plugin.address(), guid), path);
+        EXPECT_EQ(guid, pluginGuid);
+
+        // Another program's file takes the name; then nothing has it.
+        fs::copy_file("/proc/self/exe", folder.path / "other");
+        fs::rename(folder.path / "other", path);
+        for (const unsigned int process : {child.id(), ownId()}) {
+            guid = {};
+            EXPECT_EQ(pathAt(process, plugin.address(), guid), path);
+            EXPECT_EQ(guid, pluginGuid) << "replaced on disk";
+        }
+        fs::remove(path);
+        for (const unsigned int process : {child.id(), ownId()}) {
+            guid = {};
+            EXPECT_EQ(pathAt(process, plugin.address(), guid), path);
+            EXPECT_EQ(guid, pluginGuid) << "deleted";
+        }
+    }
+}
+
+TEST(ModuleChanges, ModulesOfOtherLinkMapNamespacesAreListed) {
+    const Plugin plugin(MODULES_TEST_PLUGIN, LM_ID_NEWLM);
+    if (!plugin.isLoaded()) {
+        GTEST_SKIP() << "no second link-map namespace: " << dlerror();
+    }
+    platform::DebugGuid guid{};
+    EXPECT_EQ(pathAt(ownId(), plugin.address(), guid), MODULES_TEST_PLUGIN);
+    EXPECT_EQ(guid, pluginGuid);
+}
+
+std::atomic<int> hookCalls = 0;
+
+TEST(ModuleChanges, LookupsFromAModulesInitialiserDoNotWaitForTheLoader) {
+    pluginInitialiserHook = [] {
+        getFrameDetails(0, 1);
+        ++hookCalls;
+    };
+    constexpr int loads = 300;
+    std::atomic<bool> stop = false;
+    {
+        std::vector<std::jthread> readers;
+        for (int index = 0; index < 2; ++index) {
+            readers.emplace_back([&] {
+                while (!stop) {
+                    getFrameDetails(0, 1);
+                    platform::listModules(ownId());
+                }
+            });
+        }
+        for (int index = 0; index < loads; ++index) {
+            const Plugin plugin(MODULES_TEST_PLUGIN);
+            EXPECT_NE(getFrameDetails(0, plugin.address()), L"");
+        }
+        stop = true;
+    }
+    pluginInitialiserHook = nullptr;
+    EXPECT_EQ(hookCalls, loads);
+}
+
+TEST(ModuleChanges, ACopyOfTheProcessCanLookUpWhateverLocksWereHeld) {
+    std::atomic<bool> stop = false;
+    std::jthread busy([&] {
+        while (!stop) {
+            getFrameDetails(static_cast<unsigned int>(getppid()), 1);  // slow: a map is read
+            getFrameDetails(0, 1);
+        }
+    });
+    const auto address = reinterpret_cast<unsigned long long>(&fgets) + 4;
+    for (int round = 0; round < 100; ++round) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(60);  // ends a child that hangs
+            _exit(getFrameDetails(0, address).empty() ? 1 : 0);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        ASSERT_EQ(status, 0) << "round " << round;
+    }
+    stop = true;
+}
+
+TEST(ModuleChanges, LookupsLeaveNoDescriptorOpen) {
+    const auto openDescriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
+    const ChildProcess child([] { pause(); });
+    getFrameDetails(child.id(), 1);
+    const auto before = openDescriptors();
+    getFrameDetails(child.id(), 1);
+    getFrameDetails(0xFFFFFFFF, 1);
+    getFrameDetails(0, 1);
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(ImageReader, TakesTheFileWhereTheMemoryCannotBeRead) {
+    const ScratchFolder folder;
+    const std::string path = folder.copyOfPlugin("a b.so").string();
+    struct stat facts {};
+    ASSERT_EQ(stat(path.c_str(), &facts), 0);
+    const auto firstByte = [](const std::string& name, std::uint64_t inode) {
+        platform::MappedRange unmapped;
+        unmapped.begin = 0x1000;
+        unmapped.end = 0x2000;
+        unmapped.inode = inode;
+        unmapped.name = name;
+        const platform::ImageReader reader(getpid(), unmapped);
+        std::uint8_t byte = 0;
+        return reader.read(0, 1, {&byte, 1}) == 1 ? byte : 0;
+    };
+    EXPECT_EQ(firstByte(path, facts.st_ino), 'E');
+    EXPECT_EQ(firstByte(path, facts.st_ino + 1), 0) << "another file under the same name";
+    EXPECT_EQ(firstByte("/no/such/file", 1), 0);
+    EXPECT_EQ(firstByte("[heap]", 0), 0);
+
+    const std::string pipePath = (folder.path / "pipe").string();
+    ASSERT_EQ(mkfifo(pipePath.c_str(), 0600), 0);
+    ASSERT_EQ(stat(pipePath.c_str(), &facts), 0);
+    EXPECT_EQ(firstByte(pipePath, facts.st_ino), 0) << "nobody writes into this pipe";
+    fs::create_symlink(path, folder.path / "link");
+    ASSERT_EQ(stat(path.c_str(), &facts), 0);
+    EXPECT_EQ(firstByte((folder.path / "link").string(), facts.st_ino), 0);
+}
+
+}  // namespace
+}  // namespace ThreadUtilities

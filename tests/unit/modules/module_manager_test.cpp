@@ -1,0 +1,139 @@
+#include "stack/module_manager.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <latch>
+#include <thread>
+
+#include "foundation/ascii.h"
+#include "scripted_platform/modules_script.h"
+
+namespace ThreadUtilities {
+namespace {
+
+using platform::LoadedModule;
+
+constexpr unsigned int process = 41;
+constexpr unsigned int otherProcess = 42;
+
+LoadedModule moduleAt(std::uint64_t base, std::uint64_t size, std::string_view path) {
+    return {wideFromAscii(path), base, size, std::nullopt};
+}
+
+class ModuleManagerTest : public testing::Test {
+ protected:
+    ModuleManagerTest() { scripted::resetModules(); }
+
+    std::string findPath(unsigned int processId, unsigned long long address) {
+        const WideString path = manager.findModule(processId, address).path;
+        return {path.begin(), path.end()};
+    }
+
+    /// Renewals that one lookup costs.
+    int renewals(unsigned int processId, unsigned long long address) {
+        const int before = scripted::moduleListings();
+        manager.findModule(processId, address);
+        return scripted::moduleListings() - before;
+    }
+
+    ModuleManager manager;
+};
+
+TEST_F(ModuleManagerTest, BothBoundsAreStrict) {
+    constexpr std::uint64_t top = ~std::uint64_t{0};
+    scripted::setModules(process, {moduleAt(0x1000, 0x2000, "/a"), moduleAt(0x3000, 0x10, "/b"),
+                                   moduleAt(top - 0xFFF, 0x1000, "/top")});
+    const struct {
+        unsigned long long address;
+        const char* path;
+    } cases[] = {
+        {0xFFF, ""},       {0x1000, ""},   {0x1001, "/a"},    {0x2FFF, "/a"},
+        {0x3000, ""},      {0x3001, "/b"}, {0x300F, "/b"},    {0x3010, ""},
+        {top - 1, "/top"}, {top, "/top"},  {top - 0xFFF, ""},
+    };
+    for (const auto& one : cases) {
+        EXPECT_EQ(findPath(process, one.address), one.path) << std::hex << one.address;
+    }
+}
+
+TEST_F(ModuleManagerTest, TheFirstOfOverlappingModulesAnswers) {
+    scripted::setModules(process,
+                         {moduleAt(0x2000, 0x1000, "/first"), moduleAt(0x1000, 0x5000, "/wide")});
+    EXPECT_EQ(findPath(process, 0x2800), "/first");
+    EXPECT_EQ(findPath(process, 0x2000), "/wide");
+}
+
+TEST_F(ModuleManagerTest, RenewsForAnotherProcessAndOnAMissOnly) {
+    scripted::setModules(process, {moduleAt(0x1000, 0x1000, "/a")});
+    scripted::setModules(otherProcess, {moduleAt(0x1000, 0x1000, "/b")});
+    EXPECT_EQ(renewals(process, 0x1800), 1);
+    EXPECT_EQ(renewals(process, 0x1801), 0);
+    EXPECT_EQ(renewals(process, 0x9000), 1) << "a miss renews once and is final";
+    EXPECT_EQ(renewals(process, 0x9000), 1) << "and is not remembered";
+    EXPECT_EQ(renewals(process, 0), 0);
+    EXPECT_EQ(renewals(otherProcess, 0), 1) << "the process comes before the address";
+    EXPECT_EQ(findPath(otherProcess, 0x1800), "/b");
+    EXPECT_EQ(renewals(process, 0x1800), 1);
+    EXPECT_EQ(renewals(otherProcess, 0x1800), 1);
+}
+
+TEST_F(ModuleManagerTest, AProcessWithoutModulesIsAskedEachTime) {
+    EXPECT_EQ(renewals(otherProcess, 0x1800), 1);
+    EXPECT_EQ(renewals(otherProcess, 0x1800), 1);
+    EXPECT_EQ(renewals(otherProcess, 0), 0);
+    scripted::setModules(otherProcess, {moduleAt(0x1000, 0x1000, "/late")});
+    EXPECT_EQ(findPath(otherProcess, 0x1800), "/late");
+}
+
+TEST_F(ModuleManagerTest, AListOfTheSameVersionStays) {
+    scripted::setModules(process, {moduleAt(0x1000, 0x1000, "/a")}, {{5, 0}});
+    EXPECT_EQ(renewals(process, 0x1800), 1);
+    EXPECT_EQ(renewals(process, 0x9000), 0);
+    scripted::setModules(process, {moduleAt(0x9000, 0x1000, "/b")}, {{6, 1}});
+    EXPECT_EQ(findPath(process, 0x9800), "/b");
+    EXPECT_EQ(findPath(process, 0x1800), "");
+    // The version is the process's own: an equal one of another process says nothing.
+    scripted::setModules(otherProcess, {moduleAt(0x1000, 0x1000, "/c")}, {{6, 1}});
+    EXPECT_EQ(findPath(otherProcess, 0x1800), "/c");
+    EXPECT_EQ(findPath(process, 0x9800), "/b");
+}
+
+TEST_F(ModuleManagerTest, AnUnloadedModuleIsFoundUntilTheNextRenewal) {
+    scripted::setModules(process, {moduleAt(0x1000, 0x1000, "/gone")});
+    const ModuleRecord record = manager.findModule(process, 0x1800);
+    scripted::setModules(process, {});
+    EXPECT_EQ(findPath(process, 0x1800), "/gone");
+    EXPECT_EQ(findPath(process, 0x9000), "");
+    EXPECT_EQ(findPath(process, 0x1800), "");
+    EXPECT_EQ(record.moduleInfo->lpBaseOfDll, 0x1000u) << "a copy outlives the list";
+    EXPECT_EQ(record.moduleInfo->SizeOfImage, 0x1000u);
+}
+
+TEST_F(ModuleManagerTest, NothingFoundIsAnEmptyRecord) {
+    const ModuleRecord record = manager.findModule(process, 0x1800);
+    EXPECT_TRUE(record.path.empty());
+    EXPECT_TRUE(record.pdbGuid.empty());
+    EXPECT_EQ(record.moduleInfo, nullptr);
+}
+
+TEST(ModuleManagerInstance, FirstCallsAtOnceMakeOneManager) {
+    std::array<std::shared_ptr<ModuleManager>, 4> seen;
+    std::latch start(seen.size());
+    {
+        std::vector<std::jthread> threads;
+        for (auto& instance : seen) {
+            threads.emplace_back([&] {
+                start.arrive_and_wait();
+                instance = ModuleManager::getInstance();
+            });
+        }
+    }
+    for (const auto& instance : seen) {
+        EXPECT_EQ(instance, seen[0]);
+        EXPECT_NE(instance, nullptr);
+    }
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
