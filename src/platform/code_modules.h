@@ -1,0 +1,37 @@
+#pragma once
+
+// The loaded modules as an unwinder sees them.
+
+#include <cstdint>
+
+#include "platform/thread_context.h"
+
+namespace ThreadUtilities::platform {
+
+/// The module that covers a code address.
+struct CodeModule {
+    std::uint64_t begin = 0;  ///< lowest mapped address
+    std::uint64_t end = 0;    ///< end of the highest mapping
+    /// Address of the module's unwind table index (LSB, `.eh_frame_hdr`); 0 when it has none.
+    std::uint64_t unwindHeader = 0;
+    /// Tells the module from every other one that may take its place in memory once it has been
+    /// unloaded, however alike the loader's records of the two are. 0 when the module carries
+    /// nothing that could prove that: what is known of its code must not be kept beyond one walk.
+    std::uint64_t identity = 0;
+};
+
+/// Binds what the lookups need of the system. Takes the loader's locks: never while a thread
+/// stands still. Nearly free after the first time.
+void prepareModuleLookup() noexcept;
+
+/// Finds the module that covers `address`; false when there is none. The module must stay loaded
+/// until the call returns, which holds for code that has a frame on a thread that stands still.
+/// Context: target stopped, or signal handler; no allocation, no lock, no log.
+bool findCodeModule(std::uint64_t address, CodeModule& module) noexcept;
+
+/// The stretch of the module's image around `address` that can be read without a fault for as
+/// long as the module is loaded; empty when there is none.
+/// Context: as `findCodeModule`.
+ReadableRange readableSegment(const CodeModule& module, std::uint64_t address) noexcept;
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,73 @@
+#include "stack/cfi/table_step.h"
+
+#include "stack/cfi/apply_row.h"
+#include "stack/cfi/cfa_program.h"
+#include "stack/cfi/frame_description.h"
+
+namespace ThreadUtilities::cfi {
+namespace {
+
+std::optional<WalkEnd> findDescription(const platform::CodeModule& module, std::uint64_t address,
+                                       FrameDescription& description) noexcept {
+    if (module.unwindHeader == 0) {
+        return WalkEnd::NoUnwindData;
+    }
+    UnwindTables tables;
+    tables.header = module.unwindHeader;
+    tables.headerBytes = platform::readableSegment(module, tables.header);
+    tables.frames = framesOfHeader(tables.header, tables.headerBytes);
+    tables.frameBytes = platform::readableSegment(module, tables.frames);
+    switch (findFrameDescription(tables, address, description)) {
+        case LookupResult::Found:
+            return std::nullopt;
+        case LookupResult::NotCovered:
+            return WalkEnd::NoUnwindData;
+        case LookupResult::Malformed:
+            break;
+    }
+    return WalkEnd::Unreadable;
+}
+
+/// What a step needs of the tables. Found in a function of its own, so that the memory that the
+/// search and the program take is free again when expressions are evaluated.
+struct Found {
+    UnwindRow row;
+    std::uint64_t returnAddressColumn = 0;
+    const std::uint8_t* tableEnd = nullptr;
+    bool isSignalFrame = false;
+};
+
+[[gnu::noinline]] std::optional<WalkEnd> findRow(const platform::CodeModule& module,
+                                                 std::uint64_t address, Found& found) noexcept {
+    FrameDescription description;
+    if (const auto end = findDescription(module, address, description)) {
+        return end;
+    }
+    if (!rowAt(description, address, found.row)) {
+        return WalkEnd::Unreadable;
+    }
+    found.returnAddressColumn = description.returnAddressColumn;
+    found.tableEnd = description.tableEnd;
+    found.isSignalFrame = description.isSignalFrame;
+    return std::nullopt;
+}
+
+}  // namespace
+
+TableStep stepByTables(const platform::CodeModule& module, std::uint64_t address,
+                       RegisterFile& registers, StackWords& words) noexcept {
+    TableStep step;
+    Found found;
+    step.end = findRow(module, address, found);
+    if (step.end) {
+        return step;
+    }
+    step.isSignalFrame = found.isSignalFrame;
+    if (!found.isSignalFrame) {
+        step.rule = CompiledRule::of(found.row, found.returnAddressColumn);
+    }
+    step.end = applyRow(found.row, found.returnAddressColumn, found.tableEnd, registers, words);
+    return step;
+}
+
+}  // namespace ThreadUtilities::cfi
