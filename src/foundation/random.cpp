@@ -26,7 +26,7 @@ std::mt19937 seededEngine() {
 // forever in a copy of the process.
 alignas(Generator) std::byte generatorStorage[sizeof(Generator)];
 constinit std::atomic<Generator*> sharedGenerator = nullptr;
-constinit std::mutex creationMutex;
+std::mutex creationMutex;
 
 // Nothing of the old generator is touched: its mutex may be held by a thread that the copy does
 // not have, and going on from its state would give the copy the numbers of the original.

@@ -110,8 +110,8 @@ Decoded decodeFront(std::string_view text) noexcept {
     return {codePoint, sequence.following + 1};
 }
 
-Decoded decodeFront(std::u16string_view text) noexcept {
-    const char16_t unit = text[0];
+Decoded decodeFront(WideStringView text) noexcept {
+    const WideChar unit = text[0];
     if (unit < 0xD800 || unit > 0xDFFF) {
         return {unit, 1};
     }
@@ -122,13 +122,13 @@ Decoded decodeFront(std::u16string_view text) noexcept {
     return {0x10000 + ((unit - 0xD800U) << 10) + (text[1] - 0xDC00U), 2};
 }
 
-void encode(char32_t codePoint, Output<char16_t>& out) noexcept {
+void encode(char32_t codePoint, Output<WideChar>& out) noexcept {
     if (codePoint < 0x10000) {
-        out.put(static_cast<char16_t>(codePoint));
+        out.put(static_cast<WideChar>(codePoint));
         return;
     }
-    out.put(static_cast<char16_t>(0xD800 + ((codePoint - 0x10000) >> 10)));
-    out.put(static_cast<char16_t>(0xDC00 + (codePoint & 0x3FF)));
+    out.put(static_cast<WideChar>(0xD800 + ((codePoint - 0x10000) >> 10)));
+    out.put(static_cast<WideChar>(0xDC00 + (codePoint & 0x3FF)));
 }
 
 void encode(char32_t codePoint, Output<char>& out) noexcept {
@@ -171,11 +171,11 @@ std::size_t convert(std::basic_string_view<From> text, To* buffer, std::size_t c
 
 }  // namespace
 
-std::size_t utf8ToUtf16(std::string_view text, char16_t* out, std::size_t capacity) noexcept {
+std::size_t utf8ToUtf16(std::string_view text, WideChar* out, std::size_t capacity) noexcept {
     return convert(text, out, capacity);
 }
 
-std::size_t utf16ToUtf8(std::u16string_view text, char* out, std::size_t capacity) noexcept {
+std::size_t utf16ToUtf8(WideStringView text, char* out, std::size_t capacity) noexcept {
     return convert(text, out, capacity);
 }
 

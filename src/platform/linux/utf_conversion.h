@@ -6,12 +6,14 @@
 #include <cstddef>
 #include <string_view>
 
+#include "platform/text.h"
+
 namespace ThreadUtilities::platform {
 
 /// Writes the converted text to `out`, which has room for `capacity` units, and returns its
 /// length. With `out` null, or where the room does not suffice, nothing lies beyond `capacity` and
 /// the length is that of the whole result all the same.
-std::size_t utf8ToUtf16(std::string_view text, char16_t* out, std::size_t capacity) noexcept;
-std::size_t utf16ToUtf8(std::u16string_view text, char* out, std::size_t capacity) noexcept;
+std::size_t utf8ToUtf16(std::string_view text, WideChar* out, std::size_t capacity) noexcept;
+std::size_t utf16ToUtf8(WideStringView text, char* out, std::size_t capacity) noexcept;
 
 }  // namespace ThreadUtilities::platform

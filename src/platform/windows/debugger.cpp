@@ -1,0 +1,11 @@
+#include "platform/debugger.h"
+
+#include <windows.h>
+
+namespace ThreadUtilities::platform {
+
+bool isDebuggerAttached() noexcept {
+    return IsDebuggerPresent() != 0;
+}
+
+}  // namespace ThreadUtilities::platform

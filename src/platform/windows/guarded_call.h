@@ -1,0 +1,13 @@
+#pragma once
+
+namespace ThreadUtilities::platform {
+
+/// Calls `function(argument)`. True when a structured exception (an access fault, say) ended the
+/// call; every exception is accepted, and none goes further.
+///
+/// Destructors of the frames between the fault and this call do not run, so `function` owns
+/// nothing. What it leaves behind for its caller is written through `argument`. Costs a few
+/// nanoseconds when nothing happens.
+extern "C" int threadUtilitiesGuardedCall(void (*function)(void*), void* argument) noexcept;
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,139 @@
+#include "platform/thread_context.h"
+
+#include <windows.h>
+
+#include <chrono>
+
+#include "platform/windows/handle.h"
+#include "platform/windows/visit_order.h"
+
+namespace ThreadUtilities::platform {
+namespace {
+
+static_assert(THREAD_ALL_ACCESS == 0x1FFFFF);
+static_assert(CONTEXT_FULL == 0x10000B && sizeof(CONTEXT) == 1232);
+
+// Neither allocates nor needs a constructor.
+class SlimLock {
+ public:
+    void lock() noexcept { AcquireSRWLockExclusive(&lock_); }
+    void unlock() noexcept { ReleaseSRWLockExclusive(&lock_); }
+
+ private:
+    SRWLOCK lock_ = SRWLOCK_INIT;
+};
+
+using Order = VisitOrder<SlimLock>;
+constinit Order order;
+
+// A visit lasts microseconds. A visitor that goes on for this long is itself held by something.
+constexpr std::chrono::seconds patience{1};
+
+bool beginVisit(Order::Visit& visit, unsigned int target) noexcept {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!visit.tryBegin(target)) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        SwitchToThread();
+    }
+    return true;
+}
+
+/// Stops a thread for the length of a scope. Resumes only what it suspended: a resume without its
+/// suspension would end one that somebody else made.
+class Suspension {
+ public:
+    explicit Suspension(HANDLE thread) noexcept
+        : thread_(thread), isInForce_(SuspendThread(thread) != static_cast<DWORD>(-1)) {}
+    ~Suspension() {
+        if (isInForce_) {
+            ResumeThread(thread_);
+        }
+    }
+
+    Suspension(const Suspension&) = delete;
+    Suspension& operator=(const Suspension&) = delete;
+
+    bool isInForce() const noexcept { return isInForce_; }
+
+ private:
+    HANDLE thread_;
+    bool isInForce_;
+};
+
+Registers registersOf(const CONTEXT& context) noexcept {
+    Registers registers{};
+    registers[Rax] = context.Rax;
+    registers[Rdx] = context.Rdx;
+    registers[Rcx] = context.Rcx;
+    registers[Rbx] = context.Rbx;
+    registers[Rsi] = context.Rsi;
+    registers[Rdi] = context.Rdi;
+    registers[Rbp] = context.Rbp;
+    registers[Rsp] = context.Rsp;
+    registers[R8] = context.R8;
+    registers[R9] = context.R9;
+    registers[R10] = context.R10;
+    registers[R11] = context.R11;
+    registers[R12] = context.R12;
+    registers[R13] = context.R13;
+    registers[R14] = context.R14;
+    registers[R15] = context.R15;
+    registers[Rip] = context.Rip;
+    return registers;
+}
+
+VisitResult readAndShow(HANDLE thread, bool standsStill, ContextVisitor visitor,
+                        void* state) noexcept {
+    CONTEXT context{};
+    context.ContextFlags = CONTEXT_FULL;
+    if (GetThreadContext(thread, &context) == 0) {
+        return VisitResult::NoSuchThread;
+    }
+    // All registers are known, so the visitor's answer can only be that it has enough. The bounds
+    // of the thread's stack are not asked for: its walk runs under a guard.
+    ThreadContext seen;
+    seen.registers = registersOf(context);
+    seen.standsStill = standsStill;
+    visitor(seen, state);
+    return VisitResult::Visited;
+}
+
+VisitResult stopAndShow(HANDLE thread, unsigned int threadId, ContextVisitor visitor,
+                        void* state) noexcept {
+    Order::Visit visit(order, GetCurrentThreadId());
+    if (!beginVisit(visit, threadId)) {
+        return VisitResult::NotAnswering;
+    }
+    // Declared behind the visit, so that the thread runs again before the visit ends.
+    const Suspension suspension(thread);
+    if (!suspension.isInForce()) {
+        return VisitResult::NoSuchThread;
+    }
+    return readAndShow(thread, true, visitor, state);
+}
+
+}  // namespace
+
+VisitResult visitThreadContext(unsigned int threadId, bool suspend, ContextVisitor visitor,
+                               void* state) noexcept {
+    const Handle thread(OpenThread(THREAD_ALL_ACCESS, FALSE, threadId));
+    // A thread of another process could be stopped as well, but nothing true could be said of it:
+    // its addresses mean something else here.
+    if (!thread || GetProcessIdOfThread(thread.get()) != GetCurrentProcessId()) {
+        return VisitResult::NoSuchThread;
+    }
+    return suspend ? stopAndShow(thread.get(), threadId, visitor, state)
+                   : readAndShow(thread.get(), false, visitor, state);
+}
+
+ReadableRange currentStackRange() noexcept {
+    // The second word of the thread's own block (NT_TIB.StackBase), which the system finds through
+    // GS as well. A thread that runs as a fiber has the bounds of the fiber's stack there.
+    std::uint64_t stackBase = 0;
+    asm("movq %%gs:8, %0" : "=r"(stackBase));
+    return {reinterpret_cast<std::uint64_t>(__builtin_frame_address(0)), stackBase};
+}
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,75 @@
+#pragma once
+
+// Who may stop whom.
+
+#include <mutex>
+
+namespace ThreadUtilities::platform {
+
+/// Keeps threads that visit each other from stopping one another for good.
+///
+/// The rule: a thread that is visiting another one is not stopped. It is enough, because threads
+/// could wait for each other only in a circle of visits, and in a circle the visit that begins
+/// last has a target that is visiting already, therefore it has not begun.
+///
+/// `Lock` is held for a few instructions, never while a thread stands. Its holder may itself be
+/// stopped by a visit that began before; whoever waits for the lock then waits for the end of that
+/// visit, which needs no lock to let its target run again.
+template <typename Lock>
+class VisitOrder {
+ public:
+    /// One visit, on the stack of the visitor.
+    class Visit {
+     public:
+        Visit(VisitOrder& order, unsigned int visitor) noexcept
+            : order_(order), visitor_(visitor) {}
+        ~Visit() {
+            if (hasBegun_) {
+                order_.remove(*this);
+            }
+        }
+
+        Visit(const Visit&) = delete;
+        Visit& operator=(const Visit&) = delete;
+
+        /// False while `target` is visiting; ask again later.
+        bool tryBegin(unsigned int target) noexcept {
+            hasBegun_ = order_.addUnlessVisiting(*this, target);
+            return hasBegun_;
+        }
+
+     private:
+        friend class VisitOrder;
+        VisitOrder& order_;
+        unsigned int visitor_;
+        bool hasBegun_ = false;
+        Visit* next_ = nullptr;
+    };
+
+ private:
+    bool addUnlessVisiting(Visit& visit, unsigned int target) noexcept {
+        const std::lock_guard guard(lock_);
+        for (const Visit* other = first_; other != nullptr; other = other->next_) {
+            if (other->visitor_ == target) {
+                return false;
+            }
+        }
+        visit.next_ = first_;
+        first_ = &visit;
+        return true;
+    }
+
+    void remove(Visit& visit) noexcept {
+        const std::lock_guard guard(lock_);
+        Visit** link = &first_;
+        while (*link != &visit) {
+            link = &(*link)->next_;
+        }
+        *link = visit.next_;
+    }
+
+    Lock lock_;
+    Visit* first_ = nullptr;
+};
+
+}  // namespace ThreadUtilities::platform
