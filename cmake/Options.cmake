@@ -20,7 +20,8 @@ target_include_directories(thread_utilities_build INTERFACE
     "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/include")
 target_compile_options(thread_utilities_build INTERFACE
     -fPIC -fvisibility=hidden -fvisibility-inlines-hidden)
-target_compile_definitions(thread_utilities_build INTERFACE THREAD_UTILITIES_BUILDING)
+target_compile_definitions(thread_utilities_build INTERFACE THREAD_UTILITIES_BUILDING
+    $<$<NOT:$<BOOL:${BUILD_SHARED_LIBS}>>:THREAD_UTILITIES_STATIC>)
 
 # add_family(<name> SOURCES...): one layer of the library as an object library named tu_<name>.
 function(add_family name)
