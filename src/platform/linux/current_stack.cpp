@@ -1,0 +1,59 @@
+#include "platform/linux/handler/saved_registers.h"
+#include "platform/thread_context.h"
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "platform/linux/kernel_calls.h"
+
+// The stack pointer at the program's entry, kept by the dynamic linker.
+extern "C" void* __libc_stack_end;  // NOLINT
+
+namespace ThreadUtilities::platform {
+namespace {
+
+struct KnownBounds {
+    bool known = false;
+    ReadableRange bounds;
+};
+
+thread_local KnownBounds ownBounds;
+
+bool isMainThread() {
+    return kernelCall(SYS_gettid) == kernelProcessId();
+}
+
+// The C library would read the whole memory map for this. No other mapping comes near: the kernel
+// leaves at least 128 MB below the stack's top free for it.
+ReadableRange mainThreadBounds() {
+    constexpr std::uint64_t largest = 64 << 20;
+    const auto top = reinterpret_cast<std::uint64_t>(__libc_stack_end);
+    return {top - largest, top};
+}
+
+ReadableRange otherThreadBounds() {
+    pthread_attr_t attributes;
+    if (pthread_getattr_np(pthread_self(), &attributes) != 0) {
+        return {};
+    }
+    void* lowest = nullptr;
+    std::size_t size = 0;
+    const bool got = pthread_attr_getstack(&attributes, &lowest, &size) == 0;
+    pthread_attr_destroy(&attributes);
+    const auto begin = reinterpret_cast<std::uint64_t>(lowest);
+    return got ? ReadableRange{begin, begin + size} : ReadableRange{};
+}
+
+}  // namespace
+
+ReadableRange currentStackRange() noexcept {
+    if (!ownBounds.known) {
+        ownBounds.bounds = isMainThread() ? mainThreadBounds() : otherThreadBounds();
+        ownBounds.known = true;
+    }
+    const auto stackPointer = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));
+    return readableStack(ownBounds.bounds, stackPointer);
+}
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,82 @@
+#pragma once
+
+// What a capturing thread asks of a running one, and the rules by which the two sides meet.
+//
+// Requests live in static slots that are never freed, because the signal that announces one can
+// arrive after its capturer has given up, returned and ended. A slot's word says who owns it:
+//
+//     Free --post--> Posted --claim--> Claimed --complete--> Done --release--> Free
+//                      \----cancel----> Free
+//
+// The capturer posts, cancels and releases, the handler claims and completes. Claim and cancel are
+// compare-exchanges on the same word and that word holds the slot's generation as well; therefore
+// exactly one of them wins, and a handler that comes with an older generation changes nothing.
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/thread_context.h"
+
+namespace ThreadUtilities::platform {
+
+enum class RequestPhase : std::uint32_t { Free, Posted, Claimed, Done };
+
+/// Phase, generation and the capturer's wish to be woken, in the 32 bits that a futex can wait on.
+/// 2^29 generations pass before a late signal could name a slot's number again.
+class RequestWord {
+ public:
+    constexpr RequestWord() = default;
+    constexpr explicit RequestWord(std::uint32_t bits) : bits_(bits) {}
+    constexpr RequestWord(RequestPhase phase, std::uint32_t generation)
+        : bits_(static_cast<std::uint32_t>(phase) | (generation << generationShift)) {}
+
+    [[nodiscard]] constexpr RequestPhase phase() const {
+        return static_cast<RequestPhase>(bits_ & phaseMask);
+    }
+    [[nodiscard]] constexpr std::uint32_t generation() const { return bits_ >> generationShift; }
+    [[nodiscard]] constexpr bool capturerSleeps() const { return (bits_ & sleepsBit) != 0; }
+    [[nodiscard]] constexpr RequestWord with(RequestPhase phase) const {
+        return RequestWord((bits_ & ~phaseMask) | static_cast<std::uint32_t>(phase));
+    }
+    [[nodiscard]] constexpr RequestWord withSleepingCapturer() const {
+        return RequestWord(bits_ | sleepsBit);
+    }
+    [[nodiscard]] constexpr RequestWord nextFree() const {
+        return {RequestPhase::Free, generation() + 1};
+    }
+    [[nodiscard]] constexpr std::uint32_t bits() const { return bits_; }
+
+ private:
+    static constexpr std::uint32_t phaseMask = 3;
+    static constexpr std::uint32_t sleepsBit = 4;
+    static constexpr std::uint32_t generationShift = 3;
+    std::uint32_t bits_ = 0;
+};
+
+struct alignas(64) CaptureRequest {
+    std::atomic<std::uint32_t> word{0};
+    /// Read by every handler that looks for requests to its thread, hence atomic; it belongs to
+    /// the generation that a claim confirms.
+    std::atomic<std::uint32_t> threadId{0};
+    // From here on: written before posting, read after claiming.
+    ContextVisitor visitor = nullptr;
+    void* visitorState = nullptr;
+    ReadableRange stackBounds;  ///< of the thread's own stack; empty when unknown
+    // Written between claim and completion, read after it.
+    VisitorAnswer answer = VisitorAnswer::Enough;
+};
+
+inline constexpr std::size_t requestSlots = 1024;
+inline constexpr std::size_t slotsPerWord = 64;
+
+/// The slots, and one bit for each that is in use.
+struct RequestTable {
+    std::array<CaptureRequest, requestSlots> slots;
+    std::array<std::atomic<std::uint64_t>, requestSlots / slotsPerWord> used;
+};
+
+extern constinit RequestTable captureRequests;
+
+}  // namespace ThreadUtilities::platform

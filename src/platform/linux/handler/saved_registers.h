@@ -1,0 +1,36 @@
+#pragma once
+
+// What the kernel saved of a thread when it called a signal handler on it.
+
+#include <ucontext.h>
+
+#include "platform/thread_context.h"
+
+namespace ThreadUtilities::platform {
+
+inline Registers savedRegisters(const ucontext_t& interrupted) noexcept {
+    static constexpr std::array<int, RegisterCount> savedAs{
+        REG_RAX, REG_RDX, REG_RCX, REG_RBX, REG_RSI, REG_RDI, REG_RBP, REG_RSP, REG_R8,
+        REG_R9,  REG_R10, REG_R11, REG_R12, REG_R13, REG_R14, REG_R15, REG_RIP};
+    Registers registers;
+    for (std::size_t number = 0; number < RegisterCount; ++number) {
+        registers[number] =
+            static_cast<std::uint64_t>(interrupted.uc_mcontext.gregs[savedAs[number]]);
+    }
+    return registers;
+}
+
+/// The part of a stack that a walk from `stackPointer` may read: what lies above, and the 128 bytes
+/// below, where functions without calls keep data and where registers that an epilogue has popped
+/// still stand. Empty when the stack pointer is not on this stack.
+inline ReadableRange readableStack(const ReadableRange& bounds,
+                                   std::uint64_t stackPointer) noexcept {
+    constexpr std::uint64_t redZone = 128;
+    if (stackPointer < bounds.begin || stackPointer >= bounds.end) {
+        return {};
+    }
+    const std::uint64_t above = stackPointer - bounds.begin;
+    return {stackPointer - (above < redZone ? above : redZone), bounds.end};
+}
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,146 @@
+#include "platform/linux/running_thread.h"
+
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "platform/linux/capture_requests.h"
+#include "platform/linux/capture_signal.h"
+#include "platform/linux/kernel_calls.h"
+#include "platform/linux/thread_status.h"
+
+namespace ThreadUtilities::platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+
+// A thread on another processor answers within this time if it answers soon at all. On one
+// processor spinning would only keep the thread from answering.
+constexpr microseconds spinTime{20};
+
+// A thread may have to wait for a processor behind a thousand others. Only after this time is it
+// given up although nothing speaks against an answer.
+constexpr milliseconds longestWait{10'000};
+constexpr milliseconds longestUninterruptibleWait{50};
+constexpr milliseconds longestBlindWait{1'000};
+constexpr milliseconds firstLook{4};
+constexpr milliseconds longestPause{100};
+
+bool severalProcessors() {
+    static const bool several = sysconf(_SC_NPROCESSORS_ONLN) > 1;
+    return several;
+}
+
+void spin(const PostedRequest& request) {
+    if (!severalProcessors()) {
+        return;
+    }
+    const auto end = Clock::now() + spinTime;
+    do {
+        for (int i = 0; i < 16; ++i) {
+            if (request.isAnswered()) {
+                return;
+            }
+            __builtin_ia32_pause();
+        }
+    } while (Clock::now() < end);
+}
+
+void sleepUntil(PostedRequest& request, Clock::time_point end) {
+    for (auto now = Clock::now(); now < end && !request.isAnswered(); now = Clock::now()) {
+        const auto left = std::chrono::nanoseconds(end - now).count();
+        request.sleep({left / 1'000'000'000, left % 1'000'000'000});
+    }
+}
+
+milliseconds patienceWith(Answerability answerability) {
+    switch (answerability) {
+        case Answerability::CanAnswer:
+            return longestWait;
+        case Answerability::Uninterruptible:
+            return longestUninterruptibleWait;
+        case Answerability::Unknown:
+            return longestBlindWait;
+        case Answerability::BlocksSignal:
+        case Answerability::Gone:
+            break;
+    }
+    return milliseconds(0);
+}
+
+// The request stays posted only as long as this function runs: when it returns, the visitor has
+// run to its end or never will.
+VisitResult awaitAnswer(PostedRequest& request, unsigned int threadId) {
+    spin(request);
+    const auto start = Clock::now();
+    milliseconds pause = firstLook;
+    for (;;) {
+        sleepUntil(request, Clock::now() + pause);
+        if (request.isAnswered()) {
+            return VisitResult::Visited;
+        }
+        const ThreadStatus status = readThreadStatus(threadId);
+        if (Clock::now() - start >= patienceWith(status.answerability)) {
+            const bool answeredAtLast = !request.cancel();
+            const bool gone = status.answerability == Answerability::Gone;
+            return answeredAtLast ? VisitResult::Visited
+                   : gone         ? VisitResult::NoSuchThread
+                                  : VisitResult::NotAnswering;
+        }
+        // A host that reset its signal actions at the wrong moment has thrown the signal away. It
+        // is sent again only if it is not pending: a pending one would swallow the next that the
+        // host itself sends to this thread.
+        if (!status.signalIsPending && ensureCaptureHandler()) {
+            sendCaptureSignal(threadId);
+        }
+        pause = std::min(pause * 2, longestPause);
+    }
+}
+
+VisitResult visitStanding(unsigned int threadId, const ReadableRange& stackBounds,
+                          ContextVisitor visitor, void* state) {
+    PostedRequest request(threadId, stackBounds, visitor, state);
+    if (!request.isPosted()) {
+        return VisitResult::NotAnswering;
+    }
+    switch (sendCaptureSignal(threadId)) {
+        case SendResult::Sent:
+            return awaitAnswer(request, threadId);
+        case SendResult::NoSuchThread:
+            return VisitResult::NoSuchThread;
+        case SendResult::Refused:
+            break;
+    }
+    return VisitResult::NotAnswering;
+}
+
+VisitorAnswer copyContext(const ThreadContext& context, void* copy) noexcept {
+    *static_cast<ThreadContext*>(copy) = context;
+    return VisitorAnswer::Enough;
+}
+
+}  // namespace
+
+VisitResult visitBySignal(unsigned int threadId, bool suspend, ContextVisitor visitor,
+                          void* state) noexcept {
+    if (!ensureCaptureHandler()) {
+        return VisitResult::NotAnswering;
+    }
+    const ReadableRange stackBounds{};
+    if (suspend) {
+        return visitStanding(threadId, stackBounds, visitor, state);
+    }
+    ThreadContext context;
+    const VisitResult result = visitStanding(threadId, {}, copyContext, &context);
+    if (result == VisitResult::Visited) {
+        context.standsStill = false;
+        visitor(context, state);
+    }
+    return result;
+}
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,63 @@
+#pragma once
+
+// Threads to be captured, and what tests wait with.
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+namespace ThreadUtilities {
+
+/// Waits until `condition` holds; false when that takes so long that something hangs.
+template <typename Condition>
+bool eventually(Condition condition) {
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > giveUp) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+/// A thread that runs `body` until the object ends; `body` gets the flag that tells it to return.
+class TargetThread {
+ public:
+    using Body = std::function<void(const std::atomic<bool>& stop)>;
+
+    explicit TargetThread(Body body)
+        : thread_([this, work = std::move(body)] {
+              id_ = static_cast<unsigned int>(gettid());
+              work(stop_);
+          }) {
+        eventually([this] { return id_ != 0; });
+    }
+    ~TargetThread() { join(); }
+    TargetThread(const TargetThread&) = delete;
+    TargetThread& operator=(const TargetThread&) = delete;
+
+    void join() {
+        stop_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+    [[nodiscard]] unsigned int id() const { return id_; }
+    pthread_t handle() { return thread_.native_handle(); }
+
+ private:
+    std::atomic<unsigned int> id_{0};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+inline void spinUntil(const std::atomic<bool>& stop) {
+    while (!stop) {
+    }
+}
+
+}  // namespace ThreadUtilities
