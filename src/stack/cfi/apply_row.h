@@ -1,19 +1,17 @@
 #pragma once
 
-#include <optional>
-
 #include "stack/cfi/register_file.h"
 #include "stack/cfi/unwind_row.h"
-#include "stack/frame_walk.h"
 #include "stack/stack_words.h"
+#include "stack/walk.h"
 
 namespace ThreadUtilities::cfi {
 
 /// Turns the registers of a frame into those of its caller. The caller's instruction pointer is
 /// what the rule of `returnAddressColumn` gives. `tableEnd` bounds the row's expressions. Leaves
 /// the registers alone when it gives a reason why it could not.
-std::optional<WalkEnd> applyRow(const UnwindRow& row, std::uint64_t returnAddressColumn,
-                                const std::uint8_t* tableEnd, RegisterFile& registers,
-                                StackWords& words) noexcept;
+StepResult applyRow(const UnwindRow& row, std::uint64_t returnAddressColumn,
+                    const std::uint8_t* tableEnd, RegisterFile& registers,
+                    StackWords& words) noexcept;
 
 }  // namespace ThreadUtilities::cfi

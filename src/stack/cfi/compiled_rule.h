@@ -11,8 +11,7 @@ namespace ThreadUtilities::cfi {
 /// saved below it. Of the 64-bit ABI's code 90 to 99.98 percent has such rows, depending on the
 /// library. What a row says of the other registers is left out.
 ///
-///   bit 0        set in every rule
-///   bit 1        there is no caller; the rest is 0
+///   bit 0        set in every rule; alone, it says that there is no caller
 ///   bit 2        the frame address counts from the frame pointer, else from the stack pointer
 ///   bit 3        the frame pointer is saved
 ///   bits 4-17    where: words below the frame address. 1, where the return address is, when it
@@ -33,7 +32,7 @@ class CompiledRule {
         using Kind = RegisterRule::Kind;
         const RegisterRule returnRule = row.registers[returnAddressColumn];
         if (returnRule.kind() == Kind::Undefined) {
-            return CompiledRule(present | endOfStack);
+            return CompiledRule(endOfStackRule);
         }
         const FrameAddressRule& frame = row.frameAddress;
         const bool fromFramePointer = frame.base == platform::Rbp;
@@ -60,7 +59,8 @@ class CompiledRule {
     constexpr explicit operator bool() const noexcept { return bits != 0; }
     constexpr std::uint64_t toBits() const noexcept { return bits; }
 
-    constexpr bool isEndOfStack() const noexcept { return (bits & endOfStack) != 0; }
+    /// Whether there is a caller; false for an empty rule.
+    constexpr bool leadsOut() const noexcept { return bits > endOfStackRule; }
     constexpr bool usesFramePointer() const noexcept { return (bits & basedOnFramePointer) != 0; }
     constexpr bool savesFramePointer() const noexcept { return (bits & savesFrame) != 0; }
     /// Bytes from the slot of the saved frame pointer up to the frame address.
@@ -74,7 +74,7 @@ class CompiledRule {
  private:
     static constexpr std::int64_t wordSize = 8;
     static constexpr std::uint64_t present = 1;
-    static constexpr std::uint64_t endOfStack = 2;
+    static constexpr std::uint64_t endOfStackRule = 1;
     static constexpr std::uint64_t basedOnFramePointer = 4;
     static constexpr std::uint64_t savesFrame = 8;
     static constexpr unsigned slotShift = 4;

@@ -14,37 +14,37 @@ class Evaluation {
 
     void push(std::uint64_t value) noexcept {
         if (depth == expressionStackSize) {
-            fail(WalkEnd::Unreadable);
+            fail(StepResult::Unreadable);
             return;
         }
         stack[depth++] = value;
     }
 
-    std::optional<WalkEnd> run(std::uint64_t& result) noexcept {
-        for (unsigned steps = 0; !bytes.atEnd() && !failure; ++steps) {
+    StepResult run(std::uint64_t& result) noexcept {
+        for (unsigned steps = 0; !bytes.atEnd() && failure == StepResult::Made; ++steps) {
             if (steps == maxExpressionSteps) {
-                fail(WalkEnd::Unreadable);
+                fail(StepResult::Unreadable);
                 break;
             }
             perform(bytes.read<std::uint8_t>());
         }
         if (!bytes.ok()) {
-            fail(WalkEnd::Unreadable);
+            fail(StepResult::Unreadable);
         }
         result = pop();
         return failure;
     }
 
  private:
-    void fail(WalkEnd reason) noexcept {
-        if (!failure) {
+    void fail(StepResult reason) noexcept {
+        if (failure == StepResult::Made) {
             failure = reason;
         }
     }
 
     std::uint64_t pop() noexcept {
         if (depth == 0) {
-            fail(WalkEnd::Unreadable);
+            fail(StepResult::Unreadable);
             return 0;
         }
         return stack[--depth];
@@ -53,7 +53,7 @@ class Evaluation {
     /// The value `below` places under the topmost.
     void pick(std::uint64_t below) noexcept {
         if (below >= depth) {
-            fail(WalkEnd::Unreadable);
+            fail(StepResult::Unreadable);
             return;
         }
         push(stack[depth - 1 - below]);
@@ -61,7 +61,8 @@ class Evaluation {
 
     void pushRegister(std::uint64_t number, std::int64_t offset) noexcept {
         if (!registers.has(number)) {
-            fail(number < platform::RegisterCount ? WalkEnd::UnknownRegister : WalkEnd::Unreadable);
+            fail(number < platform::RegisterCount ? StepResult::UnknownRegister
+                                                  : StepResult::Unreadable);
             return;
         }
         push(registers[number] + static_cast<std::uint64_t>(offset));
@@ -70,9 +71,9 @@ class Evaluation {
     void dereference(std::uint64_t address, unsigned size) noexcept {
         std::uint64_t word = 0;
         if (size == 0 || size > sizeof(word)) {
-            fail(WalkEnd::Unreadable);
+            fail(StepResult::Unreadable);
         } else if (!words.read(address, word)) {
-            fail(WalkEnd::Unreadable);
+            fail(StepResult::Unreadable);
         } else {
             push(word << (64 - 8 * size) >> (64 - 8 * size));
         }
@@ -118,7 +119,7 @@ class Evaluation {
             case Op::Minus: return push(left - right);
             case Op::Mul:   return push(left * right);
             case Op::Div:   return divide(signedLeft, signedRight);
-            case Op::Mod:   return right == 0 ? fail(WalkEnd::Unreadable)
+            case Op::Mod:   return right == 0 ? fail(StepResult::Unreadable)
                                               : push(left % right);
             case Op::Shl:   return push(right < 64 ? left << right : 0);
             case Op::Shr:   return push(right < 64 ? left >> right : 0);
@@ -130,14 +131,14 @@ class Evaluation {
             case Op::Le:    return push(signedLeft <= signedRight);
             case Op::Lt:    return push(signedLeft < signedRight);
             case Op::Ne:    return push(signedLeft != signedRight);
-            default:        return fail(WalkEnd::Unreadable);
+            default:        return fail(StepResult::Unreadable);
                 // clang-format on
         }
     }
 
     void divide(std::int64_t left, std::int64_t right) noexcept {
         if (right == 0) {
-            fail(WalkEnd::Unreadable);
+            fail(StepResult::Unreadable);
         } else if (right == -1) {  // the quotient of the lowest number does not fit
             push(0 - static_cast<std::uint64_t>(left));
         } else {
@@ -203,16 +204,15 @@ class Evaluation {
     ByteCursor bytes;
     const RegisterFile& registers;
     StackWords& words;
-    std::optional<WalkEnd> failure;
+    StepResult failure = StepResult::Made;
     unsigned depth = 0;
     std::uint64_t stack[expressionStackSize];
 };
 
 }  // namespace
 
-std::optional<WalkEnd> evaluateExpression(ByteCursor bytes, const RegisterFile& registers,
-                                          StackWords& words, const std::uint64_t* initial,
-                                          std::uint64_t& result) noexcept {
+StepResult evaluateExpression(ByteCursor bytes, const RegisterFile& registers, StackWords& words,
+                              const std::uint64_t* initial, std::uint64_t& result) noexcept {
     Evaluation evaluation(bytes, registers, words);
     if (initial != nullptr) {
         evaluation.push(*initial);

@@ -6,8 +6,8 @@
 
 #include "foundation/checked_bytes.h"
 #include "stack/cfi/register_file.h"
-#include "stack/frame_walk.h"
 #include "stack/stack_words.h"
+#include "stack/walk.h"
 
 namespace ThreadUtilities::cfi {
 
@@ -17,8 +17,7 @@ inline constexpr unsigned expressionStackSize = 32;
 
 /// Evaluates the operations in `bytes`. With `initial`, that value is pushed first. On success
 /// `result` is the topmost value.
-std::optional<WalkEnd> evaluateExpression(ByteCursor bytes, const RegisterFile& registers,
-                                          StackWords& words, const std::uint64_t* initial,
-                                          std::uint64_t& result) noexcept;
+StepResult evaluateExpression(ByteCursor bytes, const RegisterFile& registers, StackWords& words,
+                              const std::uint64_t* initial, std::uint64_t& result) noexcept;
 
 }  // namespace ThreadUtilities::cfi

@@ -40,8 +40,8 @@ class RuleCache {
         return static_cast<Slot>(address * spread >> (64 - slotBits));
     }
 
-    /// What stands in `slot`, if it is the entry of `key`, else an empty rule. `next` becomes the
-    /// predicted slot.
+    /// What stands in `slot`, if it is the entry of `key`; `next` becomes the slot it predicts.
+    /// Else an empty rule, and `next` as it was.
     CompiledRule find(Slot slot, Key key, Slot& next) const noexcept {
         const Entry& entry = entries[slot];
         const std::uint64_t ruleAndNext = entry.ruleAndNext.load(std::memory_order_relaxed);

@@ -7,10 +7,10 @@
 namespace ThreadUtilities::cfi {
 namespace {
 
-std::optional<WalkEnd> findDescription(const platform::CodeModule& module, std::uint64_t address,
-                                       FrameDescription& description) noexcept {
+StepResult findDescription(const platform::CodeModule& module, std::uint64_t address,
+                           FrameDescription& description) noexcept {
     if (module.unwindHeader == 0) {
-        return WalkEnd::NoUnwindData;
+        return StepResult::NoUnwindData;
     }
     UnwindTables tables;
     tables.header = module.unwindHeader;
@@ -19,13 +19,13 @@ std::optional<WalkEnd> findDescription(const platform::CodeModule& module, std::
     tables.frameBytes = platform::readableSegment(module, tables.frames);
     switch (findFrameDescription(tables, address, description)) {
         case LookupResult::Found:
-            return std::nullopt;
+            return StepResult::Made;
         case LookupResult::NotCovered:
-            return WalkEnd::NoUnwindData;
+            return StepResult::NoUnwindData;
         case LookupResult::Malformed:
             break;
     }
-    return WalkEnd::Unreadable;
+    return StepResult::Unreadable;
 }
 
 /// What a step needs of the tables. Found in a function of its own, so that the memory that the
@@ -37,19 +37,20 @@ struct Found {
     bool isSignalFrame = false;
 };
 
-[[gnu::noinline]] std::optional<WalkEnd> findRow(const platform::CodeModule& module,
-                                                 std::uint64_t address, Found& found) noexcept {
+[[gnu::noinline]] StepResult findRow(const platform::CodeModule& module, std::uint64_t address,
+                                     Found& found) noexcept {
     FrameDescription description;
-    if (const auto end = findDescription(module, address, description)) {
-        return end;
+    if (const StepResult result = findDescription(module, address, description);
+        result != StepResult::Made) {
+        return result;
     }
     if (!rowAt(description, address, found.row)) {
-        return WalkEnd::Unreadable;
+        return StepResult::Unreadable;
     }
     found.returnAddressColumn = description.returnAddressColumn;
     found.tableEnd = description.tableEnd;
     found.isSignalFrame = description.isSignalFrame;
-    return std::nullopt;
+    return StepResult::Made;
 }
 
 }  // namespace
@@ -58,15 +59,15 @@ TableStep stepByTables(const platform::CodeModule& module, std::uint64_t address
                        RegisterFile& registers, StackWords& words) noexcept {
     TableStep step;
     Found found;
-    step.end = findRow(module, address, found);
-    if (step.end) {
+    step.result = findRow(module, address, found);
+    if (step.result != StepResult::Made) {
         return step;
     }
     step.isSignalFrame = found.isSignalFrame;
     if (!found.isSignalFrame) {
         step.rule = CompiledRule::of(found.row, found.returnAddressColumn);
     }
-    step.end = applyRow(found.row, found.returnAddressColumn, found.tableEnd, registers, words);
+    step.result = applyRow(found.row, found.returnAddressColumn, found.tableEnd, registers, words);
     return step;
 }
 

@@ -1,18 +1,16 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-
 #include "platform/code_modules.h"
 #include "stack/cfi/compiled_rule.h"
 #include "stack/cfi/register_file.h"
-#include "stack/frame_walk.h"
 #include "stack/stack_words.h"
+#include "stack/walk.h"
 
 namespace ThreadUtilities::cfi {
 
 struct TableStep {
-    std::optional<WalkEnd> end;  ///< none when the step was made
+    StepResult result = StepResult::Made;
     bool isSignalFrame = false;
     CompiledRule rule;  ///< that would have done the same; empty when there is none
 };
