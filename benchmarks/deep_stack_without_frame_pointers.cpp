@@ -1,0 +1,12 @@
+#include "deep_stack.h"
+
+namespace deep_stack {
+namespace {
+#include "deep_stack_frames.inc"
+}  // namespace
+
+void callWithoutFramePointers(int depth, Body body, void* state) {
+    enter<100>(depth, body, state);
+}
+
+}  // namespace deep_stack

@@ -1,0 +1,13 @@
+# The walk is not part of the library's surface: this program is made of its objects.
+add_executable(unwind_benchmark unwind_benchmark.cpp deep_stack_with_frame_pointers.cpp
+    deep_stack_without_frame_pointers.cpp
+    $<TARGET_OBJECTS:tu_stack_cfi> $<TARGET_OBJECTS:tu_platform_linux>
+    $<TARGET_OBJECTS:tu_foundation>)
+target_include_directories(unwind_benchmark PRIVATE "${PROJECT_SOURCE_DIR}/src"
+    "${PROJECT_SOURCE_DIR}/include")
+target_link_libraries(unwind_benchmark PRIVATE thread_utilities_options
+    benchmark::benchmark_main unwind ${CMAKE_DL_LIBS})
+set_source_files_properties(deep_stack_with_frame_pointers.cpp unwind_benchmark.cpp
+    PROPERTIES COMPILE_OPTIONS -fno-omit-frame-pointer)
+set_source_files_properties(deep_stack_without_frame_pointers.cpp
+    PROPERTIES COMPILE_OPTIONS -fomit-frame-pointer)

@@ -1,0 +1,96 @@
+// Capturing the calling thread's own stack, with every frame in code of another function. Each
+// benchmark walks the whole stack of the given number of frames, down to the start of the process.
+
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+
+#define UNW_LOCAL_ONLY
+#include <libunwind.h>
+
+#include <cstdint>
+
+#include "deep_stack.h"
+#include "stack/frame_walk.h"
+
+namespace {
+
+constexpr int capacity = 512;
+
+using Walk = std::size_t (*)(void** frames);
+
+std::size_t walkOwn(void** frames) {
+    return ThreadUtilities::walkCallingThread(reinterpret_cast<unsigned long long*>(frames),
+                                              capacity);
+}
+
+std::size_t walkCLibrary(void** frames) {
+    // By its library: libunwind has a function of the same name.
+    static const auto backtrace = reinterpret_cast<int (*)(void**, int)>(
+        dlsym(dlopen("libc.so.6", RTLD_LAZY | RTLD_NOLOAD), "backtrace"));
+    return backtrace(frames, capacity);
+}
+
+std::size_t walkLibunwind(void** frames) {
+    return unw_backtrace(frames, capacity);
+}
+
+/// The limit: follows the chain of frame pointers and checks nothing but that it grows, up to the
+/// frame that called the chain's first function.
+std::uintptr_t outermostFrame = 0;
+
+std::size_t walkFramePointers(void** frames) {
+    std::size_t count = 0;
+    auto* frame = static_cast<std::uintptr_t*>(__builtin_frame_address(0));
+    while (count < capacity) {
+        frames[count++] = reinterpret_cast<void*>(frame[1]);
+        auto* const next = reinterpret_cast<std::uintptr_t*>(frame[0]);
+        if (next <= frame || reinterpret_cast<std::uintptr_t>(next) > outermostFrame) {
+            break;
+        }
+        frame = next;
+    }
+    return count;
+}
+
+struct Run {
+    benchmark::State& state;
+    Walk walk;
+    std::size_t frameCount = 0;
+};
+
+void measure(void* argument) {
+    Run& run = *static_cast<Run*>(argument);
+    void* frames[capacity];
+    for (auto _ : run.state) {
+        run.frameCount = run.walk(frames);
+        benchmark::DoNotOptimize(frames);
+    }
+}
+
+void countFrames(void* argument) {
+    void* frames[capacity];
+    *static_cast<std::size_t*>(argument) = walkOwn(frames);
+}
+
+void wholeStack(benchmark::State& state, Walk walk) {
+    std::size_t outside = 0;
+    deep_stack::callWithoutFramePointers(1, countFrames, &outside);
+    Run run{state, walk};
+    const int depth = static_cast<int>(state.range(0)) - static_cast<int>(outside) + 1;
+    deep_stack::callWithoutFramePointers(depth, measure, &run);
+    state.counters["frames"] = static_cast<double>(run.frameCount);
+}
+
+void framePointerChain(benchmark::State& state) {
+    Run run{state, walkFramePointers};
+    outermostFrame = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+    deep_stack::callWithFramePointers(static_cast<int>(state.range(0)) - 2, measure, &run);
+    state.counters["frames"] = static_cast<double>(run.frameCount);
+}
+
+BENCHMARK_CAPTURE(wholeStack, own, walkOwn)->Arg(15)->Arg(32)->Arg(100);
+BENCHMARK_CAPTURE(wholeStack, libunwind, walkLibunwind)->Arg(15)->Arg(32)->Arg(100);
+BENCHMARK_CAPTURE(wholeStack, c_library, walkCLibrary)->Arg(15)->Arg(32)->Arg(100);
+BENCHMARK(framePointerChain)->Arg(15)->Arg(32)->Arg(100);
+
+}  // namespace
