@@ -2,6 +2,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <new>
 #include <type_traits>
 
@@ -48,21 +49,25 @@ void setRegisters(CONTEXT& context, const Registers& registers) noexcept {
 }  // namespace
 
 FrameUnwinder::FrameUnwinder(const Registers& start) noexcept {
-    static_assert(sizeof(State) <= sizeof(storage_) && alignof(State) <= 16);
+    static_assert(sizeof(State) <= sizeof(storage) && alignof(State) <= 16);
     static_assert(std::is_trivially_destructible_v<State>);
-    setRegisters((new (storage_.data()) State{})->context, start);
+    setRegisters((new (storage.data()) State{})->context, start);
 }
 
 FrameUnwinder::State& FrameUnwinder::state() noexcept {
-    return *std::launder(reinterpret_cast<State*>(storage_.data()));
+    return *std::launder(reinterpret_cast<State*>(storage.data()));
 }
 
 const FrameUnwinder::State& FrameUnwinder::state() const noexcept {
-    return *std::launder(reinterpret_cast<const State*>(storage_.data()));
+    return *std::launder(reinterpret_cast<const State*>(storage.data()));
 }
 
-std::uint64_t FrameUnwinder::instructionPointer() const noexcept {
+std::uint64_t FrameUnwinder::programCounter() const noexcept {
     return state().context.Rip;
+}
+
+std::uint64_t FrameUnwinder::stackPointer() const noexcept {
+    return state().context.Rsp;
 }
 
 bool FrameUnwinder::unwindFrame() noexcept {
@@ -79,10 +84,29 @@ bool FrameUnwinder::unwindFrame() noexcept {
     return true;
 }
 
-void FrameUnwinder::returnFromLeaf() noexcept {
-    CONTEXT& context = state().context;
-    context.Rip = *reinterpret_cast<const volatile std::uint64_t*>(context.Rsp);
-    context.Rsp += sizeof(std::uint64_t);
+void FrameUnwinder::returnTo(std::uint64_t address, std::uint64_t stackPointer) noexcept {
+    state().context.Rip = address;
+    state().context.Rsp = stackPointer;
+}
+
+std::size_t traceCallingThread(std::uint64_t from, unsigned long long* frames,
+                               std::size_t maxFrames) noexcept {
+    // How many frames lie between the service and the wanted one is the compiler's affair: it may
+    // have turned a call on the way into a jump.
+    std::array<void*, 8> innermost{};
+    ULONG hash = 0;
+    const auto found = RtlCaptureStackBackTrace(0, innermost.size(), innermost.data(), &hash);
+    const auto end = innermost.begin() + found;
+    const auto start = std::find(innermost.begin(), end, reinterpret_cast<void*>(from));
+    const auto skipped = start == end ? 0 : start - innermost.begin();
+
+    static_assert(sizeof(unsigned long long) == sizeof(void*));
+    const std::size_t count =
+        RtlCaptureStackBackTrace(static_cast<ULONG>(skipped), static_cast<ULONG>(maxFrames),
+                                 reinterpret_cast<void**>(frames), &hash);
+    // A null address is behind the outermost frame; the service has been seen to go on behind it
+    // (in Wine 8), with addresses that mean nothing.
+    return static_cast<std::size_t>(std::find(frames, frames + count, 0ULL) - frames);
 }
 
 bool runGuarded(void (*function)(void*), void* argument) noexcept {

@@ -63,6 +63,11 @@ std::vector<LoadedModule> listModules(unsigned int processId) {
     return modules;
 }
 
+// The loader counts its changes where no program is told to look.
+std::optional<ModuleListVersion> moduleListVersion(unsigned int) noexcept {
+    return std::nullopt;
+}
+
 bool isModulePathSeparator(WideChar unit) noexcept {
     return unit == L'\\';
 }

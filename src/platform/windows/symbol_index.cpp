@@ -55,13 +55,13 @@ BOOL symSrvGetFileIndexInfo(const wchar_t* path, SymsrvIndexInfo* info, DWORD fl
 
 }  // namespace
 
-std::optional<std::array<std::uint8_t, 16>> symbolIndexGuid(const wchar_t* path) {
+std::optional<DebugGuid> symbolIndexGuid(const wchar_t* path) {
     SymsrvIndexInfo info{};
     info.sizeofstruct = sizeof(info);
     if (symSrvGetFileIndexInfo(path, &info, 0) == 0) {
         return std::nullopt;
     }
-    std::array<std::uint8_t, 16> guid;
+    DebugGuid guid;
     std::memcpy(guid.data(), &info.guid, guid.size());
     return guid;
 }

@@ -1,14 +1,14 @@
 #pragma once
 
-#include <array>
-#include <cstdint>
 #include <optional>
+
+#include "platform/modules.h"
 
 namespace ThreadUtilities::platform {
 
 /// The GUID under which symbol servers file the debug information of a module file, as the index
 /// service of the system's debugging-help library tells it. None when the service is missing or
 /// does not know. Any thread; one question at a time.
-std::optional<std::array<std::uint8_t, 16>> symbolIndexGuid(const wchar_t* path);
+std::optional<DebugGuid> symbolIndexGuid(const wchar_t* path);
 
 }  // namespace ThreadUtilities::platform
