@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "foundation/guid_text.h"
+#include "foundation/never_destroyed.h"
 #include "platform/process_copy.h"
 
 namespace ThreadUtilities {
@@ -14,18 +15,11 @@ struct Instance {
     std::shared_ptr<ModuleManager> manager;
 };
 
-/// Never destroyed: threads may still describe frames while the process exits.
-union InstanceStorage {
-    constexpr InstanceStorage() : instance() {}
-    ~InstanceStorage() {}  // NOLINT(modernize-use-equals-default)
-
-    Instance instance;
-};
-constinit InstanceStorage storage;
+NeverDestroyed<Instance> storage;
 
 // Another thread may have held either mutex, or been in the middle of a renewal, when the process
 // was copied. The old manager is given up as it is; a lookup that finds none makes another.
-platform::RestartInCopy startWithoutManager([] { new (&storage.instance) Instance; });
+platform::RestartInCopy startWithoutManager([] { new (&storage.value) Instance; });
 
 WideString upperCase(WideString text) {
     for (WideChar& unit : text) {
@@ -64,11 +58,11 @@ bool contains(const ModuleInfo& info, unsigned long long address) {
 }  // namespace
 
 std::shared_ptr<ModuleManager> ModuleManager::getInstance() {
-    const std::lock_guard lock(storage.instance.mutex);
-    if (!storage.instance.manager) {
-        storage.instance.manager = std::make_shared<ModuleManager>();
+    const std::lock_guard lock(storage.value.mutex);
+    if (!storage.value.manager) {
+        storage.value.manager = std::make_shared<ModuleManager>();
     }
-    return storage.instance.manager;
+    return storage.value.manager;
 }
 
 ModuleRecord ModuleManager::findModule(unsigned int forProcess, unsigned long long address) {
