@@ -1,0 +1,230 @@
+#include <ThreadUtilities/StackTrace.h>
+#include <execinfo.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/syscall.h>
+#include <ucontext.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <ctime>
+#include <vector>
+
+#include "system/stack/target_thread.h"
+
+namespace ThreadUtilities {
+namespace {
+
+// The spot at which a target is captured: its callers as the C library sees them there, and how it
+// stays there.
+struct Spot {
+    std::array<void*, 64> callers{};
+    int callerCount = 0;
+    std::atomic<bool> reached{false};
+    std::atomic<bool> stop{false};
+};
+
+[[gnu::always_inline]] inline void reach(Spot& spot) {
+    spot.callerCount = backtrace(spot.callers.data(), static_cast<int>(spot.callers.size()));
+    spot.reached = true;
+}
+
+constexpr unsigned long long untouched = 0xDEAD;
+
+using Frames = std::vector<unsigned long long>;
+
+Frames capture(unsigned int threadId, bool suspend = true) {
+    Frames frames(128, untouched);
+    frames.resize(getStackTrace(threadId, frames.data(), frames.size(), suspend));
+    return frames;
+}
+
+// The first caller in the C library's list is the spot itself, whose own frame goes on; behind it
+// both must agree to the end.
+testing::AssertionResult endsWithCallersOf(const Frames& frames, const Spot& spot) {
+    const auto callers = static_cast<std::size_t>(spot.callerCount) - 1;
+    if (callers == 0 || frames.size() < callers) {
+        return testing::AssertionFailure() << frames.size() << " frames, " << callers << " callers";
+    }
+    for (std::size_t i = 0; i < callers; ++i) {
+        const auto expected = reinterpret_cast<unsigned long long>(spot.callers[i + 1]);
+        const auto found = frames[frames.size() - callers + i];
+        if (found != expected) {
+            return testing::AssertionFailure()
+                   << "caller " << i << " is " << std::hex << found << " instead of " << expected;
+        }
+    }
+    return testing::AssertionSuccess();
+}
+
+[[gnu::noinline]] void blockHere(Spot& spot) {
+    reach(spot);
+    while (!spot.stop) {
+        poll(nullptr, 0, 60'000);
+    }
+}
+
+[[gnu::noinline]] void blockWithoutSignals(Spot& spot) {
+    std::uint64_t everything = ~std::uint64_t{0};
+    std::uint64_t before = 0;
+    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &everything, &before, sizeof(everything));
+    reach(spot);
+    while (!spot.stop) {
+        poll(nullptr, 0, 20);
+    }
+    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &before, nullptr, sizeof(before));
+}
+
+[[gnu::noinline]] void spinHere(Spot& spot) {
+    reach(spot);
+    spinUntil(spot.stop);
+}
+
+[[gnu::noinline]] void askForTheTime(Spot& spot) {
+    reach(spot);
+    while (!spot.stop) {
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+    }
+}
+
+thread_local Spot* spotOfHandler = nullptr;
+
+void spinInHandler(int) {
+    reach(*spotOfHandler);
+    spinUntil(spotOfHandler->stop);
+}
+
+void raiseInto(Spot& spot, int flags) {
+    spotOfHandler = &spot;
+    struct sigaction action {};
+    action.sa_handler = spinInHandler;
+    action.sa_flags = flags;
+    sigaction(SIGUSR2, &action, nullptr);
+    raise(SIGUSR2);
+}
+
+[[gnu::noinline]] void handleSignal(Spot& spot) {
+    raiseInto(spot, 0);
+}
+
+[[gnu::noinline]] void handleSignalOnAlternateStack(Spot& spot) {
+    std::vector<char> memory(64 << 10);
+    stack_t stack{memory.data(), 0, memory.size()};
+    sigaltstack(&stack, nullptr);
+    raiseInto(spot, SA_ONSTACK);
+    stack.ss_flags = SS_DISABLE;
+    sigaltstack(&stack, nullptr);
+}
+
+ucontext_t coroutineReturn;
+
+[[gnu::noinline]] void runCoroutine(Spot& spot, void (*body)()) {
+    std::vector<char> memory(64 << 10);
+    ucontext_t coroutine;
+    getcontext(&coroutine);
+    coroutine.uc_stack.ss_sp = memory.data();
+    coroutine.uc_stack.ss_size = memory.size();
+    coroutine.uc_link = &coroutineReturn;
+    spotOfHandler = &spot;
+    makecontext(&coroutine, body, 0);
+    swapcontext(&coroutineReturn, &coroutine);
+}
+
+[[gnu::noinline]] void spinInCoroutine(Spot& spot) {
+    runCoroutine(spot, [] { spinHere(*spotOfHandler); });
+}
+
+[[gnu::noinline]] void blockInCoroutine(Spot& spot) {
+    runCoroutine(spot, [] { blockHere(*spotOfHandler); });
+}
+
+[[gnu::noinline]] void descend(Spot& spot, void (*stay)(Spot&), int depth) {
+    if (depth == 0) {
+        stay(spot);
+    } else {
+        descend(spot, stay, depth - 1);
+    }
+    asm volatile("");
+}
+
+struct Scenario {
+    const char* name;
+    void (*stay)(Spot&);
+};
+
+class CapturedAt : public testing::TestWithParam<Scenario> {
+ protected:
+    static void interruptPoll(TargetThread& target) {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &action, nullptr);
+        pthread_kill(target.handle(), SIGUSR1);
+    }
+};
+
+TEST_P(CapturedAt, TheFramesAreThoseThatTheThreadItselfSees) {
+    Spot spot;
+    TargetThread target([&](const auto&) { descend(spot, GetParam().stay, 10); });
+    ASSERT_TRUE(eventually([&] { return spot.reached.load(); }));
+    for (int round = 0; round < 200; ++round) {
+        ASSERT_TRUE(endsWithCallersOf(capture(target.id()), spot)) << "round " << round;
+    }
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_TRUE(endsWithCallersOf(capture(target.id(), false), spot)) << "running on";
+    }
+    unsigned long long first[2] = {untouched, untouched};
+    EXPECT_EQ(getStackTrace(target.id(), first, 1, true), 1U);
+    EXPECT_EQ(first[1], untouched);
+    spot.stop = true;
+    interruptPoll(target);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scenarios, CapturedAt,
+    testing::Values(Scenario{"Blocked", blockHere},
+                    Scenario{"BlockedWithoutSignals", blockWithoutSignals},
+                    Scenario{"Spinning", spinHere}, Scenario{"InTheVdso", askForTheTime},
+                    Scenario{"InASignalHandler", handleSignal},
+                    Scenario{"OnAnAlternateStack", handleSignalOnAlternateStack},
+                    Scenario{"SpinningInACoroutine", spinInCoroutine},
+                    Scenario{"BlockedInACoroutine", blockInCoroutine}),
+    [](const auto& scenario) { return scenario.param.name; });
+
+TEST(StackTraceOfSelf, BeginsInTheFunctionItselfAndGoesOnWithItsCallers) {
+    std::array<void*, 64> callers{};
+    const int callerCount = backtrace(callers.data(), static_cast<int>(callers.size()));
+    const Frames frames = capture(static_cast<unsigned int>(gettid()));
+    const Frames unsuspended = capture(static_cast<unsigned int>(gettid()), false);
+    const auto inside = reinterpret_cast<unsigned long long>(&getStackTrace);
+    ASSERT_GT(frames.size(), 3U);
+    EXPECT_GT(frames[0], inside);
+    EXPECT_LT(frames[0], inside + 4096);
+    // getStackTrace, capture and this function's own frame come before the common callers.
+    const auto firstCaller = reinterpret_cast<unsigned long long>(callers[1]);
+    const auto common = std::find(frames.begin(), frames.end(), firstCaller);
+    ASSERT_NE(common, frames.end());
+    EXPECT_EQ(frames.end() - common, callerCount - 1);
+    EXPECT_EQ(frames.size(), unsuspended.size());
+}
+
+TEST(StackTraceOfEndingThreads, IsShortOrWholeAndNeverHangs) {
+    std::atomic<bool> stop{false};
+    std::atomic<unsigned int> latest{0};
+    std::thread source([&] {
+        while (!stop) {
+            std::thread([&] { latest = static_cast<unsigned int>(gettid()); }).join();
+        }
+    });
+    for (int round = 0; round < 3000; ++round) {
+        for (const unsigned long long frame : capture(latest)) {
+            ASSERT_NE(frame, 0U);
+        }
+    }
+    stop = true;
+    source.join();
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
