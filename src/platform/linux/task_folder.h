@@ -1,0 +1,36 @@
+#pragma once
+
+// The threads of a process as the kernel lists them: /proc/<process>/task.
+
+#include <cstddef>
+#include <vector>
+
+namespace ThreadUtilities::platform {
+
+/// The entries that are numbers, in the kernel's order, each once. Empty when the folder cannot
+/// be read. `path` has at most 100 characters.
+///
+/// The kernel looks for its place anew whenever the thread at which it stood has ended, and may
+/// then leave a thread out. Whenever that happened, one of the threads listed has ended by the
+/// time this returns.
+std::vector<unsigned int> listNumberedEntries(const char* path);
+
+/// The number of entries of this process's folder, without listing them; 0 when that is not told.
+std::size_t countOwnTasks() noexcept;
+
+enum class TaskState {
+    Live,
+    Ending,  ///< on its way out, its own code is over; or ended and still to be waited for
+    Gone,
+};
+
+/// How thread `threadId` of this process stands.
+TaskState stateOfOwnTask(unsigned int threadId) noexcept;
+
+/// The same for a thread of any process; a thread that may not be looked at counts as live.
+TaskState stateOfTask(unsigned int processId, unsigned int threadId) noexcept;
+
+/// Whether the process has that thread at all, live or ending. Cheaper.
+bool hasTask(unsigned int processId, unsigned int threadId) noexcept;
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,28 @@
+#pragma once
+
+// Where the stacks of this process's threads lie, for readers that may not wait or allocate.
+
+#include "platform/thread_context.h"
+
+namespace ThreadUtilities::platform {
+
+/// The stack of thread `threadId` in whole pages: every byte of it can be read for as long as the
+/// thread lives. False when it is not known, which says nothing about the thread.
+///
+/// The answer holds for as long as the caller knows the thread to be alive: it stands still, is
+/// seen to be blocked, or is the caller itself.
+///
+/// Context: anywhere, a signal handler included; no allocation, no lock, no `thread_local`.
+bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept;
+
+/// Enters the calling thread. A thread that cannot be entered stays unknown.
+void rememberOwnStack() noexcept;
+
+/// Enters the process's first thread, whichever thread calls. Its range is the part that is mapped
+/// at this moment; what the stack grows by later is not in it.
+void rememberFirstThreadStack() noexcept;
+
+/// Takes the calling thread out; the last thing that is done for an ending thread.
+void forgetOwnStack() noexcept;
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,120 @@
+#include "threads/thread_list.h"
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <new>
+
+#include "platform/current.h"
+#include "platform/notices.h"
+#include "platform/process_copy.h"
+#include "platform/threads.h"
+
+namespace ThreadUtilities {
+namespace {
+
+// Constant-initialised and never destroyed: notices arrive before the static objects of the
+// program are made and after they are gone.
+template <class T>
+union Everlasting {
+    T object;
+    constexpr Everlasting() : object() {}
+    ~Everlasting() {}
+};
+
+constinit std::atomic<unsigned int> mainThreadId{0};
+constinit Everlasting<std::mutex> knownThreadIdsMutex;
+constinit Everlasting<std::vector<unsigned int>> knownThreadIds;
+
+// Counts the changes of the list. It is changed under the mutex and read without.
+constinit std::atomic<unsigned long long> listChanges{0};
+
+platform::RestartInCopy startAfresh([] {
+    new (&knownThreadIdsMutex.object) std::mutex;
+    new (&knownThreadIds.object) std::vector<unsigned int>;
+});
+
+struct KnownThreads {
+    std::vector<unsigned int> ids;
+    unsigned long long listChanges;
+};
+
+KnownThreads copyKnownThreads() {
+    const std::lock_guard lock(knownThreadIdsMutex.object);
+    return {knownThreadIds.object, listChanges.load()};
+}
+
+template <class Change>
+void changeKnownThreads(Change change) {
+    const std::lock_guard lock(knownThreadIdsMutex.object);
+    change(knownThreadIds.object);
+    ++listChanges;
+}
+
+// The known threads that are live, in their order, then the live ones that were not known.
+std::vector<unsigned int> corrected(const std::vector<unsigned int>& known,
+                                    std::vector<unsigned int> live) {
+    std::vector<unsigned int> sortedLive = live;
+    std::sort(sortedLive.begin(), sortedLive.end());
+    std::vector<unsigned int> sortedKnown = known;
+    std::sort(sortedKnown.begin(), sortedKnown.end());
+
+    std::vector<unsigned int> result = known;
+    std::erase_if(result, [&](unsigned int id) {
+        return !std::binary_search(sortedLive.begin(), sortedLive.end(), id);
+    });
+    std::erase_if(live, [&](unsigned int id) {
+        return std::binary_search(sortedKnown.begin(), sortedKnown.end(), id);
+    });
+    result.insert(result.end(), live.begin(), live.end());
+    return result;
+}
+
+}  // namespace
+
+unsigned int mainThread() noexcept {
+    return mainThreadId.load(std::memory_order_relaxed);
+}
+
+std::vector<unsigned int> ownThreads() {
+    // Threads that come and go while the list is compared with the system make the comparison
+    // worthless; after a few of those the list is corrected instead.
+    constexpr int Tries = 3;
+    KnownThreads known = copyKnownThreads();
+    for (int tries = 0; tries < Tries && platform::noticesCover(known.ids.size()); ++tries) {
+        // No notice arrived between the copy and the comparison, therefore every listed thread
+        // was there at the comparison, and the list is what the system had at that moment.
+        if (listChanges.load() == known.listChanges) {
+            return std::move(known.ids);
+        }
+        known = copyKnownThreads();
+    }
+    std::vector<unsigned int> live = platform::liveThreads();
+    return live.empty() ? std::move(known.ids) : corrected(known.ids, std::move(live));
+}
+
+std::vector<unsigned int> enumerateProcessThreads(unsigned int processId) {
+    std::vector<unsigned int> threads = platform::enumerateThreadsFromSystemInformation(processId);
+    if (threads.empty() && processId != 0) {
+        threads = platform::enumerateThreadsFromSnapshot(processId);
+    }
+    return threads;
+}
+
+namespace platform {
+
+void onProcessAttach() {
+    mainThreadId = currentThreadId();
+    changeKnownThreads([](auto& ids) { ids = enumerateProcessThreads(currentProcessId()); });
+}
+
+void onThreadAttach() {
+    changeKnownThreads([](auto& ids) { ids.push_back(currentThreadId()); });
+}
+
+void onThreadDetach() {
+    changeKnownThreads([](auto& ids) { std::erase(ids, currentThreadId()); });
+}
+
+}  // namespace platform
+}  // namespace ThreadUtilities

@@ -1,0 +1,44 @@
+#include "platform/thread_names.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include <ThreadUtilities/Threads.h>
+
+#include "foundation/text_conversion.h"
+#include "platform/current.h"
+
+namespace ThreadUtilities {
+namespace {
+
+// Names are ASCII nearly always, and then the converters would change nothing.
+bool isAscii(std::string_view text) noexcept {
+    return std::all_of(text.begin(), text.end(),
+                       [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
+}
+
+std::string wellFormed(std::string_view text) {
+    return wideToUtf8(utf8ToWide(text));
+}
+
+}  // namespace
+
+void setThreadName(const std::string& name) {
+    const std::string_view text = std::string_view(name).substr(0, name.find('\0'));
+    if (isAscii(text)) {
+        platform::setOwnThreadName(text);
+    } else {
+        platform::setOwnThreadName(wellFormed(text));
+    }
+}
+
+std::string getThreadName(unsigned int threadId) {
+    std::string name = platform::readThreadName(threadId);
+    return isAscii(name) ? name : wellFormed(name);
+}
+
+std::string getThreadName() {
+    return getThreadName(getThreadId());
+}
+
+}  // namespace ThreadUtilities
