@@ -28,17 +28,12 @@ StepResult findDescription(const platform::CodeModule& module, std::uint64_t add
     return StepResult::Unreadable;
 }
 
-/// What a step needs of the tables. Found in a function of its own, so that the memory that the
-/// search and the program take is free again when expressions are evaluated.
-struct Found {
-    UnwindRow row;
-    std::uint64_t returnAddressColumn = 0;
-    const std::uint8_t* tableEnd = nullptr;
-    bool isSignalFrame = false;
-};
+}  // namespace
 
-[[gnu::noinline]] StepResult findRow(const platform::CodeModule& module, std::uint64_t address,
-                                     Found& found) noexcept {
+// Not inlined: the memory that the search and the program take is free again when the row's
+// expressions are evaluated.
+[[gnu::noinline]] StepResult findTableRow(const platform::CodeModule& module, std::uint64_t address,
+                                          TableRow& found) noexcept {
     FrameDescription description;
     if (const StepResult result = findDescription(module, address, description);
         result != StepResult::Made) {
@@ -53,13 +48,11 @@ struct Found {
     return StepResult::Made;
 }
 
-}  // namespace
-
 TableStep stepByTables(const platform::CodeModule& module, std::uint64_t address,
                        RegisterFile& registers, StackWords& words) noexcept {
     TableStep step;
-    Found found;
-    step.result = findRow(module, address, found);
+    TableRow found;
+    step.result = findTableRow(module, address, found);
     if (step.result != StepResult::Made) {
         return step;
     }

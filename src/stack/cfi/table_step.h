@@ -4,10 +4,24 @@
 #include "platform/code_modules.h"
 #include "stack/cfi/compiled_rule.h"
 #include "stack/cfi/register_file.h"
+#include "stack/cfi/unwind_row.h"
 #include "stack/stack_words.h"
 #include "stack/walk.h"
 
 namespace ThreadUtilities::cfi {
+
+/// A row with what it takes to apply it.
+struct TableRow {
+    UnwindRow row;
+    std::uint64_t returnAddressColumn = 0;
+    const std::uint8_t* tableEnd = nullptr;  ///< bounds the expressions of the row
+    bool isSignalFrame = false;
+};
+
+/// What the tables of `module` say of `address`: `Made` when they have a row for it.
+/// Context: target stopped, or signal handler; no allocation, no lock, no log.
+StepResult findTableRow(const platform::CodeModule& module, std::uint64_t address,
+                        TableRow& found) noexcept;
 
 struct TableStep {
     StepResult result = StepResult::Made;
