@@ -1,0 +1,47 @@
+#include "sampling/sampling_run.h"
+
+#include <algorithm>
+
+#include "platform/clock.h"
+
+namespace ThreadUtilities {
+
+bool SamplingRun::isOver() const {
+    return stopRequested || platform::steadyNow() >= deadline;
+}
+
+void SamplingRun::failWithCurrentException() noexcept {
+    requestStop();
+    const std::lock_guard lock(registrationMutex);
+    if (!failure) {
+        failure = std::current_exception();
+    }
+    workerRegistered.notify_one();
+}
+
+bool SamplingRun::stampIfDue(unsigned int threadId, std::chrono::milliseconds interval,
+                             std::chrono::nanoseconds& wait) {
+    const TimePoint now = platform::steadyNow();
+    const auto [entry, isFirst] = lastSampleTime.try_emplace(threadId, now);
+    const TimePoint due =
+        isFirst ? now : saturatingAdd(entry->second, saturatingNanoseconds(interval));
+    if (due > now) {
+        wait = due - now;
+        return false;
+    }
+    entry->second = now;
+    return true;
+}
+
+void SamplingRun::addSample(unsigned int threadId, const std::vector<unsigned long long>& frames,
+                            std::size_t frameCount) {
+    ++totalSampleCount;
+    const auto end = frames.cbegin() + static_cast<std::ptrdiff_t>(frameCount);
+    root->add(threadId, Tree::FrameIterator(end), Tree::FrameIterator(frames.cbegin()));
+}
+
+unsigned int samplingParallelism() {
+    return std::max(1u, platform::hardwareThreads() / 2);
+}
+
+}  // namespace ThreadUtilities

@@ -1,0 +1,262 @@
+// Sampling through a callback over a made-up clock.
+
+#include <ThreadUtilities/Sampling.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "scripted_platform/clock_script.h"
+#include "unit/sampling/lower_layers.h"
+
+namespace ThreadUtilities {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::milliseconds;
+
+constexpr unsigned int process = 77;
+constexpr unsigned int focus = 5;
+
+/// A callback that remembers its calls. What it does beside that is `answer`.
+class Recorder {
+ public:
+    struct Call {
+        unsigned int thread;
+        std::size_t room;  ///< entries in the frame vector before the call
+    };
+
+    std::function<unsigned long long(unsigned int, std::vector<unsigned long long>&)> answer =
+        [](unsigned int, std::vector<unsigned long long>& frames) {
+            frames.resize(std::max<std::size_t>(frames.size(), 1));
+            frames[0] = 10;
+            return 1ull;
+        };
+
+    StackCaptureCallback callback() {
+        return [this](unsigned int processId, const unsigned int& threadId,
+                      std::vector<unsigned long long>& frames, unsigned long long limit) {
+            EXPECT_EQ(processId, process);
+            EXPECT_EQ(limit, 256u);
+            {
+                const std::lock_guard lock(mutex);
+                calls.push_back({threadId, frames.size()});
+            }
+            return answer(threadId, frames);
+        };
+    }
+
+    std::size_t callsFor(unsigned int threadId) const {
+        return static_cast<std::size_t>(std::count_if(
+            calls.begin(), calls.end(), [&](const Call& call) { return call.thread == threadId; }));
+    }
+
+    std::mutex mutex;
+    std::vector<Call> calls;
+};
+
+class CallbackSampling : public testing::Test {
+ protected:
+    CallbackSampling() : layers(scripted::resetLowerLayers()) {
+        scripted::resetClock();
+        scripted::setHardwareThreads(2);
+        layers.threads[process] = {4, focus, 6};
+    }
+
+    std::string sampleFocus(std::chrono::seconds duration, milliseconds interval) {
+        return sampleProcessThread(process, focus, duration, interval, recorder.callback());
+    }
+    std::string sampleAll(std::chrono::seconds duration, milliseconds focusInterval,
+                          milliseconds listInterval) {
+        return sampleProcessAllThread(process, focus, duration, focusInterval, listInterval,
+                                      recorder.callback());
+    }
+
+    /// An answer of `frameCount` frames that lets time stand still until each of the three threads
+    /// was captured more than `enough` times during the run.
+    std::function<unsigned long long(unsigned int, std::vector<unsigned long long>&)> endAfter(
+        unsigned long long frameCount, int enough) {
+        captures[4] = -1;  // the first capture is before the run
+        captures[focus] = captures[6] = 0;
+        return [this, frameCount, enough](unsigned int thread,
+                                          std::vector<unsigned long long>& frames) {
+            frames.resize(256);
+            ++captures.at(thread);
+            if (captures[4] > enough && captures[focus] > enough && captures[6] > enough) {
+                scripted::advanceClock(1h);
+            }
+            return frameCount;
+        };
+    }
+
+    scripted::LowerLayers& layers;
+    Recorder recorder;
+    std::array<std::atomic<int>, 7> captures{};
+};
+
+TEST_F(CallbackSampling, AnEmptyCallbackGivesAnEmptyReport) {
+    EXPECT_EQ(sampleProcessThread(process, focus, 1h, 0ms, nullptr), "");
+    EXPECT_EQ(sampleProcessAllThread(process, focus, 1h, 0ms, 0ms, StackCaptureCallback()), "");
+    EXPECT_TRUE(scripted::issuedThreadIds().empty());
+}
+
+TEST_F(CallbackSampling, FocusThreadIsSampledOncePerIntervalAndSleptFor) {
+    // Time passes in sleeps alone: samples at 0, 250, 500 and 750 ms.
+    EXPECT_EQ(sampleFocus(1s, 250ms),
+              "Total sample count: 4\nParallelism: 1\n\n"
+              "Thread 5 [4]: \n  [4]: frame 77/10\n\n");
+    milliseconds slept{};
+    for (const milliseconds sleep : scripted::sleeps()) {
+        slept += sleep;
+        EXPECT_GT(sleep, 0ms);
+    }
+    EXPECT_EQ(slept, 1000ms);
+    ASSERT_EQ(recorder.calls.size(), 5u) << "one before the start";
+    EXPECT_EQ(recorder.calls[0].room, 256u);
+    EXPECT_EQ(recorder.calls[1].room, 0u);
+    EXPECT_EQ(recorder.calls[2].room, 1u) << "the worker keeps its vector";
+}
+
+TEST_F(CallbackSampling, AWaitIsCutToWholeMilliseconds) {
+    scripted::setAdvancePerReading(300us);
+    sampleFocus(1s, 10ms);
+    for (const milliseconds sleep : scripted::sleeps()) {
+        EXPECT_GT(sleep, 0ms) << "less than a millisecond is no sleep at all";
+        EXPECT_LT(sleep, 10ms);
+    }
+}
+
+TEST_F(CallbackSampling, TheLastSleepMayPassTheDeadline) {
+    const auto before = scripted::sleeps().size();
+    EXPECT_EQ(sampleFocus(1s, 1min).substr(0, 22), "Total sample count: 1\n");
+    milliseconds slept{};
+    for (std::size_t index = before; index < scripted::sleeps().size(); ++index) {
+        slept += scripted::sleeps()[index];
+    }
+    EXPECT_EQ(slept, milliseconds(1min));
+}
+
+TEST_F(CallbackSampling, NothingCapturedIsDroppedForTheFocusThreadOnly) {
+    recorder.answer = [](unsigned int, auto&) { return 0ull; };
+    scripted::setAdvancePerReading(10ms);
+    EXPECT_EQ(sampleFocus(1s, 0ms), "Total sample count: 0\nParallelism: 1\n\n");
+    EXPECT_GT(recorder.calls.size(), 10u);
+
+    scripted::resetClock();
+    scripted::setHardwareThreads(8);
+    recorder.answer = endAfter(0, 0);
+    const std::string report = sampleAll(1s, 0ms, 0ms);
+    EXPECT_EQ(report.find("Thread 5"), std::string::npos);
+    EXPECT_NE(report.find("Thread 4 ["), std::string::npos) << report;
+    EXPECT_EQ(report.find("frame"), std::string::npos);
+}
+
+TEST_F(CallbackSampling, NoMoreFramesAreReadThanThereAre) {
+    scripted::setAdvancePerReading(400ms);
+    recorder.answer = [](unsigned int, std::vector<unsigned long long>& frames) {
+        frames.assign(3, 7);
+        return ~0ull;
+    };
+    EXPECT_EQ(sampleFocus(1s, 0ms),
+              "Total sample count: 1\nParallelism: 1\n\n"
+              "Thread 5 [1]: \n  [1]: frame 77/7\n   [1]: frame 77/7\n    [1]: frame 77/7\n\n");
+    recorder.answer = [](unsigned int, std::vector<unsigned long long>& frames) {
+        frames.assign(1000, 7);
+        return 1000ull;
+    };
+    const std::string report = sampleFocus(1s, 0ms);
+    EXPECT_NE(report.find("\n" + std::string(257, ' ') + "[1]: frame"), std::string::npos);
+    EXPECT_EQ(report.find(std::string(258, ' ')), std::string::npos) << "256 frames at most";
+    recorder.answer = [](unsigned int, std::vector<unsigned long long>& frames) {
+        frames.clear();
+        return 5ull;
+    };
+    EXPECT_EQ(sampleFocus(1s, 0ms).substr(0, 22), "Total sample count: 0\n");
+}
+
+TEST_F(CallbackSampling, OtherThreadsAreSampledFromFourWorkersOn) {
+    scripted::setHardwareThreads(6);
+    scripted::setAdvancePerReading(1ms);
+    const std::string few = sampleAll(1s, 50ms, 50ms);
+    EXPECT_EQ(recorder.calls[0].thread, 4u) << "the first capture goes to the first of the list";
+    EXPECT_EQ(recorder.callsFor(focus), recorder.calls.size() - 1);
+    EXPECT_NE(few.find("\nIteration count: 0\nParallelism: 3\n\nThread 5 ["), std::string::npos);
+
+    scripted::resetClock();
+    scripted::setHardwareThreads(8);
+    recorder.answer = endAfter(1, 2);
+    const std::string many = sampleAll(1s, 0ms, 0ms);
+    for (const unsigned int thread : {4u, focus, 6u}) {
+        EXPECT_NE(many.find("Thread " + std::to_string(thread) + " ["), std::string::npos);
+    }
+    EXPECT_EQ(many.find("\nIteration count: 0\n"), std::string::npos) << many;
+    EXPECT_NE(many.find("\nParallelism: 4\n"), std::string::npos);
+}
+
+TEST_F(CallbackSampling, WithoutTimeOnlyTheFirstCaptureIsMade) {
+    EXPECT_EQ(sampleFocus(0s, 0ms), "Total sample count: 0\nParallelism: 1\n\n");
+    EXPECT_EQ(recorder.calls.size(), 1u);
+    EXPECT_EQ(sampleAll(-5s, 0ms, 0ms),
+              "Total sample count: 0\nIteration count: 0\nParallelism: 1\n\n");
+    EXPECT_EQ(recorder.calls.size(), 2u);
+}
+
+TEST_F(CallbackSampling, AnUnknownProcessHasNoFirstCaptureAndNoThreads) {
+    layers.threads[process] = {};
+    scripted::setHardwareThreads(8);
+    recorder.answer = [](unsigned int, auto&) -> unsigned long long {
+        // Time stands still until the two workers with nothing to do have ended.
+        if (scripted::issuedThreadIds().size() == 4 && scripted::liveWorkers() == 2) {
+            scripted::advanceClock(1h);
+        }
+        return 0;
+    };
+    const std::string report = sampleAll(1s, 0ms, 0ms);
+    EXPECT_EQ(recorder.callsFor(4), 0u);
+    EXPECT_NE(report.find("\nIteration count: 2\nParallelism: 4\n\n"), std::string::npos)
+        << "each of the two other-threads workers: " << report;
+    EXPECT_EQ(report.find("Thread"), std::string::npos);
+}
+
+TEST_F(CallbackSampling, WhatACallbackThrowsReachesTheCallerAfterAllWorkersEnded) {
+    scripted::setHardwareThreads(16);
+    recorder.answer = [&](unsigned int thread, auto&) -> unsigned long long {
+        if (thread != focus) {
+            return 0;
+        }
+        // Another worker is asleep meanwhile, for ever, and the rest wait behind it.
+        while (scripted::sleeps().empty()) {
+            std::this_thread::yield();
+        }
+        throw std::runtime_error("no more");
+    };
+    const auto forever = std::chrono::seconds::max();
+    EXPECT_THROW(sampleAll(forever, 0ms, milliseconds::max()), std::runtime_error);
+    EXPECT_EQ(scripted::issuedThreadIds().size(), 8u);
+    EXPECT_EQ(scripted::liveWorkers(), 0);
+
+    recorder.answer = [](unsigned int, auto&) -> unsigned long long { throw 42; };
+    EXPECT_THROW(sampleFocus(forever, 0ms), int) << "the first capture is the caller's own";
+    EXPECT_EQ(scripted::issuedThreadIds().size(), 8u);
+}
+
+TEST_F(CallbackSampling, EndlessIntervalsAndDurationsAreNoOverflow) {
+    scripted::setAdvancePerReading(400ms);
+    EXPECT_EQ(sampleFocus(1s, milliseconds::min()).substr(0, 22), "Total sample count: 1\n");
+    const milliseconds longTime = milliseconds::max();
+    recorder.answer = [](unsigned int, auto&) -> unsigned long long {
+        scripted::advanceClock(1h);
+        return 0;
+    };
+    EXPECT_EQ(sampleFocus(1s, longTime).substr(0, 22), "Total sample count: 0\n");
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
