@@ -1,0 +1,88 @@
+# Compares the dynamic symbols of the library with the names that its public headers mark.
+#
+#   cmake -DROOT=<source folder> -DNM=<nm> -DLIBRARY=<shared library> -P exported_symbols.cmake
+cmake_minimum_required(VERSION 3.25)
+
+# count_of(<name> <variable> <list>...): how often the name is in the list.
+function(count_of name result)
+    set(count 0)
+    foreach(one IN LISTS ARGN)
+        if(one STREQUAL name)
+            math(EXPR count "${count} + 1")
+        endif()
+    endforeach()
+    set(${result} ${count} PARENT_SCOPE)
+endfunction()
+
+# The start hooks, which take the place of the C library's own.
+set(functions pthread_create thrd_create)
+set(classes)
+
+file(GLOB headers "${ROOT}/include/*/*.h")
+list(FILTER headers EXCLUDE REGEX "/Export\\.h$")
+foreach(header IN LISTS headers)
+    file(READ "${header}" text)
+    string(REGEX REPLACE "//[^\n]*" "" text "${text}")
+    string(REGEX REPLACE "[;\n]" " " text "${text}")
+    string(REGEX MATCHALL
+        "namespace [A-Za-z_:]+ {|THREAD_UTILITIES_API [^({]*[({]"
+        declarations "${text}")
+    set(scope "")
+    foreach(declaration IN LISTS declarations)
+        if(declaration MATCHES "^namespace ([A-Za-z_:]+)")
+            # The headers open namespaces one after the other; a nested one is written as a::b.
+            set(scope "${CMAKE_MATCH_1}")
+        elseif(declaration MATCHES "(operator[^ (]+|[A-Za-z_0-9]+)[ ]*\\($")
+            list(APPEND functions "${scope}::${CMAKE_MATCH_1}")
+        elseif(declaration MATCHES "THREAD_UTILITIES_API ([A-Za-z_0-9]+)")
+            list(APPEND classes "${scope}::${CMAKE_MATCH_1}")
+        endif()
+    endforeach()
+endforeach()
+
+execute_process(COMMAND ${NM} -D --defined-only -C "${LIBRARY}"
+    OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX REPLACE ";" "," symbols "${symbols}")
+string(REGEX REPLACE "\n" ";" symbols "${symbols}")
+
+set(failures 0)
+set(found)
+foreach(symbol IN LISTS symbols)
+    if(NOT symbol MATCHES "^[0-9a-f]+ ([A-Za-z]) (.*)$")
+        continue()
+    endif()
+    set(name "${CMAKE_MATCH_2}")
+    string(REGEX REPLACE "^(vtable|typeinfo|typeinfo name) for " "" entity "${name}")
+    string(REGEX REPLACE "\\[abi:[a-z0-9]+\\]" "" entity "${entity}")
+    string(REGEX REPLACE "\\(.*$" "" entity "${entity}")
+    string(REGEX REPLACE "::[^:]*$" "" owner "${entity}")
+    if(entity IN_LIST functions)
+        list(APPEND found "${entity}")
+    elseif(entity IN_LIST classes OR owner IN_LIST classes)
+        list(APPEND found "${entity}" "${owner}")
+    else()
+        message("leaves the library unmarked: ${name}")
+        math(EXPR failures "${failures} + 1")
+    endif()
+endforeach()
+# Each overload is declared once and exported once.
+set(names ${functions})
+list(REMOVE_DUPLICATES names)
+foreach(name IN LISTS names)
+    count_of("${name}" declared_count ${functions})
+    count_of("${name}" exported_count ${found})
+    if(NOT declared_count EQUAL exported_count)
+        message("${name}: ${declared_count} declarations, ${exported_count} exported functions")
+        math(EXPR failures "${failures} + 1")
+    endif()
+endforeach()
+
+list(LENGTH functions function_count)
+if(function_count LESS 5)
+    message(FATAL_ERROR "found only ${function_count} functions in the headers")
+endif()
+if(failures GREATER 0)
+    message(FATAL_ERROR "${failures} symbols differ")
+endif()
+list(LENGTH classes class_count)
+message("${function_count} functions and the members of ${class_count} classes are exported")
