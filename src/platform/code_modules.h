@@ -18,19 +18,21 @@ struct CodeModule {
     /// unloaded, however alike the loader's records of the two are. 0 when the module carries
     /// nothing that could prove that: what is known of its code must not be kept beyond one walk.
     std::uint64_t identity = 0;
+    bool isPermanent = false;  ///< stays loaded to the end of the process
 };
 
 /// Binds what the lookups need of the system. Takes the loader's locks: never while a thread
 /// stands still. Nearly free after the first time.
 void prepareModuleLookup() noexcept;
 
-/// Finds the module that covers `address`; false when there is none. The module must stay loaded
-/// until the call returns, which holds for code that has a frame on a thread that stands still.
+/// Finds the module that covers `address`; false when there is none. `staysLoaded` is a promise of
+/// the caller: while the call runs, no module is unloaded that covers the address. It holds for
+/// code that has a frame on a thread that stands still.
 /// Context: target stopped, or signal handler; no allocation, no lock, no log.
-bool findCodeModule(std::uint64_t address, CodeModule& module) noexcept;
+bool findCodeModule(std::uint64_t address, bool staysLoaded, CodeModule& module) noexcept;
 
 /// The stretch of the module's image around `address` that can be read without a fault for as
-/// long as the module is loaded; empty when there is none.
+/// long as the module is loaded, which it is now; empty when there is none.
 /// Context: as `findCodeModule`.
 ReadableRange readableSegment(const CodeModule& module, std::uint64_t address) noexcept;
 

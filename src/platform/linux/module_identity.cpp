@@ -12,22 +12,15 @@
 namespace ThreadUtilities::platform {
 namespace {
 
-/// The loader maps a module from its first page on, whole pages at a time.
-constexpr std::uint64_t pageSize = 4096;
-
 constexpr std::string_view noteOwner{"GNU", 4};
 constexpr std::uint64_t noteHeaderSize = 12 + noteOwner.size();
 /// Shorter ids are no hash of the contents; somebody chose them.
 constexpr std::uint32_t minIdSize = 8;
 constexpr std::uint32_t maxIdSize = 64;
 
-ByteCursor firstPage(std::uint64_t begin, std::uint64_t end) noexcept {
-    return {reinterpret_cast<const void*>(begin), std::min(pageSize, end - begin)};
-}
-
 /// The program headers, as far as they are what every linker writes: right in the first page.
 struct ProgramHeaders {
-    ProgramHeaders(std::uint64_t begin, std::uint64_t end) noexcept : page(firstPage(begin, end)) {
+    ProgramHeaders(std::uint64_t begin, ByteCursor firstPage) noexcept : page(firstPage) {
         ElfW(Ehdr) header{};
         if (page.remaining() < sizeof(header)) {
             return;
@@ -43,7 +36,7 @@ struct ProgramHeaders {
         for (unsigned index = 0; index < count; ++index) {
             const ElfW(Phdr) entry = (*this)[index];
             if (entry.p_type == PT_LOAD) {
-                bias = begin - (entry.p_vaddr & ~(pageSize - 1));
+                bias = begin - (entry.p_vaddr & ~(modulePageSize - 1));
                 break;
             }
         }
@@ -75,15 +68,15 @@ bool takeBuildId(ByteCursor& notes, ByteCursor& id) noexcept {
 }
 
 /// Where in the first page the note of the build-id begins; 0 when there is none.
-std::uint64_t findBuildIdNote(std::uint64_t begin, std::uint64_t end) noexcept {
-    const ProgramHeaders headers(begin, end);
+std::uint64_t findBuildIdNote(std::uint64_t begin, ByteCursor firstPage) noexcept {
+    const ProgramHeaders headers(begin, firstPage);
     for (unsigned index = 0; index < headers.count; ++index) {
         const ElfW(Phdr) entry = headers[index];
         const std::uint64_t offset = headers.bias + entry.p_vaddr - begin;
-        if (entry.p_type != PT_NOTE || offset >= pageSize) {
+        if (entry.p_type != PT_NOTE || offset >= modulePageSize) {
             continue;
         }
-        ByteCursor page = firstPage(begin, end);
+        ByteCursor page = firstPage;
         page.seek(offset);
         ByteCursor notes = page.sub(std::min(entry.p_memsz, page.remaining()));
         while (notes.ok() && notes.remaining() >= noteHeaderSize) {
@@ -113,8 +106,7 @@ std::uint64_t mixed(std::uint64_t hash, std::uint64_t word) noexcept {
 }
 
 /// The build-id at `offset` of the first page, as a number; 0 when none is there.
-std::uint64_t hashOfNoteAt(std::uint64_t begin, std::uint64_t end, std::uint64_t offset) noexcept {
-    ByteCursor notes = firstPage(begin, end);
+std::uint64_t hashOfNoteAt(std::uint64_t offset, ByteCursor notes) noexcept {
     notes.seek(offset);
     ByteCursor id;
     if (!takeBuildId(notes, id)) {
@@ -129,27 +121,27 @@ std::uint64_t hashOfNoteAt(std::uint64_t begin, std::uint64_t end, std::uint64_t
 
 }  // namespace
 
-std::uint64_t moduleIdentity(std::uint64_t begin, std::uint64_t end,
-                             std::uint64_t unwindHeader) noexcept {
+std::uint64_t moduleIdentity(std::uint64_t begin, std::uint64_t unwindHeader,
+                             ByteCursor page) noexcept {
     const std::uint64_t known = hintOf(begin).load(std::memory_order_relaxed);
     std::uint64_t hash = 0;
-    if (known / pageSize == begin / pageSize) {
-        hash = hashOfNoteAt(begin, end, known % pageSize);
+    if (known / modulePageSize == begin / modulePageSize) {
+        hash = hashOfNoteAt(known % modulePageSize, page);
     }
     if (hash == 0) {
-        const std::uint64_t offset = findBuildIdNote(begin, end);
+        const std::uint64_t offset = findBuildIdNote(begin, page);
         if (offset == 0) {
             return 0;
         }
-        hash = hashOfNoteAt(begin, end, offset);
+        hash = hashOfNoteAt(offset, page);
         hintOf(begin).store(begin | offset, std::memory_order_relaxed);
     }
     return mixed(mixed(hash, begin), unwindHeader) | 1;
 }
 
-ReadableRange mappedSegment(std::uint64_t begin, std::uint64_t end,
-                            std::uint64_t address) noexcept {
-    const ProgramHeaders headers(begin, end);
+ReadableRange mappedSegment(std::uint64_t begin, std::uint64_t end, std::uint64_t address,
+                            ByteCursor page) noexcept {
+    const ProgramHeaders headers(begin, page);
     for (unsigned index = 0; index < headers.count; ++index) {
         const ElfW(Phdr) entry = headers[index];
         const std::uint64_t first = headers.bias + entry.p_vaddr;

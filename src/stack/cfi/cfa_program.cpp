@@ -51,7 +51,8 @@ class Program {
             case CfaOp::AdvanceLoc4:
                 return advance(bytes.read<std::uint32_t>());
             case CfaOp::SetLoc:
-                location = readEncodedPointer(bytes, description.pointerEncoding);
+                location = readEncodedPointer(bytes, description.pointerEncoding,
+                                              description.instructionShift);
                 return;
             case CfaOp::Offset:
                 return setOffset(bytes, Kind::AtOffset, operand, factored(bytes.uleb128()));

@@ -7,6 +7,7 @@
 #include "stack/cfi/compiled_rule.h"
 #include "stack/cfi/register_file.h"
 #include "stack/cfi/rule_cache.h"
+#include "stack/cfi/table_reader.h"
 #include "stack/cfi/table_step.h"
 #include "stack/stack_words.h"
 #include "stack/walk.h"
@@ -16,6 +17,8 @@ namespace ThreadUtilities::cfi {
 /// What a walk knows beyond its position.
 struct WalkMemory {
     bool usesCache = true;
+    /// Given where the thread is not held and may unload the modules that it was in.
+    TableCopies* copies = nullptr;
     platform::CodeModule module;  ///< of the frame before, most likely of this one too
     /// All registers, as the last step by tables left them.
     RegisterFile registers;
@@ -39,8 +42,9 @@ class CfiUnwinder {
     };
 
     CfiUnwinder(const platform::ThreadContext& start, RuleCache& ruleCache, Keeps keeps,
-                WalkMemory& walkMemory) noexcept
+                TableCopies* copies, WalkMemory& walkMemory) noexcept
         : cache(ruleCache), memory(walkMemory) {
+        memory.copies = copies;
         memory.usesCache = keeps == Keeps::FramePointer;
         memory.registers = RegisterFile(start.registers, start.knownRegisters);
         memory.knowsFramePointer = memory.registers.has(platform::Rbp);
@@ -146,7 +150,8 @@ class CfiUnwinder {
     }
 
     static bool enterModule(WalkMemory& memory, std::uint64_t address) noexcept {
-        if (!covers(memory.module, address) && !platform::findCodeModule(address, memory.module)) {
+        if (!covers(memory.module, address) &&
+            !platform::findCodeModule(address, memory.copies == nullptr, memory.module)) {
             memory.module = {};
             return false;
         }
@@ -188,7 +193,8 @@ class CfiUnwinder {
         if (memory.knowsFramePointer) {
             registers.set(platform::Rbp, position.framePointer);
         }
-        const TableStep step = stepByTables(memory.module, address, registers, words);
+        const TableStep step =
+            stepByTables(memory.module, address, memory.copies, registers, words);
         rule = step.rule;
         position = positionOf(registers);
         memory.knowsFramePointer = registers.has(platform::Rbp);

@@ -54,12 +54,13 @@ inline std::uint64_t readEncodedNumber(ByteCursor& bytes, std::uint8_t encoded) 
     }
 }
 
-/// Reads an encoded pointer; `dataBase` is what data-relative ones count from. Fails the cursor
+/// Reads an encoded pointer. `shift` is what the cursor's pointers lack to the addresses they
+/// stand for, `dataBase` what data-relative pointers count from. Fails the cursor
 /// for relations that no x86-64 table has, and for indirect pointers, whose target may lie
 /// anywhere.
 inline std::uint64_t readEncodedPointer(ByteCursor& bytes, std::uint8_t encoded,
-                                        std::uint64_t dataBase = 0) noexcept {
-    const auto place = reinterpret_cast<std::uint64_t>(bytes.data());
+                                        std::uint64_t shift, std::uint64_t dataBase = 0) noexcept {
+    const std::uint64_t place = reinterpret_cast<std::uint64_t>(bytes.data()) + shift;
     const std::uint64_t number = readEncodedNumber(bytes, encoded);
     switch (encoded & (encoding::relationMask | encoding::indirect)) {
         case encoding::absolute:

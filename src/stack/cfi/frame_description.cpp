@@ -1,31 +1,17 @@
 #include "stack/cfi/frame_description.h"
 
+#include <optional>
+
 #include "stack/cfi/encoded_pointer.h"
 
 namespace ThreadUtilities::cfi {
 namespace {
-
-using platform::ReadableRange;
 
 /// A table without an index is searched entry by entry, on a thread that stands still.
 constexpr unsigned maxScannedEntries = 1 << 16;
 
 /// From here on the length field would be the 64-bit form, which no unwind table uses.
 constexpr std::uint32_t firstReservedLength = 0xFFFFFFF0;
-
-ByteCursor cursorAt(ReadableRange bytes, std::uint64_t address) noexcept {
-    if (address < bytes.begin || address > bytes.end) {
-        ByteCursor outside;
-        outside.fail();
-        return outside;
-    }
-    return {reinterpret_cast<const std::uint8_t*>(address),
-            reinterpret_cast<const std::uint8_t*>(bytes.end)};
-}
-
-std::uint64_t addressOf(const ByteCursor& cursor) noexcept {
-    return reinterpret_cast<std::uint64_t>(cursor.data());
-}
 
 /// The body of the entry that `bytes` stands at, which it passes over; failed for a malformed one
 /// and empty for the terminator.
@@ -64,9 +50,9 @@ void parseAugmentation(std::string_view letters, ByteCursor& bytes,
     }
 }
 
-bool parseCommonPart(ReadableRange section, std::uint64_t entry, FrameDescription& description,
+bool parseCommonPart(const TableReader& reader, std::uint64_t entry, FrameDescription& description,
                      bool& hasAugmentationLength) noexcept {
-    ByteCursor bytes = cursorAt(section, entry);
+    ByteCursor bytes = reader.common(entry).bytes;
     ByteCursor cie = takeEntry(bytes);
     if (cie.read<std::uint32_t>() != 0) {
         return false;
@@ -99,15 +85,17 @@ bool parseCommonPart(ReadableRange section, std::uint64_t entry, FrameDescriptio
 /// The index of the header: pairs of (start of code, address of its FDE), sorted by the first,
 /// both as signed 32-bit distances from the header.
 struct Index {
-    const std::uint8_t* pairs = nullptr;
+    std::uint64_t pairs = 0;
     std::uint64_t count = 0;
 };
 constexpr std::uint64_t pairSize = 8;
+constexpr std::uint64_t maxPairs = std::uint64_t{1} << 32;
 constexpr std::uint8_t pairEncoding = encoding::relativeToData | encoding::signed32;
 
 /// An index in any other encoding is not used: no linker writes one.
-Index indexOfHeader(const UnwindTables& tables) noexcept {
-    ByteCursor bytes = cursorAt(tables.headerBytes, tables.header);
+Index indexOfHeader(const TableReader& reader, std::uint64_t header) noexcept {
+    TableReader::Piece piece = reader.index(header);
+    ByteCursor& bytes = piece.bytes;
     bytes.read<std::uint8_t>();
     const auto framesEncoding = bytes.read<std::uint8_t>();
     const auto countEncoding = bytes.read<std::uint8_t>();
@@ -117,109 +105,130 @@ Index indexOfHeader(const UnwindTables& tables) noexcept {
         return {};
     }
     const std::uint64_t count = readEncodedNumber(bytes, countEncoding);
-    if (!bytes.ok() || count > bytes.remaining() / pairSize) {
+    if (!bytes.ok() || count > maxPairs) {
         return {};
     }
-    return {bytes.data(), count};
+    return {piece.address(), count};
 }
 
-std::uint64_t indexed(const UnwindTables& tables, const std::uint8_t* number) noexcept {
-    return tables.header +
-           static_cast<std::uint64_t>(std::int64_t{loadLittleEndian<std::int32_t>(number)});
+/// One half of a pair, as an address.
+std::optional<std::uint64_t> indexed(const TableReader& reader, std::uint64_t header,
+                                     std::uint64_t half) noexcept {
+    TableReader::Piece piece = reader.index(half);
+    const auto distance = piece.bytes.read<std::int32_t>();
+    return piece.bytes.ok() ? checkedOffset(header, distance) : std::nullopt;
 }
 
-/// The FDE of the last pair whose code starts at or below `address`; 0 when all start above.
-std::uint64_t searchIndex(const UnwindTables& tables, const Index& index,
-                          std::uint64_t address) noexcept {
+/// The FDE of the last pair whose code starts at or below `address`; `entry` is 0 when all start
+/// above. False when the index leaves the readable bytes.
+bool searchIndex(const TableReader& reader, std::uint64_t header, const Index& index,
+                 std::uint64_t address, std::uint64_t& entry) noexcept {
     std::uint64_t first = 0;
     std::uint64_t count = index.count;
     while (count > 0) {
         const std::uint64_t half = count / 2;
-        const std::uint8_t* const pair = index.pairs + (first + half) * pairSize;
-        if (indexed(tables, pair) <= address) {
+        const auto start = indexed(reader, header, index.pairs + (first + half) * pairSize);
+        if (!start) {
+            return false;
+        }
+        if (*start <= address) {
             first += half + 1;
             count -= half + 1;
         } else {
             count = half;
         }
     }
-    return first == 0 ? 0 : indexed(tables, index.pairs + (first - 1) * pairSize + 4);
+    entry = 0;
+    if (first == 0) {
+        return true;
+    }
+    const auto found = indexed(reader, header, index.pairs + (first - 1) * pairSize + 4);
+    entry = found.value_or(0);
+    return found.has_value();
 }
 
 bool covers(const FrameDescription& description, std::uint64_t address) noexcept {
     return description.codeBegin <= address && address < description.codeEnd;
 }
 
-LookupResult scanEntries(const UnwindTables& tables, std::uint64_t address,
+LookupResult scanEntries(const TableReader& reader, std::uint64_t frames, std::uint64_t address,
                          FrameDescription& description) noexcept {
-    ByteCursor bytes = cursorAt(tables.frameBytes, tables.frames);
-    for (unsigned scanned = 0; scanned < maxScannedEntries && !bytes.atEnd(); ++scanned) {
-        const std::uint64_t entry = addressOf(bytes);
-        ByteCursor body = takeEntry(bytes);
-        if (!bytes.ok()) {
+    std::uint64_t entry = frames;
+    for (unsigned scanned = 0; scanned < maxScannedEntries; ++scanned) {
+        TableReader::Piece piece = reader.description(entry);
+        ByteCursor body = takeEntry(piece.bytes);
+        if (!piece.bytes.ok()) {
             return LookupResult::Malformed;
         }
         if (body.atEnd()) {
             return LookupResult::NotCovered;
         }
+        const std::uint64_t next = piece.address();
         const bool isCommonPart = body.read<std::uint32_t>() == 0;
-        if (!isCommonPart && parseFrameDescription(tables.frameBytes, entry, description) &&
+        if (!isCommonPart && parseFrameDescription(reader, entry, description) &&
             covers(description, address)) {
             return LookupResult::Found;
         }
+        entry = next;
     }
-    return bytes.ok() ? LookupResult::NotCovered : LookupResult::Malformed;
+    return LookupResult::NotCovered;
 }
 
 }  // namespace
 
-std::uint64_t framesOfHeader(std::uint64_t header, ReadableRange range) noexcept {
-    ByteCursor bytes = cursorAt(range, header);
-    const auto version = bytes.read<std::uint8_t>();
-    const auto framesEncoding = bytes.read<std::uint8_t>();
-    bytes.skip(2);
-    const std::uint64_t frames = readEncodedPointer(bytes, framesEncoding, header);
-    return version == 1 && bytes.ok() ? frames : 0;
+std::uint64_t framesOfHeader(const TableReader& reader, std::uint64_t header) noexcept {
+    TableReader::Piece piece = reader.index(header);
+    const auto version = piece.bytes.read<std::uint8_t>();
+    const auto framesEncoding = piece.bytes.read<std::uint8_t>();
+    piece.bytes.skip(2);
+    const std::uint64_t frames =
+        readEncodedPointer(piece.bytes, framesEncoding, piece.shift, header);
+    return version == 1 && piece.bytes.ok() ? frames : 0;
 }
 
-LookupResult findFrameDescription(const UnwindTables& tables, std::uint64_t address,
+LookupResult findFrameDescription(const TableReader& reader, std::uint64_t header,
+                                  std::uint64_t frames, std::uint64_t address,
                                   FrameDescription& description) noexcept {
-    const Index index = indexOfHeader(tables);
+    const Index index = indexOfHeader(reader, header);
     if (index.count == 0) {
-        return scanEntries(tables, address, description);
+        return scanEntries(reader, frames, address, description);
     }
-    const std::uint64_t entry = searchIndex(tables, index, address);
+    std::uint64_t entry = 0;
+    if (!searchIndex(reader, header, index, address, entry)) {
+        return LookupResult::Malformed;
+    }
     if (entry == 0) {
         return LookupResult::NotCovered;
     }
-    if (!parseFrameDescription(tables.frameBytes, entry, description)) {
+    if (!parseFrameDescription(reader, entry, description)) {
         return LookupResult::Malformed;
     }
     return covers(description, address) ? LookupResult::Found : LookupResult::NotCovered;
 }
 
-bool parseFrameDescription(ReadableRange section, std::uint64_t entry,
+bool parseFrameDescription(const TableReader& reader, std::uint64_t entry,
                            FrameDescription& description) noexcept {
-    ByteCursor bytes = cursorAt(section, entry);
-    ByteCursor fde = takeEntry(bytes);
-    const std::uint64_t distanceFrom = addressOf(fde);
-    const auto distance = fde.read<std::uint32_t>();
+    TableReader::Piece piece = reader.description(entry);
+    TableReader::Piece fde{takeEntry(piece.bytes), piece.shift};
+    const std::uint64_t distanceFrom = fde.address();
+    const auto distance = fde.bytes.read<std::uint32_t>();
     bool hasAugmentationLength = false;
     description = {};
-    description.tableEnd = reinterpret_cast<const std::uint8_t*>(section.end);
+    description.tableEnd = reader.end();
     if (distance == 0 ||
-        !parseCommonPart(section, distanceFrom - distance, description, hasAugmentationLength)) {
+        !parseCommonPart(reader, distanceFrom - distance, description, hasAugmentationLength)) {
         return false;
     }
-    description.codeBegin = readEncodedPointer(fde, description.pointerEncoding);
-    const std::uint64_t size = readEncodedNumber(fde, description.pointerEncoding);
+    description.codeBegin = readEncodedPointer(fde.bytes, description.pointerEncoding, piece.shift);
+    const std::uint64_t size = readEncodedNumber(fde.bytes, description.pointerEncoding);
     if (hasAugmentationLength) {
-        fde.skip(fde.uleb128());
+        fde.bytes.skip(fde.bytes.uleb128());
     }
     const auto codeEnd = checkedAdd(description.codeBegin, size);
     description.codeEnd = codeEnd.value_or(0);
-    description.instructions = fde;
-    return codeEnd.has_value() && fde.ok();
+    description.instructions = fde.bytes;
+    description.instructionShift = piece.shift;
+    return codeEnd.has_value() && fde.bytes.ok();
 }
 
 }  // namespace ThreadUtilities::cfi

@@ -12,11 +12,30 @@ constinit cfi::RuleCache ruleCache;
 
 using Keeps = cfi::CfiUnwinder::Keeps;
 
-WalkResult walk(const platform::ThreadContext& context, Keeps keeps, StackWords& words,
-                unsigned long long* frames, std::size_t maxFrames) noexcept {
+WalkResult walk(const platform::ThreadContext& context, Keeps keeps, cfi::TableCopies* copies,
+                StackWords& words, unsigned long long* frames, std::size_t maxFrames) noexcept {
     cfi::WalkMemory memory;
-    cfi::CfiUnwinder unwinder(context, ruleCache, keeps, memory);
+    cfi::CfiUnwinder unwinder(context, ruleCache, keeps, copies, memory);
     return walkStack(unwinder, words, frames, maxFrames);
+}
+
+WalkResult walk(const platform::ThreadContext& context, cfi::TableCopies* copies,
+                unsigned long long* frames, std::size_t maxFrames) noexcept {
+    StackWords words(context.stack, context.stackShift);
+    const WalkResult result = walk(context, Keeps::FramePointer, copies, words, frames, maxFrames);
+    if (result.end == WalkEnd::UnknownRegister) {
+        // A frame farther out is addressed by a register that cached rules do not carry along.
+        return walk(context, Keeps::AllRegisters, copies, words, frames, maxFrames);
+    }
+    return result;
+}
+
+/// Not inlined: the room for copies must not be on the stack of a thread that walks itself.
+[[gnu::noinline]] WalkResult walkWithCopies(const platform::ThreadContext& context,
+                                            unsigned long long* frames,
+                                            std::size_t maxFrames) noexcept {
+    cfi::TableCopies copies;
+    return walk(context, &copies, frames, maxFrames);
 }
 
 }  // namespace
@@ -27,13 +46,8 @@ void prepareFrameWalks() noexcept {
 
 WalkResult walkThread(const platform::ThreadContext& context, unsigned long long* frames,
                       std::size_t maxFrames) noexcept {
-    StackWords words(context.stack, context.stackShift);
-    const WalkResult result = walk(context, Keeps::FramePointer, words, frames, maxFrames);
-    if (result.end == WalkEnd::UnknownRegister) {
-        // A frame farther out is addressed by a register that cached rules do not carry along.
-        return walk(context, Keeps::AllRegisters, words, frames, maxFrames);
-    }
-    return result;
+    return context.standsStill ? walk(context, nullptr, frames, maxFrames)
+                               : walkWithCopies(context, frames, maxFrames);
 }
 
 // Not inlined: the walk starts in this function's frame and its first step leaves it.
@@ -58,7 +72,7 @@ WalkResult walkThread(const platform::ThreadContext& context, unsigned long long
         :
         : "r"(context.registers.data())
         : "rax", "memory");
-    return walkThread(context, frames, maxFrames).frameCount;
+    return walk(context, nullptr, frames, maxFrames).frameCount;
 }
 
 }  // namespace ThreadUtilities

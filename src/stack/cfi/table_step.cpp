@@ -7,17 +7,25 @@
 namespace ThreadUtilities::cfi {
 namespace {
 
+TableReader readerOf(const platform::CodeModule& module, TableCopies* copies) noexcept {
+    if (copies != nullptr && !module.isPermanent) {
+        return TableReader(*copies);
+    }
+    const platform::ReadableRange headerBytes =
+        platform::readableSegment(module, module.unwindHeader);
+    const TableReader header(headerBytes, {});
+    const std::uint64_t frames = framesOfHeader(header, module.unwindHeader);
+    return {headerBytes, platform::readableSegment(module, frames)};
+}
+
 StepResult findDescription(const platform::CodeModule& module, std::uint64_t address,
-                           FrameDescription& description) noexcept {
+                           TableCopies* copies, FrameDescription& description) noexcept {
     if (module.unwindHeader == 0) {
         return StepResult::NoUnwindData;
     }
-    UnwindTables tables;
-    tables.header = module.unwindHeader;
-    tables.headerBytes = platform::readableSegment(module, tables.header);
-    tables.frames = framesOfHeader(tables.header, tables.headerBytes);
-    tables.frameBytes = platform::readableSegment(module, tables.frames);
-    switch (findFrameDescription(tables, address, description)) {
+    const TableReader reader = readerOf(module, copies);
+    const std::uint64_t frames = framesOfHeader(reader, module.unwindHeader);
+    switch (findFrameDescription(reader, module.unwindHeader, frames, address, description)) {
         case LookupResult::Found:
             return StepResult::Made;
         case LookupResult::NotCovered:
@@ -33,9 +41,9 @@ StepResult findDescription(const platform::CodeModule& module, std::uint64_t add
 // Not inlined: the memory that the search and the program take is free again when the row's
 // expressions are evaluated.
 [[gnu::noinline]] StepResult findTableRow(const platform::CodeModule& module, std::uint64_t address,
-                                          TableRow& found) noexcept {
+                                          TableCopies* copies, TableRow& found) noexcept {
     FrameDescription description;
-    if (const StepResult result = findDescription(module, address, description);
+    if (const StepResult result = findDescription(module, address, copies, description);
         result != StepResult::Made) {
         return result;
     }
@@ -49,10 +57,10 @@ StepResult findDescription(const platform::CodeModule& module, std::uint64_t add
 }
 
 TableStep stepByTables(const platform::CodeModule& module, std::uint64_t address,
-                       RegisterFile& registers, StackWords& words) noexcept {
+                       TableCopies* copies, RegisterFile& registers, StackWords& words) noexcept {
     TableStep step;
     TableRow found;
-    step.result = findTableRow(module, address, found);
+    step.result = findTableRow(module, address, copies, found);
     if (step.result != StepResult::Made) {
         return step;
     }

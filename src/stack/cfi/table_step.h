@@ -4,6 +4,7 @@
 #include "platform/code_modules.h"
 #include "stack/cfi/compiled_rule.h"
 #include "stack/cfi/register_file.h"
+#include "stack/cfi/table_reader.h"
 #include "stack/cfi/unwind_row.h"
 #include "stack/stack_words.h"
 #include "stack/walk.h"
@@ -18,10 +19,11 @@ struct TableRow {
     bool isSignalFrame = false;
 };
 
-/// What the tables of `module` say of `address`: `Made` when they have a row for it.
+/// What the tables of `module` say of `address`: `Made` when they have a row for it. With `copies`,
+/// tables of a module that may vanish are read through these; what is found points into them.
 /// Context: target stopped, or signal handler; no allocation, no lock, no log.
 StepResult findTableRow(const platform::CodeModule& module, std::uint64_t address,
-                        TableRow& found) noexcept;
+                        TableCopies* copies, TableRow& found) noexcept;
 
 struct TableStep {
     StepResult result = StepResult::Made;
@@ -33,6 +35,6 @@ struct TableStep {
 /// address to look up, which is one byte before a return address. Takes some hundred nanoseconds.
 /// Context: target stopped, or signal handler; no allocation, no lock, no log.
 TableStep stepByTables(const platform::CodeModule& module, std::uint64_t address,
-                       RegisterFile& registers, StackWords& words) noexcept;
+                       TableCopies* copies, RegisterFile& registers, StackWords& words) noexcept;
 
 }  // namespace ThreadUtilities::cfi

@@ -60,7 +60,7 @@ class OwnRows {
 
     std::optional<AppliedRow> rowAt(const platform::CodeModule& module, std::uint64_t address) {
         registers.set(platform::Rip, address);
-        if (findTableRow(module, address, found) != StepResult::Made) {
+        if (findTableRow(module, address, nullptr, found) != StepResult::Made) {
             return std::nullopt;
         }
         AppliedRow applied;
@@ -140,7 +140,7 @@ void compareRows(const ElfutilsRows& theirs, std::uint64_t loadBias) {
         for (std::uint64_t address = range.begin; address < range.end;) {
             const std::uint64_t loaded = address + loadBias;
             if (loaded < module.begin || loaded >= module.end) {
-                ASSERT_TRUE(platform::findCodeModule(loaded, module)) << std::hex << address;
+                ASSERT_TRUE(platform::findCodeModule(loaded, true, module)) << std::hex << address;
             }
             frame.registers[platform::Rip] = loaded;
             const auto expected = theirs.rowAt(address, frame.registers,
