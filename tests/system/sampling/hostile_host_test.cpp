@@ -1,0 +1,110 @@
+// What a host may do while it is sampled.
+
+#include <ThreadUtilities/Sampling.h>
+#include <ThreadUtilities/StackTrace.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <system_error>
+
+#include "system/sampling/sampled_threads.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool isSanitized = true;
+#else
+constexpr bool isSanitized = false;
+#endif
+
+namespace ThreadUtilities {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// Runs `body` in a copy of this process; its result is the copy's exit code. A copy that hangs is
+/// ended by the alarm clock.
+template <typename Body>
+int inCopy(Body body) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(60);
+        _exit(body());
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return status;
+}
+
+std::size_t ownThreadCount() {
+    return getThreadIds(static_cast<unsigned int>(getpid())).size();
+}
+
+TEST(HostileHost, ACopyMadeDuringASamplingCallCanSampleItself) {
+    std::atomic<bool> stop = false;
+    std::jthread sampler([&] {
+        while (!stop) {
+            sampleAllThreads(1s, 0ms);
+        }
+    });
+    const int rounds = isSanitized ? 5 : 50;
+    for (int round = 0; round < rounds; ++round) {
+        const bool takesTime = round % 25 == 0;
+        const int status = inCopy([takesTime] {
+            const std::string report = sampleAllThreads(takesTime ? 1s : 0s, 100ms);
+            const std::string self = "\n\nThread " + std::to_string(getThreadId()) + " [";
+            const bool isSampled = report.find(self) != std::string::npos;
+            return isSampled == takesTime && ownThreadCount() == 1 ? 0 : 1;
+        });
+        ASSERT_EQ(status, 0) << "round " << round;
+    }
+    stop = true;
+}
+
+TEST(HostileHost, AWorkerThatCannotBeStartedIsAnException) {
+    if (isSanitized) {
+        GTEST_SKIP() << "sanitizers want more address space than the limit leaves";
+    }
+    const int status = inCopy([] {
+        // Stacks that the address space has no room for.
+        constexpr std::size_t stackSize = std::size_t{1} << 32;
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, stackSize);
+        pthread_setattr_default_np(&attributes);
+        const rlimit limit{stackSize / 2, stackSize / 2};
+        setrlimit(RLIMIT_AS, &limit);
+        try {
+            sampleAllThreads(1h, 0ms);
+            return 1;
+        } catch (const std::system_error&) {
+            return ownThreadCount() == 1 ? 0 : 2;
+        }
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST(HostileHost, ACancelledCallEndsWithItsWorkers) {
+    const std::size_t before = ownThreadCount();
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr,
+        [](void*) -> void* {
+            sampleAllThreads(1h, 10ms);
+            return nullptr;
+        },
+        nullptr);
+    while (ownThreadCount() < before + 2) {  // the call's own thread and its first worker
+        std::this_thread::yield();
+    }
+    pthread_cancel(thread);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(ownThreadCount(), before);
+}
+
+}  // namespace
+}  // namespace ThreadUtilities

@@ -1,0 +1,169 @@
+// Reports of real programs: this one, and a child process.
+
+#include <ThreadUtilities/Sampling.h>
+#include <ThreadUtilities/StackTrace.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <sstream>
+
+#include "system/modules/child_process.h"
+#include "system/sampling/sampled_threads.h"
+
+namespace ThreadUtilities {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct ThreadBlock {
+    std::string name;
+    std::size_t samples = 0;
+    std::vector<std::string> frames;  ///< the lines of the block's frames
+};
+
+/// The thread blocks of a report by id; `order` receives the ids as they stand in it.
+std::map<unsigned int, ThreadBlock> blocksOf(const std::string& report,
+                                             std::vector<unsigned int>& order) {
+    std::map<unsigned int, ThreadBlock> blocks;
+    std::istringstream lines(report);
+    ThreadBlock* current = nullptr;
+    for (std::string line; std::getline(lines, line);) {
+        unsigned int id = 0;
+        std::size_t samples = 0;
+        if (std::sscanf(line.c_str(), "Thread %u [%zu]: ", &id, &samples) == 2) {
+            order.push_back(id);
+            current = &blocks[id];
+            *current = {line.substr(line.find("]: ") + 3), samples, {}};
+        } else if (line.empty()) {
+            current = nullptr;
+        } else if (current != nullptr) {
+            current->frames.push_back(line);
+        }
+    }
+    return blocks;
+}
+
+/// The offset that a frame line of `module` shows; none for other modules.
+std::optional<unsigned long long> offsetIn(const std::string& module, const std::string& line) {
+    const std::string mark = "]: " + module + "+0x";
+    const auto place = line.find(mark);
+    if (place == std::string::npos) {
+        return std::nullopt;
+    }
+    return std::stoull(line.substr(place + mark.size()), nullptr, 16);
+}
+
+TEST(Sampling, AReportShowsWhereEachThreadIs) {
+    const SampledThreads threads;
+    const std::string report = sampleAllThreads(1s, 5ms);
+    std::vector<unsigned int> order;
+    const auto blocks = blocksOf(report, order);
+    ASSERT_FALSE(order.empty()) << report;
+    EXPECT_EQ(order.front(), getMainThreadId());
+    EXPECT_EQ(blocks.size(), 3u) << "this thread and two others, no sampler: " << report;
+
+    std::size_t total = 0;
+    for (const auto& [id, block] : blocks) {
+        total += block.samples;
+        EXPECT_GT(block.samples, 1u) << id;
+        if (block.name == "poller") {
+            EXPECT_TRUE(std::any_of(
+                block.frames.begin(), block.frames.end(),
+                [](const std::string& line) { return offsetIn("libc.so.6", line).has_value(); }));
+        }
+    }
+    EXPECT_EQ(report.find("Total sample count: " + std::to_string(total) + "\n"), 0u);
+
+    ASSERT_TRUE(blocks.contains(threads.spinnerId()));
+    const ThreadBlock& spinner = blocks.at(threads.spinnerId());
+    EXPECT_EQ(spinner.name, "spinner");
+    const std::wstring function =
+        getFrameDetails(0, reinterpret_cast<unsigned long long>(&spinUntil));
+    const auto begin =
+        offsetIn("sampling_system_test", "]: " + std::string(function.begin(), function.end()));
+    ASSERT_TRUE(begin);
+    EXPECT_TRUE(std::any_of(spinner.frames.begin(), spinner.frames.end(),
+                            [&](const std::string& line) {
+                                const auto offset = offsetIn("sampling_system_test", line);
+                                return offset && *offset > *begin && *offset < *begin + 100;
+                            }))
+        << report;
+    for (const auto& [id, block] : blocks) {
+        for (const std::string& frame : block.frames) {
+            EXPECT_TRUE(frame.ends_with("};")) << "frame without a module: " << frame;
+        }
+    }
+}
+
+TEST(Sampling, ThreadsThatComeAndGoDisturbNothing) {
+    std::atomic<bool> stop = false;
+    std::jthread starter([&] {
+        while (!stop) {
+            std::jthread([] { setThreadName("brief"); }).join();
+        }
+    });
+    const std::string report = sampleAllThreads(1s, 0ms);
+    stop = true;
+    starter.join();
+    std::vector<unsigned int> order;
+    EXPECT_GE(blocksOf(report, order).size(), 2u);
+    EXPECT_EQ(order.front(), getMainThreadId());
+}
+
+TEST(Sampling, SeveralRunsAtOnceShareNothing) {
+    std::vector<std::string> reports(3);
+    {
+        std::vector<std::jthread> runs;
+        for (std::string& report : reports) {
+            runs.emplace_back([&] { report = sampleAllThreads(1s, 20ms); });
+        }
+    }
+    for (const std::string& report : reports) {
+        EXPECT_EQ(report.find("Total sample count: "), 0u);
+        std::vector<unsigned int> order;
+        EXPECT_GE(blocksOf(report, order).size(), 4u) << report;
+    }
+}
+
+TEST(Sampling, AnotherProcessIsDescribedByItsOwnModules) {
+    const ChildProcess child([] { pause(); });
+    const unsigned int id = child.id();
+    const auto address = reinterpret_cast<unsigned long long>(&pause) + 3;
+    const auto capture = [&](unsigned int processId, const unsigned int& threadId,
+                             std::vector<unsigned long long>& frames, unsigned long long) {
+        EXPECT_EQ(processId, id);
+        EXPECT_EQ(threadId, id);
+        frames.assign({address});
+        return 1ull;
+    };
+    const std::string report = sampleProcessThread(id, id, 1s, 100ms, capture);
+    const std::wstring frame = getFrameDetails(id, address);
+    ASSERT_FALSE(frame.empty());
+    EXPECT_NE(report.find("]: " + std::string(frame.begin(), frame.end()) + "\n\n"),
+              std::string::npos)
+        << report;
+    EXPECT_EQ(report.find("Iteration"), std::string::npos);
+    EXPECT_NE(sampleProcessAllThread(id, id, 1s, 100ms, 100ms, capture).find("\nIteration count: "),
+              std::string::npos);
+}
+
+TEST(Sampling, AProcessThatIsGoneLeavesTheHeaderAlone) {
+    unsigned int gone = 0;
+    {
+        const ChildProcess child([] { _exit(0); });
+        gone = child.id();
+    }
+    const auto nothing = [](unsigned int, const unsigned int&, auto&, unsigned long long) {
+        return 0ull;
+    };
+    const std::string report = sampleProcessAllThread(gone, gone, 0s, 0ms, 0ms, nothing);
+    EXPECT_EQ(report.find("Total sample count: 0\nIteration count: 0\nParallelism: "), 0u);
+    EXPECT_TRUE(report.ends_with("\n\n"));
+    EXPECT_EQ(report.find("Thread"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
