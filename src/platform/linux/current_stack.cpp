@@ -2,10 +2,10 @@
 #include "platform/thread_context.h"
 
 #include <pthread.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include "platform/linux/kernel_calls.h"
+#include "platform/linux/stack_layout.h"
 
 // The stack pointer at the program's entry, kept by the dynamic linker.
 extern "C" void* __libc_stack_end;  // NOLINT
@@ -20,16 +20,14 @@ struct KnownBounds {
 
 thread_local KnownBounds ownBounds;
 
-bool isMainThread() {
+bool isFirstThread() {
     return kernelCall(SYS_gettid) == kernelProcessId();
 }
 
-// The C library would read the whole memory map for this. No other mapping comes near: the kernel
-// leaves at least 128 MB below the stack's top free for it.
-ReadableRange mainThreadBounds() {
-    constexpr std::uint64_t largest = 64 << 20;
+// The C library would read the whole memory map for this.
+ReadableRange firstThreadBounds() {
     const auto top = reinterpret_cast<std::uint64_t>(__libc_stack_end);
-    return {top - largest, top};
+    return {top - firstStackReach, top};
 }
 
 ReadableRange otherThreadBounds() {
@@ -49,7 +47,7 @@ ReadableRange otherThreadBounds() {
 
 ReadableRange currentStackRange() noexcept {
     if (!ownBounds.known) {
-        ownBounds.bounds = isMainThread() ? mainThreadBounds() : otherThreadBounds();
+        ownBounds.bounds = isFirstThread() ? firstThreadBounds() : otherThreadBounds();
         ownBounds.known = true;
     }
     const auto stackPointer = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));

@@ -9,6 +9,8 @@
 #include "platform/linux/capture_requests.h"
 #include "platform/linux/capture_signal.h"
 #include "platform/linux/kernel_calls.h"
+#include "platform/linux/stack_layout.h"
+#include "platform/linux/thread_stacks.h"
 #include "platform/linux/thread_status.h"
 
 namespace ThreadUtilities::platform {
@@ -118,6 +120,19 @@ VisitResult visitStanding(unsigned int threadId, const ReadableRange& stackBound
     return VisitResult::NotAnswering;
 }
 
+// Of the first thread's stack the part above its stack pointer is mapped, however far it has grown
+// since its bounds were looked up: it grows by what is touched, and in one piece.
+ReadableRange stackBoundsOf(unsigned int threadId) {
+    ReadableRange bounds;
+    if (!findThreadStack(threadId, bounds)) {
+        return {};
+    }
+    if (static_cast<int>(threadId) == kernelProcessId()) {
+        bounds.begin = std::min(bounds.begin, bounds.end - firstStackReach);
+    }
+    return bounds;
+}
+
 VisitorAnswer copyContext(const ThreadContext& context, void* copy) noexcept {
     *static_cast<ThreadContext*>(copy) = context;
     return VisitorAnswer::Enough;
@@ -130,9 +145,8 @@ VisitResult visitBySignal(unsigned int threadId, bool suspend, ContextVisitor vi
     if (!ensureCaptureHandler()) {
         return VisitResult::NotAnswering;
     }
-    const ReadableRange stackBounds{};
     if (suspend) {
-        return visitStanding(threadId, stackBounds, visitor, state);
+        return visitStanding(threadId, stackBoundsOf(threadId), visitor, state);
     }
     ThreadContext context;
     const VisitResult result = visitStanding(threadId, {}, copyContext, &context);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/linux/kernel_calls.h"
 
@@ -22,6 +23,10 @@ KernelFile::~KernelFile() {
 
 bool KernelFile::isMissing() const {
     return descriptor_ == -ENOENT || descriptor_ == -ESRCH;
+}
+
+int KernelFile::release() noexcept {
+    return std::exchange(descriptor_, -EBADF);
 }
 
 std::size_t KernelFile::read(char* out, std::size_t size) const noexcept {

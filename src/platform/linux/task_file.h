@@ -21,6 +21,8 @@ class KernelFile {
 
     [[nodiscard]] bool isOpen() const { return descriptor_ >= 0; }
     [[nodiscard]] bool isMissing() const;
+    /// Gives the descriptor away; negative when there is none.
+    int release() noexcept;
     /// The bytes read; 0 at the end and on failure.
     std::size_t read(char* out, std::size_t size) const noexcept;
 
