@@ -1,0 +1,3 @@
+add_fuzz_target(text_conversion_fuzz
+    SOURCES text_conversion_fuzz.cpp
+    OBJECTS tu_foundation tu_scripted_platform)
