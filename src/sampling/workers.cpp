@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "platform/clock.h"
-#include "sampling/own_process_capture.h"
+#include "stack/capture_session.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -70,7 +70,7 @@ void beginNextPass(SamplingRun& run) {
 
 void ownProcessWorker(SamplingRun& run) {
     registerWorker(run);
-    OwnProcessCapture capture(static_cast<std::size_t>(run.maxFrames));
+    CaptureSession session(static_cast<std::size_t>(run.maxFrames));
     bool sampledInPass = false;
     while (!run.isOver()) {
         std::unique_lock lock(run.samplingMutex);
@@ -90,8 +90,8 @@ void ownProcessWorker(SamplingRun& run) {
         }
         lock.unlock();
         sampledInPass = true;
-        const std::size_t count = capture(threadId);
-        run.addSample(threadId, capture.frames(), count);
+        const std::size_t count = session.capture(threadId);
+        run.addSample(threadId, session.frames(), count);
     }
 }
 

@@ -1,3 +1,5 @@
+#include "stack/stack_trace.h"
+
 #include <ThreadUtilities/StackTrace.h>
 
 #include <algorithm>
@@ -10,14 +12,12 @@
 #include "stack/frame_walk.h"
 
 namespace ThreadUtilities {
-namespace {
-
 unsigned long long captureOtherThread(unsigned int threadId, unsigned long long* frames,
-                                      std::size_t maxFrames, bool suspend) {
+                                      unsigned long long maxFrames, bool suspend) {
     prepareFrameWalks();
     FrameCollection collected;
     collected.frames = frames;
-    collected.maxFrames = maxFrames;
+    collected.maxFrames = static_cast<std::size_t>(maxFrames);
     if (platform::visitThreadContext(threadId, suspend, collectFrames, &collected) !=
         platform::VisitResult::Visited) {
         return 0;
@@ -27,8 +27,6 @@ unsigned long long captureOtherThread(unsigned int threadId, unsigned long long*
     }
     return collected.frameCount;
 }
-
-}  // namespace
 
 // The calling thread's first entry lies in this function: it is never inlined, and the walk is not
 // its last act, which would let the compiler turn the call into a jump.

@@ -2,12 +2,14 @@
 
 #include <array>
 #include <cstddef>
-#include <ctime>
+#include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "platform/linux/kernel_calls.h"
 #include "platform/linux/task_file.h"
 #include "platform/memory.h"
+#include "platform/thread_clock.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -93,25 +95,13 @@ bool visitAt(const BlockedAt& at, ContextVisitor visitor, void* state) {
 
 }  // namespace
 
-std::optional<std::uint64_t> processorTime(unsigned int threadId) noexcept {
-    // The kernel's number for "the processor time of this thread" (CPUCLOCK_SCHED per thread).
-    const auto clock = static_cast<clockid_t>((~threadId << 3) | 6);
-    timespec time{};
-    if (kernelCall(SYS_clock_gettime, clock, argument(&time)) != 0) {
-        return std::nullopt;
-    }
-    constexpr std::uint64_t nanosecondsPerSecond = 1'000'000'000;
-    return static_cast<std::uint64_t>(time.tv_sec) * nanosecondsPerSecond +
-           static_cast<std::uint64_t>(time.tv_nsec);
-}
-
 // The clock is read before the registers and after the walk. If it shows the same time, the thread
 // did not run in between, therefore the registers and every word of its stack belong to one moment,
 // and the modules on its stack were there: whoever unloads them makes sure that it is not in them,
 // and it could not have left.
 BlockedVisit visitBlockedThread(unsigned int threadId, bool mustStand, ContextVisitor visitor,
                                 void* state) noexcept {
-    const std::optional<std::uint64_t> before = processorTime(threadId);
+    const std::optional<std::uint64_t> before = threadRunTime(threadId);
     if (!before) {
         return BlockedVisit::NotPossible;
     }
@@ -119,7 +109,7 @@ BlockedVisit visitBlockedThread(unsigned int threadId, bool mustStand, ContextVi
     if (!at || !visitAt(*at, visitor, state)) {
         return BlockedVisit::NotPossible;
     }
-    return mustStand && processorTime(threadId) != before ? BlockedVisit::NotPossible
+    return mustStand && threadRunTime(threadId) != before ? BlockedVisit::NotPossible
                                                           : BlockedVisit::Visited;
 }
 

@@ -2,16 +2,9 @@
 
 // Visiting a thread that is blocked in the kernel, without touching it.
 
-#include <cstdint>
-#include <optional>
-
 #include "platform/thread_context.h"
 
 namespace ThreadUtilities::platform {
-
-/// The processor time that a thread has used, in nanoseconds: stands still exactly as long as the
-/// thread does not run. None for a thread that does not exist.
-std::optional<std::uint64_t> processorTime(unsigned int threadId) noexcept;
 
 enum class BlockedVisit {
     Visited,

@@ -9,6 +9,7 @@
 
 #include "foundation/ascii.h"
 #include "stack/frame_details.h"
+#include "stack/stack_trace.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -90,6 +91,11 @@ unsigned long long getStackTrace(const unsigned int& threadId, unsigned long lon
     const auto count = std::min<std::size_t>(captured.size(), maxFrames);
     std::copy_n(captured.begin(), count, frames);
     return count;
+}
+
+unsigned long long captureOtherThread(unsigned int threadId, unsigned long long* frames,
+                                      unsigned long long maxFrames, bool suspend) {
+    return getStackTrace(threadId, frames, maxFrames, suspend);
 }
 
 WideString describeFrame(unsigned int processId, unsigned long long address) {

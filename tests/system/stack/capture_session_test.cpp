@@ -1,0 +1,109 @@
+#include "stack/capture_session.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "system/stack/target_thread.h"
+
+namespace ThreadUtilities {
+namespace {
+
+struct Naps {
+    std::atomic<int> count{0};
+    std::atomic<bool> stop{false};
+};
+
+// Two call paths to the same wait.
+[[gnu::noinline]] void napOnOddTurns(Naps& naps) {
+    poll(nullptr, 0, 1);
+    ++naps.count;
+}
+[[gnu::noinline]] void napOnEvenTurns(Naps& naps) {
+    poll(nullptr, 0, 1);
+    ++naps.count;
+    asm volatile("");
+}
+
+bool isIn(const CaptureSession& session, std::size_t count, void (*function)(Naps&)) {
+    const auto begin = reinterpret_cast<unsigned long long>(function);
+    const auto end = session.frames().begin() + static_cast<std::ptrdiff_t>(count);
+    return std::any_of(session.frames().begin(), end,
+                       [&](auto frame) { return frame > begin && frame < begin + 64; });
+}
+
+TEST(ASessionOfCaptures, SeesEveryWakeUp) {
+    Naps naps;
+    TargetThread target([&](const std::atomic<bool>& stop) {
+        while (!stop) {
+            ((naps.count & 1) == 0 ? napOnEvenTurns : napOnOddTurns)(naps);
+        }
+    });
+    CaptureSession session(64);
+    int told = 0;
+    for (int round = 0; round < 5'000; ++round) {
+        const int before = naps.count;
+        const std::size_t count = session.capture(target.id());
+        if (count == 0 || naps.count != before) {
+            continue;  // it woke up meanwhile
+        }
+        const bool even = isIn(session, count, napOnEvenTurns);
+        const bool odd = isIn(session, count, napOnOddTurns);
+        if (even != odd) {
+            // Between two turns it is in neither.
+            ASSERT_EQ(even, (before & 1) == 0) << "round " << round;
+            ++told;
+        }
+    }
+    EXPECT_GT(told, 0);
+    EXPECT_GT(naps.count, 1);
+}
+
+// The switches of this process's threads, the calling one left out.
+long switchesOfOthers() {
+    rusage process{};
+    rusage self{};
+    getrusage(RUSAGE_SELF, &process);
+    getrusage(RUSAGE_THREAD, &self);
+    return process.ru_nvcsw + process.ru_nivcsw - self.ru_nvcsw - self.ru_nivcsw;
+}
+
+TEST(ASessionOfCaptures, NeverTouchesThreadsThatSleep) {
+    constexpr std::size_t threadCount = 200;
+    std::atomic<std::size_t> asleep{0};
+    std::atomic<bool> wake{false};
+    std::vector<std::unique_ptr<TargetThread>> threads;
+    for (std::size_t i = 0; i < threadCount; ++i) {
+        threads.push_back(std::make_unique<TargetThread>([&](const auto&) {
+            ++asleep;
+            wake.wait(false);
+        }));
+    }
+    ASSERT_TRUE(eventually([&] { return asleep == threadCount; }));
+    CaptureSession session(64);
+    const auto captureAll = [&] {
+        for (const auto& thread : threads) {
+            ASSERT_GT(session.capture(thread->id()), 2U);
+        }
+    };
+    ASSERT_TRUE(eventually([&] {
+        const long before = switchesOfOthers();
+        captureAll();
+        return switchesOfOthers() == before;
+    }));
+    const long before = switchesOfOthers();
+    for (int round = 0; round < 100; ++round) {
+        captureAll();
+    }
+    EXPECT_EQ(switchesOfOthers(), before);
+    wake = true;
+    wake.notify_all();
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
