@@ -16,14 +16,27 @@ constexpr unsigned long long threadDepth = 1;
 
 /// Writes one line and flushes it. As a block of characters: the stream's own formatting (base,
 /// width, digit grouping) says nothing here.
-void writeLine(std::ostream& os, const std::string& line) {
+void writeLine(std::ostream& os, std::string line) {
+    line += '\n';
     os.write(line.data(), static_cast<std::streamsize>(line.size()));
-    os.put('\n');
     os.flush();
 }
 
-std::string lineTail(unsigned long long count, std::string_view text) {
-    return "[" + std::to_string(count) + "]: " + std::string(text);
+void appendTail(std::string& line, unsigned long long count, std::string_view text) {
+    line += '[';
+    line += std::to_string(count);
+    line += "]: ";
+    line += text;
+}
+
+/// The child with this key, made if it is missing. Caller holds the node's mutex.
+const std::shared_ptr<Tree>& childOf(Tree& node, unsigned long long key) {
+    const auto known = node.children.find(key);
+    if (known != node.children.end()) {
+        return known->second;
+    }
+    auto child = std::make_shared<Tree>(node.processId, key);
+    return node.children.emplace(key, std::move(child)).first->second;
 }
 
 bool hasThreads(unsigned int processId) {
@@ -54,20 +67,16 @@ Tree::Tree(unsigned int nodeProcessId, unsigned long long nodeAddress, unsigned 
 Tree::~Tree() = default;
 
 void Tree::add(const FrameIterator& first, const FrameIterator& last) {
-    // No lock is held on the way down: a node's shared pointer keeps it alive, and nodes are never
-    // taken out.
+    // Only one node is locked at a time. The next one stays alive without its lock, because nodes
+    // are never taken out of a tree that is added to.
     Tree* node = this;
-    std::shared_ptr<Tree> child;
     for (FrameIterator frame = first;; ++frame) {
-        {
-            const std::lock_guard lock(node->mutex);
-            ++node->count;
-        }
+        const std::lock_guard lock(node->mutex);
+        ++node->count;
         if (frame == last) {
             return;
         }
-        child = node->findOrCreateChild(*frame);
-        node = child.get();
+        node = childOf(*node, *frame).get();
     }
 }
 
@@ -77,13 +86,7 @@ void Tree::add(unsigned long long key, const FrameIterator& first, const FrameIt
 
 std::shared_ptr<Tree> Tree::findOrCreateChild(unsigned long long key) {
     const std::lock_guard lock(mutex);
-    const auto known = children.find(key);
-    if (known != children.end()) {
-        return known->second;
-    }
-    auto child = std::make_shared<Tree>(processId, key);
-    children.emplace(key, child);
-    return child;
+    return childOf(*this, key);
 }
 
 void Tree::dump(std::ostream& os, unsigned long long depth) {
@@ -92,13 +95,17 @@ void Tree::dump(std::ostream& os, unsigned long long depth) {
         dumpThreads(*this, os);
         return;
     }
+    std::string line;
     if (depth == threadDepth) {
-        const std::string name = getThreadName(static_cast<unsigned int>(address));
-        writeLine(os, "Thread " + std::to_string(address) + " " + lineTail(count, name));
+        line = "Thread ";
+        line += std::to_string(address);
+        line += ' ';
+        appendTail(line, count, getThreadName(static_cast<unsigned int>(address)));
     } else {
-        const std::string frame = wideToUtf8(describeFrame(processId, address));
-        writeLine(os, std::string(depth, ' ') + lineTail(count, frame));
+        line.assign(depth, ' ');
+        appendTail(line, count, wideToUtf8(describeFrame(processId, address)));
     }
+    writeLine(os, std::move(line));
     for (const auto& [key, child] : children) {
         child->dump(os, depth + 1);
     }

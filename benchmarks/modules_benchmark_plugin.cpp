@@ -1,0 +1,4 @@
+// Loaded a hundred times under a hundred names.
+extern "C" int modulesBenchmarkPlugin() {
+    return 0;
+}

@@ -1,0 +1,1 @@
+add_benchmark(sampling_benchmark SOURCES sampling_benchmark.cpp)
