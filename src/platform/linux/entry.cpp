@@ -34,6 +34,7 @@ void attachProcess() noexcept {
 
 // After the constructors 101 of this backend, before the static objects of the program.
 __attribute__((constructor(102))) void load() {
+    prepareStartHooks();
     setEndNotice([]() noexcept { tell(onThreadDetach); });
     setActionAfterCopy([] { attachProcess(); });
     rememberFirstThreadStack();
@@ -45,6 +46,10 @@ __attribute__((constructor(102))) void load() {
 }
 
 }  // namespace
+
+// A static library is linked piece by piece, as its pieces are asked for; its users ask for this
+// name, and with it for everything that the system calls.
+extern "C" void threadUtilitiesEntry() {}
 
 bool isLoaded() noexcept {
     return loaded.load(std::memory_order_acquire);

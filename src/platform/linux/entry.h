@@ -8,6 +8,9 @@ namespace ThreadUtilities::platform {
 /// kernel at its creation.
 void beginThread(const KernelName& inherited) noexcept;
 
+/// Looks the C library's own functions up, so that later starts of threads find them.
+void prepareStartHooks() noexcept;
+
 /// False as long as the library has not been loaded to its end; threads are then not announced.
 bool isLoaded() noexcept;
 

@@ -1,12 +1,9 @@
 #include "platform/linux/proc_file.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <charconv>
 
-#include "platform/linux/uncancelled.h"
+#include "platform/linux/task_file.h"
 
 namespace ThreadUtilities::platform {
 
@@ -18,15 +15,8 @@ ProcPath::ProcPath(std::string_view before, unsigned int number, std::string_vie
 }
 
 std::string_view readProcFile(const ProcPath& path, char* buffer, std::size_t size) noexcept {
-    const CancellationOff cancellationOff;
-    const int descriptor = open(path.text(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) {
-        return {};
-    }
-    const ssize_t length = read(descriptor, buffer, size);
-    close(descriptor);
-    return length > 0 ? std::string_view(buffer, static_cast<std::size_t>(length))
-                      : std::string_view();
+    const KernelFile file(path.text());
+    return std::string_view(buffer, file.isOpen() ? file.read(buffer, size) : 0);
 }
 
 }  // namespace ThreadUtilities::platform

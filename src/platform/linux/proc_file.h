@@ -1,6 +1,6 @@
 #pragma once
 
-// Small files below /proc.
+// Small files below /proc, of any process.
 
 #include <array>
 #include <cstddef>
@@ -20,8 +20,10 @@ class ProcPath {
 };
 
 /// Reads the first `size` bytes of a file that the kernel writes in one piece. Empty when it
-/// cannot be read. The descriptor is opened and closed here: one that is kept may be closed, or
-/// made to mean another file, by a host that closes what it did not open.
+/// cannot be read. Not a cancellation point; `errno` stays as it is.
+///
+/// The file is opened and closed here: a descriptor that is kept may be closed, or made to mean
+/// another file, by a host that closes what it did not open.
 std::string_view readProcFile(const ProcPath& path, char* buffer, std::size_t size) noexcept;
 
 }  // namespace ThreadUtilities::platform

@@ -82,6 +82,12 @@ constinit NextFunction<CreateFunction> nextPthreadCreate("pthread_create", &pthr
 constinit NextFunction<CThreadCreateFunction> nextThrdCreate("thrd_create", &thrd_create);
 
 }  // namespace
+
+void prepareStartHooks() noexcept {
+    nextPthreadCreate.get();
+    nextThrdCreate.get();
+}
+
 }  // namespace ThreadUtilities::platform
 
 using namespace ThreadUtilities::platform;

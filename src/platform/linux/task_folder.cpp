@@ -3,10 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/futex.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -16,8 +13,8 @@
 #include <string_view>
 
 #include "foundation/checked_bytes.h"
+#include "platform/linux/kernel_calls.h"
 #include "platform/linux/proc_file.h"
-#include "platform/linux/uncancelled.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -57,10 +54,11 @@ void appendNumbers(std::vector<unsigned int>& numbers, const std::uint8_t* entri
 class Folder {
  public:
     explicit Folder(const char* path) noexcept
-        : descriptor(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+        : descriptor(kernelCall(SYS_openat, AT_FDCWD, argument(path),
+                                O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
     ~Folder() {
         if (descriptor >= 0) {
-            close(descriptor);
+            kernelCall(SYS_close, descriptor);
         }
     }
     Folder(const Folder&) = delete;
@@ -68,12 +66,13 @@ class Folder {
 
     /// The number of bytes read; 0 at the end and on failure.
     std::size_t read(std::uint8_t* buffer, std::size_t size) noexcept {
-        const long length = descriptor < 0 ? 0 : syscall(SYS_getdents64, descriptor, buffer, size);
+        const long length =
+            kernelCall(SYS_getdents64, descriptor, argument(buffer), static_cast<long>(size));
         return length > 0 ? static_cast<std::size_t>(length) : 0;
     }
 
  private:
-    int descriptor;
+    long descriptor;
 };
 
 // "id (name) state parent group session terminal foreground flags ...": the name may hold
@@ -101,7 +100,8 @@ TaskState stateFromStat(std::string_view line) noexcept {
 bool hasRobustList(unsigned int threadId) noexcept {
     robust_list_head* head = nullptr;
     std::size_t size = 0;
-    return syscall(SYS_get_robust_list, threadId, &head, &size) == 0 && head != nullptr;
+    return kernelCall(SYS_get_robust_list, threadId, argument(&head), argument(&size)) == 0 &&
+           head != nullptr;
 }
 
 TaskState stateFromFile(const ProcPath& path) noexcept {
@@ -112,7 +112,6 @@ TaskState stateFromFile(const ProcPath& path) noexcept {
 }  // namespace
 
 std::vector<unsigned int> listNumberedEntries(const char* path) {
-    const CancellationOff cancellationOff;
     std::vector<unsigned int> numbers;
     Folder folder(path);
     alignas(8) std::array<std::uint8_t, EntriesBufferSize> entries;
@@ -123,9 +122,9 @@ std::vector<unsigned int> listNumberedEntries(const char* path) {
 }
 
 // The kernel counts every task as a link, beside the folder's own two.
-std::size_t countOwnTasks() noexcept {
+std::size_t countTasks(const char* path) noexcept {
     struct stat folder;
-    if (stat("/proc/self/task", &folder) != 0 || folder.st_nlink < 2) {
+    if (stat(path, &folder) != 0 || folder.st_nlink < 2) {
         return 0;
     }
     return folder.st_nlink - 2;
@@ -148,8 +147,7 @@ TaskState stateOfTask(unsigned int processId, unsigned int threadId) noexcept {
 }
 
 bool hasTask(unsigned int processId, unsigned int threadId) noexcept {
-    return tgkill(static_cast<pid_t>(processId), static_cast<pid_t>(threadId), 0) == 0 ||
-           errno != ESRCH;
+    return kernelCall(SYS_tgkill, processId, threadId, 0) != -ESRCH;
 }
 
 }  // namespace ThreadUtilities::platform

@@ -7,16 +7,15 @@
 
 namespace ThreadUtilities::platform {
 
+inline constexpr const char* OwnTaskFolder = "/proc/self/task";
+
 /// The entries that are numbers, in the kernel's order, each once. Empty when the folder cannot
-/// be read. `path` has at most 100 characters.
-///
-/// The kernel looks for its place anew whenever the thread at which it stood has ended, and may
-/// then leave a thread out. Whenever that happened, one of the threads listed has ended by the
-/// time this returns.
+/// be read. A listing is not taken at one moment: the kernel looks for its place anew when the
+/// thread at which it stands ends, and may then pass over a thread that lives on.
 std::vector<unsigned int> listNumberedEntries(const char* path);
 
-/// The number of entries of this process's folder, without listing them; 0 when that is not told.
-std::size_t countOwnTasks() noexcept;
+/// The number of threads that a task folder has, without listing them; 0 when that is not told.
+std::size_t countTasks(const char* path) noexcept;
 
 enum class TaskState {
     Live,

@@ -259,8 +259,8 @@ void setOwnThreadName(std::string_view name) {
 }
 
 std::string readThreadName(unsigned int threadId) {
-    // A thread that names itself all the time may outrun a reader; after some tries any of its
-    // names was true during the call.
+    // A thread that names itself all the time may outrun a reader; after some tries its latest
+    // name is true enough.
     constexpr int Tries = 16;
     std::optional<FoundName> found;
     for (int tries = 0; tries < Tries; ++tries) {
@@ -271,6 +271,13 @@ std::string readThreadName(unsigned int threadId) {
         }
         if (auto name = nameBehind(found->name, threadId, changes)) {
             return *std::move(name);
+        }
+    }
+    if (found && found->ownProcess) {
+        Bucket& bucket = bucketOf(threadId);
+        const std::lock_guard lock(bucket.mutex);
+        if (const NameRecord* const record = find(bucket, threadId)) {
+            return record->current.whole;
         }
     }
     return found ? textOf(found->name) : std::string();

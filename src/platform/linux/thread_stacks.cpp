@@ -7,10 +7,9 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <string_view>
 
-#include "platform/linux/uncancelled.h"
+#include "platform/linux/task_file.h"
 #include "platform/process_copy.h"
 
 namespace ThreadUtilities::platform {
@@ -60,30 +59,27 @@ Slot& slotOf(unsigned int threadId, std::size_t probe) noexcept {
     return slots[(threadId % GroupCount * GroupSize + probe) % slots.size()];
 }
 
-// The writers of a slot take turns: whoever moves `threadId` from 0 to Claimed owns it until the
-// same thread puts 0 back.
-void enter(unsigned int threadId, std::uint64_t range) noexcept {
-    for (std::size_t probe = 0; probe < WindowSize; ++probe) {
-        Slot& slot = slotOf(threadId, probe);
-        unsigned int free = 0;
-        // The id stands there already where its former bearer ended without being heard of.
-        if (slot.threadId.load(std::memory_order_relaxed) == threadId) {
-            slot.range.store(range, std::memory_order_release);
-            return;
-        }
-        if (slot.threadId.compare_exchange_strong(free, Claimed, std::memory_order_acq_rel)) {
-            slot.range.store(range, std::memory_order_release);
-            slot.threadId.store(threadId, std::memory_order_release);
-            return;
-        }
-    }
-}
-
 void leave(unsigned int threadId) noexcept {
     for (std::size_t probe = 0; probe < WindowSize; ++probe) {
         Slot& slot = slotOf(threadId, probe);
         if (slot.threadId.load(std::memory_order_relaxed) == threadId) {
             slot.threadId.store(0, std::memory_order_release);
+        }
+    }
+}
+
+// The writers of a slot take turns: whoever moves `threadId` from 0 to Claimed owns it until the
+// same thread puts 0 back.
+void enter(unsigned int threadId, std::uint64_t range) noexcept {
+    // The id stands there already where its former bearer ended without being heard of.
+    leave(threadId);
+    for (std::size_t probe = 0; probe < WindowSize; ++probe) {
+        Slot& slot = slotOf(threadId, probe);
+        unsigned int free = 0;
+        if (slot.threadId.compare_exchange_strong(free, Claimed, std::memory_order_acq_rel)) {
+            slot.range.store(range, std::memory_order_release);
+            slot.threadId.store(threadId, std::memory_order_release);
+            return;
         }
     }
 }
@@ -102,24 +98,17 @@ RestartInCopy keepOnlyTheCaller([] {
 // The C library works the first thread's stack out from its size limit, which says what it may
 // become; readable is what the process map shows.
 std::uint64_t mappedFirstStack() noexcept {
-    const CancellationOff cancellationOff;
-    std::FILE* const maps = std::fopen("/proc/self/maps", "re");
-    if (maps == nullptr) {
-        return 0;
-    }
-    std::uint64_t range = 0;
-    std::array<char, 512> line;
-    while (range == 0 && std::fgets(line.data(), line.size(), maps) != nullptr) {
-        unsigned long begin = 0;
-        unsigned long end = 0;
-        int name = 0;
-        std::sscanf(line.data(), "%lx-%lx %*s %*s %*s %*s %n", &begin, &end, &name);
-        if (name != 0 && std::string_view(line.data() + name).starts_with("[stack]")) {
-            range = pack(begin, end);
+    const KernelFile map("/proc/self/maps");
+    LineReader lines(map);
+    for (std::string_view line; map.isOpen() && lines.next(line);) {
+        std::uint64_t begin = 0;
+        std::uint64_t end = 0;
+        if (line.ends_with(" [stack]") && parseField(line, "", 16, begin) &&
+            parseField(line.substr(line.find('-')), "-", 16, end)) {
+            return pack(begin, end);
         }
     }
-    std::fclose(maps);
-    return range;
+    return 0;
 }
 
 std::uint64_t ownStackFromThreadLibrary() noexcept {
@@ -142,6 +131,9 @@ std::uint64_t ownStackFromThreadLibrary() noexcept {
 // slot that another thread has taken in between shows another id at the second look: its `range`
 // was stored after Claimed, so whoever reads that `range` reads Claimed or a later id.
 bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept {
+    if (threadId == 0 || threadId == Claimed) {
+        return false;
+    }
     for (std::size_t probe = 0; probe < WindowSize; ++probe) {
         const Slot& slot = slotOf(threadId, probe);
         if (slot.threadId.load(std::memory_order_acquire) != threadId) {
@@ -165,7 +157,9 @@ void rememberOwnStack() noexcept {
 }
 
 void rememberFirstThreadStack() noexcept {
-    if (const std::uint64_t range = mappedFirstStack(); range != 0) {
+    if (gettid() == getpid()) {
+        rememberOwnStack();
+    } else if (const std::uint64_t range = mappedFirstStack(); range != 0) {
         enter(static_cast<unsigned int>(getpid()), range);
     }
 }

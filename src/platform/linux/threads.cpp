@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <utility>
 
 #include "platform/current.h"
 #include "platform/linux/list_coverage.h"
@@ -17,19 +18,20 @@ constinit std::atomic<bool> everyEndIsAnnounced{false};
 
 RestartInCopy copyAnnouncesNothingYet([] { everyEndIsAnnounced = false; });
 
-// A listing from which no listed thread has gone is whole (see listNumberedEntries). Otherwise it
-// is made again, a few times; what earlier listings had and the last one lacks is then added
-// where it is still there.
-template <class List, class IsGone>
-std::vector<unsigned int> listUntilWhole(List list, IsGone isGone) {
+// What a listing says is checked: when the kernel counts as many threads as were listed, and after
+// that all of those are still there, then at the count the process had these threads and no
+// others. Otherwise it is listed again, a few times; what earlier listings had and the last one
+// lacks is added where it is still there.
+std::vector<unsigned int> listThreads(const char* folder, unsigned int processId) {
     constexpr int Tries = 6;
-    std::vector<unsigned int> before;
+    const auto isGone = [processId](unsigned int id) { return !hasTask(processId, id); };
     std::vector<unsigned int> listed;
     for (int tries = 0; tries < Tries; ++tries) {
-        listed = list();
-        const std::size_t sizeAtOnce = listed.size();
-        std::erase_if(listed, isGone);
-        if (listed.size() == sizeAtOnce) {
+        std::vector<unsigned int> before = std::move(listed);
+        listed = listNumberedEntries(folder);
+        const bool countIsRight = countTasks(folder) == listed.size();
+        const bool someAreGone = std::erase_if(listed, isGone) != 0;
+        if (countIsRight && !someAreGone) {
             return listed;
         }
         std::vector<unsigned int> sorted = listed;
@@ -39,16 +41,13 @@ std::vector<unsigned int> listUntilWhole(List list, IsGone isGone) {
                 listed.push_back(id);
             }
         }
-        before = listed;
     }
     return listed;
 }
 
 std::vector<unsigned int> threadsOfOtherProcess(unsigned int processId) {
     const ProcPath folder("/proc/", processId, "/task");
-    std::vector<unsigned int> threads =
-        listUntilWhole([&] { return listNumberedEntries(folder.text()); },
-                       [&](unsigned int id) { return !hasTask(processId, id); });
+    std::vector<unsigned int> threads = listThreads(folder.text(), processId);
     // The folder of any thread lists the threads of its whole process, the first one first: an id
     // that does not come first is not a process's.
     if (threads.empty() || threads.front() != processId) {
@@ -64,7 +63,7 @@ std::vector<unsigned int> threadsOfOtherProcess(unsigned int processId) {
 }  // namespace
 
 void relyOnNotices() noexcept {
-    everyEndIsAnnounced = countOwnTasks() == 1;
+    everyEndIsAnnounced = countTasks(OwnTaskFolder) == 1;
 }
 
 std::vector<unsigned int> enumerateThreadsFromSystemInformation(unsigned int processId) {
@@ -83,13 +82,12 @@ std::vector<unsigned int> enumerateThreadsFromSnapshot(unsigned int processId) {
 // All listed threads are there, because each would announce its end. Where the kernel counts as
 // many tasks as are listed, there are no others.
 bool noticesCover(std::size_t listed) noexcept {
-    return everyEndIsAnnounced && countOwnTasks() == listed + (firstThreadHasEnded() ? 1 : 0);
+    return everyEndIsAnnounced &&
+           countTasks(OwnTaskFolder) == listed + (firstThreadHasEnded() ? 1 : 0);
 }
 
 std::vector<unsigned int> liveThreads() {
-    std::vector<unsigned int> threads =
-        listUntilWhole([] { return listNumberedEntries("/proc/self/task"); },
-                       [](unsigned int id) { return !hasTask(currentProcessId(), id); });
+    std::vector<unsigned int> threads = listThreads(OwnTaskFolder, currentProcessId());
     // A /proc that was mounted for other processes than those that this one can see counts in
     // other numbers.
     if (std::find(threads.begin(), threads.end(), currentThreadId()) == threads.end()) {
