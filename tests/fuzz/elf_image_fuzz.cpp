@@ -1,0 +1,45 @@
+// Any bytes as the start of an image, and as a segment of notes: nothing is read outside, and what
+// is found is inside.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <vector>
+
+#include "platform/linux/elf_image.h"
+
+namespace {
+
+using namespace ThreadUtilities;
+using namespace ThreadUtilities::platform;
+
+void require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+/// The id's bytes stand in the segment, as far as they are not padding.
+void checkBuildId(const std::vector<std::uint8_t>& bytes, std::uint64_t alignment) {
+    const auto guid = findBuildId(ByteCursor(bytes.data(), bytes.size()), alignment);
+    if (!guid) {
+        return;
+    }
+    const auto padding = std::find_if(guid->rbegin(), guid->rend(), [](auto byte) { return byte; });
+    require(std::search(bytes.begin(), bytes.end(), guid->begin(), padding.base()) != bytes.end() ||
+            padding == guid->rend());
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::vector<std::uint8_t> bytes(data, data + size);
+    checkBuildId(bytes, 4);
+    checkBuildId(bytes, 8);
+    if (const auto image = parseElfImage(ByteCursor(bytes.data(), bytes.size()))) {
+        require(image->size != 0 && image->size % pageSize == 0);
+        require(image->notes.size() <= size / 56);
+    }
+    return 0;
+}

@@ -1,0 +1,33 @@
+// Any bytes as a process's memory map: ranges are not empty, and names are parts of the text.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "platform/linux/process_map.h"
+
+namespace {
+
+void require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace ThreadUtilities::platform;
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    for (const MappedRange& range : parseProcessMap(text)) {
+        require(range.begin < range.end);
+        require(range.name.find('\n') == range.name.npos);
+        if (!range.name.empty()) {
+            require(range.name.data() >= text.data() &&
+                    range.name.data() + range.name.size() <= text.data() + text.size());
+        }
+        require(mappedFilePath(range.name).size() <= range.name.size());
+    }
+    return 0;
+}
