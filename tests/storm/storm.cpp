@@ -1,0 +1,164 @@
+#include "storm/storm.h"
+
+#include <ThreadUtilities/StackTrace.h>
+#include <execinfo.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+
+namespace storm {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned long long untouched = 0xDEADDEADDEADDEAD;
+
+std::atomic<unsigned long long> progress{0};
+std::atomic<const char*> current{"start"};
+
+[[gnu::noinline]] void runBody(Target& target, void (*body)(Target&)) {
+    target.callerCount = backtrace(target.callers.data(), static_cast<int>(target.callers.size()));
+    target.threadId = static_cast<unsigned int>(gettid());
+    body(target);
+    target.threadId = 0;
+    asm volatile("");
+}
+
+class Capturer {
+ public:
+    void capture(const Target& target) {
+        const unsigned int id = target.threadId;
+        if (id == 0 || id == static_cast<unsigned int>(gettid())) {
+            return;
+        }
+        frames_.fill(untouched);
+        const bool suspend = (outcome_.captures & 7) != 7;
+        const auto count = static_cast<std::size_t>(
+            ThreadUtilities::getStackTrace(id, frames_.data(), frames_.size(), suspend));
+        if (!suspend) {
+            ++outcome_.captures;  // what it finds is its own business
+        } else if (target.threadId == id) {
+            judge(target, count);
+        }
+        ++progress;
+    }
+    [[nodiscard]] const Outcome& outcome() const { return outcome_; }
+
+ private:
+    void judge(const Target& target, std::size_t count) {
+        ++outcome_.captures;
+        outcome_.empty += count == 0 ? 1 : 0;
+        outcome_.incomplete += count != 0 && !endsWithCallers(target, count) ? 1 : 0;
+        const auto behind =
+            frames_.begin() + static_cast<std::ptrdiff_t>(std::max<std::size_t>(count, 1));
+        outcome_.overruns +=
+            std::all_of(behind, frames_.end(), [](auto frame) { return frame == untouched; }) ? 0
+                                                                                              : 1;
+    }
+
+    // The first of the callers is `runBody` itself, where its call of the body stands instead.
+    [[nodiscard]] bool endsWithCallers(const Target& target, std::size_t count) const {
+        const auto callers = static_cast<std::size_t>(target.callerCount) - 1;
+        if (count < callers) {
+            return false;
+        }
+        for (std::size_t i = 0; i < callers; ++i) {
+            const auto expected = reinterpret_cast<unsigned long long>(target.callers[i + 1]);
+            if (frames_[count - callers + i] != expected) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    std::array<unsigned long long, 200> frames_{};
+    Outcome outcome_;
+};
+
+void add(Outcome& sum, const Outcome& part) {
+    sum.captures += part.captures;
+    sum.empty += part.empty;
+    sum.incomplete += part.incomplete;
+    sum.overruns += part.overruns;
+}
+
+}  // namespace
+
+struct Watchdog::State {
+    std::atomic<bool> stop{false};
+    std::thread thread;
+};
+
+Watchdog::Watchdog() : state(new State) {
+    state->thread = std::thread([this] {
+        constexpr auto patience = std::chrono::seconds(60);
+        unsigned long long seen = progress;
+        auto since = Clock::now();
+        while (!state->stop) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (const unsigned long long now = progress; now != seen) {
+                seen = now;
+                since = Clock::now();
+            } else if (Clock::now() - since > patience) {
+                std::fprintf(stderr, "storm: nothing moves in \"%s\"\n", current.load());
+                std::abort();
+            }
+        }
+    });
+}
+
+Watchdog::~Watchdog() {
+    state->stop = true;
+    state->thread.join();
+    delete state;
+}
+
+// The capturers are targets as well: they capture each other while they capture the rest.
+Outcome run(const Storm& storm, std::chrono::milliseconds duration) {
+    constexpr std::size_t capturerCount = 2;
+    current = storm.name.c_str();
+    std::vector<std::unique_ptr<Target>> targets;
+    std::vector<std::thread> threads;
+    for (void (*body)(Target&) : storm.bodies) {
+        targets.push_back(std::make_unique<Target>());
+        threads.emplace_back(runBody, std::ref(*targets.back()), body);
+    }
+    std::array<Capturer, capturerCount> capturers;
+    std::array<Target, capturerCount> asTargets;
+    const auto end = Clock::now() + duration;
+    std::array<std::thread, capturerCount> capturing;
+    for (std::size_t me = 0; me < capturerCount; ++me) {
+        capturing[me] = std::thread([&, me] {
+            asTargets[me].callerCount = backtrace(asTargets[me].callers.data(), 16);
+            asTargets[me].threadId = static_cast<unsigned int>(gettid());
+            while (Clock::now() < end) {
+                for (const auto& target : targets) {
+                    capturers[me].capture(*target);
+                }
+                for (const Target& other : asTargets) {
+                    capturers[me].capture(other);
+                }
+            }
+            asTargets[me].threadId = 0;
+        });
+    }
+    Outcome outcome;
+    for (std::size_t me = 0; me < capturerCount; ++me) {
+        capturing[me].join();
+        add(outcome, capturers[me].outcome());
+    }
+    for (const auto& target : targets) {
+        target->stop = true;
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+        ++progress;
+    }
+    return outcome;
+}
+
+}  // namespace storm
