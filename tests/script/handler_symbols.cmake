@@ -1,0 +1,57 @@
+# What runs while a thread stands still, in a signal handler on it, calls nothing that allocates,
+# locks or waits: apart from one another, its objects import these symbols only.
+#
+#   cmake -DNM=<nm> -DOBJECTS=<object>|<object>... -P handler_symbols.cmake
+cmake_minimum_required(VERSION 3.25)
+
+set(allowed
+    _GLOBAL_OFFSET_TABLE_
+    __errno_location      # the thread's own errno, in memory that is always there
+    memcpy memmove memset
+    _ZSt9terminatev       # what "noexcept" stands for; nothing here throws
+    __gxx_personality_v0
+    __stack_chk_fail
+    __cpu_indicator_init __cpu_model)
+# Before or outside every handler: binding the lookups, and the calling thread's own stack.
+set(allowed_outside
+    dlsym getauxval dl_iterate_phdr pthread_atfork
+    _ZN15ThreadUtilities8platform17currentStackRangeEv
+    _ZN15ThreadUtilities8platform13RestartInCopyC1EPFvvE)
+
+set(runs_in_handlers
+    "/handler/"
+    "tu_stack_cfi\\.dir"
+    "/capture_visitor\\."
+    "tu_platform_linux\\.dir/.*(code_modules|memory|module_identity|module_table)\\.")
+list(JOIN runs_in_handlers "|" runs_in_handlers)
+
+string(REPLACE "|" ";" objects "${OBJECTS}")
+list(FILTER objects INCLUDE REGEX "${runs_in_handlers}")
+list(LENGTH objects count)
+if(count LESS 12)
+    message(FATAL_ERROR "Only these objects of the handler were found: ${objects}")
+endif()
+
+set(defined)
+set(needed)
+foreach(object IN LISTS objects)
+    execute_process(COMMAND "${NM}" -P "${object}" OUTPUT_VARIABLE symbols
+        COMMAND_ERROR_IS_FATAL ANY)
+    string(REGEX MATCHALL "[^\n]+" lines "${symbols}")
+    foreach(line IN LISTS lines)
+        if(line MATCHES "^([^ ]+) [Uw]")
+            list(APPEND needed "${CMAKE_MATCH_1}")
+        elseif(line MATCHES "^([^ ]+) ")
+            list(APPEND defined "${CMAKE_MATCH_1}")
+        endif()
+    endforeach()
+endforeach()
+list(REMOVE_DUPLICATES needed)
+list(REMOVE_ITEM needed ${defined} ${allowed} ${allowed_outside})
+if(NOT defined)
+    message(FATAL_ERROR "No symbol was found in ${objects}")
+endif()
+if(needed)
+    list(JOIN needed "\n  " needed)
+    message(FATAL_ERROR "Code that runs in the signal handler imports:\n  ${needed}")
+endif()
