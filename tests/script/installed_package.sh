@@ -36,3 +36,9 @@ library_folder=$(dirname "$PKG_CONFIG_PATH")
 eval "\"$compiler\" -std=c++20 \"$source/tests/consumer/main.cpp\" $flags \
     -Wl,-rpath,\"$library_folder\" -o \"$scratch/by_pkg_config\""
 "$scratch/by_pkg_config"
+
+echo "--- the example of the README"
+sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$source/README.md" >"$scratch/example.cpp"
+eval "\"$compiler\" -std=c++20 \"$scratch/example.cpp\" $flags \
+    -Wl,-rpath,\"$library_folder\" -o \"$scratch/example\""
+"$scratch/example" | grep -q "]: worker"
