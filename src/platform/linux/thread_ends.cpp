@@ -1,10 +1,9 @@
 #include "platform/linux/thread_ends.h"
 
 #include <pthread.h>
-#include <unistd.h>
-
 #include <atomic>
 
+#include "platform/current.h"
 #include "platform/linux/own_name.h"
 #include "platform/linux/thread_stacks.h"
 #include "platform/process_copy.h"
@@ -30,7 +29,7 @@ void endOfThread(void* value) {
     if (value == &firstRound && pthread_setspecific(key, &secondRound) == 0) {
         return;
     }
-    if (gettid() == getpid()) {
+    if (currentThreadId() == currentProcessId()) {
         firstThreadEnded = true;
     }
     if (endNotice != nullptr) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "platform/current.h"
 #include "platform/linux/task_file.h"
 #include "platform/process_copy.h"
 
@@ -149,24 +150,26 @@ bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept {
 }
 
 void rememberOwnStack() noexcept {
-    const pid_t self = gettid();
-    ownRange = self == getpid() ? mappedFirstStack() : ownStackFromThreadLibrary();
+    ownRange = ownStackFromThreadLibrary();
     if (ownRange != 0) {
-        enter(static_cast<unsigned int>(self), ownRange);
+        enter(currentThreadId(), ownRange);
     }
 }
 
 void rememberFirstThreadStack() noexcept {
-    if (gettid() == getpid()) {
-        rememberOwnStack();
-    } else if (const std::uint64_t range = mappedFirstStack(); range != 0) {
-        enter(static_cast<unsigned int>(getpid()), range);
+    const std::uint64_t range = mappedFirstStack();
+    if (range == 0) {
+        return;
+    }
+    enter(currentProcessId(), range);
+    if (currentThreadId() == currentProcessId()) {
+        ownRange = range;
     }
 }
 
 void forgetOwnStack() noexcept {
     ownRange = 0;
-    leave(static_cast<unsigned int>(gettid()));
+    leave(currentThreadId());
 }
 
 }  // namespace ThreadUtilities::platform

@@ -15,7 +15,8 @@ namespace ThreadUtilities::platform {
 /// Context: anywhere, a signal handler included; no allocation, no lock, no `thread_local`.
 bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept;
 
-/// Enters the calling thread. A thread that cannot be entered stays unknown.
+/// Enters the calling thread, which is not the process's first. A thread that cannot be entered
+/// stays unknown.
 void rememberOwnStack() noexcept;
 
 /// Enters the process's first thread, whichever thread calls. Its range is the part that is mapped

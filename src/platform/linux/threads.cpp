@@ -21,43 +21,51 @@ RestartInCopy copyAnnouncesNothingYet([] { everyEndIsAnnounced = false; });
 // What a listing says is checked: when the kernel counts as many threads as were listed, and after
 // that all of those are still there, then at the count the process had these threads and no
 // others. Otherwise it is listed again, a few times; what earlier listings had and the last one
-// lacks is added where it is still there.
-std::vector<unsigned int> listThreads(const char* folder, unsigned int processId) {
+// lacks is added where it is still there. The result has the live threads alone.
+template <class State>
+std::vector<unsigned int> listThreads(const char* folder, State stateOf) {
     constexpr int Tries = 6;
-    const auto isGone = [processId](unsigned int id) { return !hasTask(processId, id); };
-    std::vector<unsigned int> listed;
+    std::vector<unsigned int> live;
     for (int tries = 0; tries < Tries; ++tries) {
-        std::vector<unsigned int> before = std::move(listed);
-        listed = listNumberedEntries(folder);
-        const bool countIsRight = countTasks(folder) == listed.size();
-        const bool someAreGone = std::erase_if(listed, isGone) != 0;
-        if (countIsRight && !someAreGone) {
-            return listed;
+        const std::vector<unsigned int> before = std::exchange(live, {});
+        const std::vector<unsigned int> listed = listNumberedEntries(folder);
+        bool isWhole = countTasks(folder) == listed.size();
+        for (const unsigned int id : listed) {
+            const TaskState state = stateOf(id);
+            isWhole = isWhole && state != TaskState::Gone;
+            if (state == TaskState::Live) {
+                live.push_back(id);
+            }
+        }
+        if (isWhole) {
+            return live;
         }
         std::vector<unsigned int> sorted = listed;
         std::sort(sorted.begin(), sorted.end());
         for (const unsigned int id : before) {
-            if (!std::binary_search(sorted.begin(), sorted.end(), id) && !isGone(id)) {
-                listed.push_back(id);
+            if (!std::binary_search(sorted.begin(), sorted.end(), id) &&
+                stateOf(id) == TaskState::Live) {
+                live.push_back(id);
             }
         }
     }
-    return listed;
+    return live;
 }
 
+// The folder of any thread lists the threads of its whole process, hence the first question. The
+// first thread stays listed for as long as the process lasts, even after its end; any other is gone
+// at once, and its state need not be asked for.
 std::vector<unsigned int> threadsOfOtherProcess(unsigned int processId) {
-    const ProcPath folder("/proc/", processId, "/task");
-    std::vector<unsigned int> threads = listThreads(folder.text(), processId);
-    // The folder of any thread lists the threads of its whole process, the first one first: an id
-    // that does not come first is not a process's.
-    if (threads.empty() || threads.front() != processId) {
+    if (!hasTask(processId, processId)) {
         return {};
     }
-    // The first thread stays listed for as long as the process lasts, even after its end.
-    if (stateOfTask(processId, processId) != TaskState::Live) {
-        threads.erase(threads.begin());
-    }
-    return threads;
+    const ProcPath folder("/proc/", processId, "/task");
+    return listThreads(folder.text(), [processId](unsigned int id) {
+        if (id == processId) {
+            return stateOfTask(processId, id);
+        }
+        return hasTask(processId, id) ? TaskState::Live : TaskState::Gone;
+    });
 }
 
 }  // namespace
@@ -87,13 +95,12 @@ bool noticesCover(std::size_t listed) noexcept {
 }
 
 std::vector<unsigned int> liveThreads() {
-    std::vector<unsigned int> threads = listThreads(OwnTaskFolder, currentProcessId());
+    std::vector<unsigned int> threads = listThreads(OwnTaskFolder, stateOfOwnTask);
     // A /proc that was mounted for other processes than those that this one can see counts in
     // other numbers.
     if (std::find(threads.begin(), threads.end(), currentThreadId()) == threads.end()) {
-        return {};
+        threads.clear();
     }
-    std::erase_if(threads, [](unsigned int id) { return stateOfOwnTask(id) != TaskState::Live; });
     return threads;
 }
 

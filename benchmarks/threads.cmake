@@ -1,0 +1,3 @@
+if(NOT WIN32)
+    add_benchmark(threads_benchmark SOURCES threads_benchmark.cpp)
+endif()
