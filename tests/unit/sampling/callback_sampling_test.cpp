@@ -234,10 +234,17 @@ TEST_F(CallbackSampling, AnUnknownProcessHasNoFirstCaptureAndNoThreads) {
 
 TEST_F(CallbackSampling, WhatACallbackThrowsReachesTheCallerAfterAllWorkersEnded) {
     scripted::setHardwareThreads(16);
+    std::atomic<bool> isFocusCaptured = false;
     recorder.answer = [&](unsigned int thread, auto&) -> unsigned long long {
         if (thread != focus) {
+            // No other worker gets as far as its sleep before a focus worker is in the callback;
+            // the capture before the run has nobody to wait for.
+            while (!isFocusCaptured && !scripted::issuedThreadIds().empty()) {
+                std::this_thread::yield();
+            }
             return 0;
         }
+        isFocusCaptured = true;
         // Another worker is asleep meanwhile, for ever, and the rest wait behind it.
         while (scripted::sleeps().empty()) {
             std::this_thread::yield();
