@@ -26,8 +26,13 @@ target_compile_options(thread_utilities_build INTERFACE
 target_compile_definitions(thread_utilities_build INTERFACE THREAD_UTILITIES_BUILDING
     $<$<NOT:$<BOOL:${BUILD_SHARED_LIBS}>>:THREAD_UTILITIES_STATIC>)
 
-# add_family(<name> SOURCES...): one layer of the library as an object library named tu_<name>.
+# add_family(<name> [VARIANT] <source>...): one layer of the library, or a part of one, as an object
+# library named tu_<name>. A variant is not part of every form of the library.
 function(add_family name)
-    add_library(tu_${name} OBJECT ${ARGN})
+    cmake_parse_arguments(PARSE_ARGV 1 arg "VARIANT" "" "")
+    add_library(tu_${name} OBJECT ${arg_UNPARSED_ARGUMENTS})
     target_link_libraries(tu_${name} PRIVATE thread_utilities_build)
+    if(NOT arg_VARIANT)
+        set_property(GLOBAL APPEND PROPERTY THREAD_UTILITIES_OBJECTS $<TARGET_OBJECTS:tu_${name}>)
+    endif()
 endfunction()

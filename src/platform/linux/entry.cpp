@@ -47,10 +47,6 @@ __attribute__((constructor(102))) void load() {
 
 }  // namespace
 
-// A static library is linked piece by piece, as its pieces are asked for; its users ask for this
-// name, and with it for everything that the system calls.
-extern "C" void threadUtilitiesEntry() {}
-
 bool isLoaded() noexcept {
     return loaded.load(std::memory_order_acquire);
 }
