@@ -34,13 +34,12 @@ class GuardedUnwinder {
     std::uint64_t programCounter() const noexcept { return unwinder.programCounter(); }
     std::uint64_t stackPointer() const noexcept { return unwinder.stackPointer(); }
 
-    std::optional<WalkEnd> step(const GuardedWords&) noexcept {
-        bool isCovered = false;
-        auto unwind = [&] { isCovered = unwinder.unwindFrame(); };
-        if (!runsWithoutFault(unwind)) {
-            return WalkEnd::Unreadable;
-        }
-        return isCovered ? std::nullopt : std::optional(WalkEnd::NoUnwindData);
+    StepResult step(const GuardedWords&) noexcept {
+        StepResult result = StepResult::Unreadable;
+        auto unwind = [&] {
+            result = unwinder.unwindFrame() ? StepResult::Made : StepResult::NoUnwindData;
+        };
+        return runsWithoutFault(unwind) ? result : StepResult::Unreadable;
     }
 
     void returnTo(std::uint64_t address, std::uint64_t stackPointer) noexcept {
