@@ -5,6 +5,7 @@
 #include <mutex>
 #include <new>
 
+#include "foundation/never_destroyed.h"
 #include "platform/current.h"
 #include "platform/notices.h"
 #include "platform/process_copy.h"
@@ -13,25 +14,18 @@
 namespace ThreadUtilities {
 namespace {
 
-// Constant-initialised and never destroyed: notices arrive before the static objects of the
-// program are made and after they are gone.
-template <class T>
-union Everlasting {
-    T object;
-    constexpr Everlasting() : object() {}
-    ~Everlasting() {}
-};
-
+// Never destroyed, and constant-initialised where notices arrive before the static objects of the
+// library are made.
 constinit std::atomic<unsigned int> mainThreadId{0};
-constinit Everlasting<std::mutex> knownThreadIdsMutex;
-constinit Everlasting<std::vector<unsigned int>> knownThreadIds;
+NeverDestroyed<std::mutex> knownThreadIdsMutex;
+NeverDestroyed<std::vector<unsigned int>> knownThreadIds;
 
 // Counts the changes of the list. It is changed under the mutex and read without.
 constinit std::atomic<unsigned long long> listChanges{0};
 
 platform::RestartInCopy startAfresh([] {
-    new (&knownThreadIdsMutex.object) std::mutex;
-    new (&knownThreadIds.object) std::vector<unsigned int>;
+    new (&knownThreadIdsMutex.value) std::mutex;
+    new (&knownThreadIds.value) std::vector<unsigned int>;
 });
 
 struct KnownThreads {
@@ -40,14 +34,14 @@ struct KnownThreads {
 };
 
 KnownThreads copyKnownThreads() {
-    const std::lock_guard lock(knownThreadIdsMutex.object);
-    return {knownThreadIds.object, listChanges.load()};
+    const std::lock_guard lock(knownThreadIdsMutex.value);
+    return {knownThreadIds.value, listChanges.load()};
 }
 
 template <class Change>
 void changeKnownThreads(Change change) {
-    const std::lock_guard lock(knownThreadIdsMutex.object);
-    change(knownThreadIds.object);
+    const std::lock_guard lock(knownThreadIdsMutex.value);
+    change(knownThreadIds.value);
     ++listChanges;
 }
 

@@ -1,0 +1,125 @@
+#include "platform/thread_context.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <thread>
+#include <vector>
+
+#include "windows_support/child_process.h"
+#include "windows_support/target_thread.h"
+
+namespace ThreadUtilities::platform {
+namespace {
+
+using tests::ChildProcess;
+using tests::TargetThread;
+
+struct Sight {
+    HANDLE thread = nullptr;
+    int visits = 0;
+    ThreadContext context;
+    unsigned int suspendCount = 0;
+};
+
+VisitorAnswer look(const ThreadContext& context, void* state) noexcept {
+    auto& sight = *static_cast<Sight*>(state);
+    ++sight.visits;
+    sight.context = context;
+    sight.suspendCount = SuspendThread(sight.thread);
+    ResumeThread(sight.thread);
+    return VisitorAnswer::Enough;
+}
+
+TEST(ThreadContext, AThreadStandsExactlyForTheVisit) {
+    for (const TargetThread::Body body : {TargetThread::block, TargetThread::spin}) {
+        TargetThread target(body);
+        for (const bool suspend : {true, false}) {
+            Sight sight;
+            sight.thread = target.handle();
+            EXPECT_EQ(visitThreadContext(target.id(), suspend, look, &sight), VisitResult::Visited);
+            EXPECT_EQ(sight.visits, 1);
+            EXPECT_EQ(sight.suspendCount, suspend ? 1u : 0u);
+            EXPECT_EQ(sight.context.standsStill, suspend);
+            EXPECT_EQ(target.suspendCount(), 0u);
+
+            MEMORY_BASIC_INFORMATION stack{};
+            VirtualQuery(reinterpret_cast<void*>(sight.context.registers[Rsp]), &stack,
+                         sizeof(stack));
+            EXPECT_EQ(stack.Type, static_cast<DWORD>(MEM_PRIVATE));
+            EXPECT_NE(sight.context.registers[Rip], 0u);
+        }
+    }
+}
+
+TEST(ThreadContext, AVisitEndsOnlyItsOwnSuspension) {
+    TargetThread target(TargetThread::block);
+    SuspendThread(target.handle());
+    Sight sight;
+    sight.thread = target.handle();
+    EXPECT_EQ(visitThreadContext(target.id(), true, look, &sight), VisitResult::Visited);
+    EXPECT_EQ(sight.suspendCount, 2u);
+    EXPECT_EQ(ResumeThread(target.handle()), 1u) << "the suspension from before";
+}
+
+TEST(ThreadContext, WhatIsNoThreadOfThisProcessIsNotVisited) {
+    TargetThread ended(TargetThread::block);
+    ended.end();  // its handle, and with it its id, are kept
+    ChildProcess other(std::string("\"") + TEST_CHILD + "\" debugger", CREATE_SUSPENDED);
+    ASSERT_TRUE(other.hasStarted());
+
+    for (const unsigned int threadId : {0u, 0xFFFFFFFCu, ended.id(), other.primaryThreadId()}) {
+        for (const bool suspend : {true, false}) {
+            Sight sight;
+            EXPECT_EQ(visitThreadContext(threadId, suspend, look, &sight),
+                      VisitResult::NoSuchThread);
+            EXPECT_EQ(sight.visits, 0);
+        }
+    }
+    EXPECT_EQ(ResumeThread(other.primaryThread()), 1u) << "its own suspension at creation";
+}
+
+// Threads that visit each other would stop each other for good, were it not for the order of
+// visits; the program's time limit is the watchdog.
+TEST(ThreadContext, ThreadsThatVisitEachOtherAllGoOn) {
+    constexpr int threadCount = 4;
+    constexpr int rounds = 500;
+    std::atomic<unsigned int> ids[threadCount] = {};
+    std::atomic<int> visited = 0;
+    std::vector<std::thread> threads;
+    std::atomic<int> finished = 0;
+    for (int self = 0; self < threadCount; ++self) {
+        threads.emplace_back([&, self] {
+            ids[self] = GetCurrentThreadId();
+            for (int round = 0; round < rounds; ++round) {
+                const unsigned int target = ids[(self + 1 + round) % threadCount];
+                const auto nothing = [](const ThreadContext&, void*) noexcept {
+                    return VisitorAnswer::Enough;
+                };
+                if (target != 0 && target != GetCurrentThreadId() &&
+                    visitThreadContext(target, true, nothing, nullptr) == VisitResult::Visited) {
+                    ++visited;
+                }
+            }
+            ++finished;
+            while (finished < threadCount) {  // nobody's target ends early
+                std::this_thread::yield();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GT(visited, rounds);
+}
+
+TEST(ThreadContext, TheCallingThreadsStackReachesToItsBase) {
+    const ReadableRange range = currentStackRange();
+    const auto here = reinterpret_cast<std::uint64_t>(&range);
+    EXPECT_LT(range.begin, range.end);
+    EXPECT_GE(here + 4096, range.begin);
+    EXPECT_LT(here, range.end);
+}
+
+}  // namespace
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,7 @@
+// A DLL that tests load: one function, and a build id that the linker is told.
+
+extern "C" __declspec(dllexport) void callThrough(void (*function)(void*), void* argument) {
+    function(argument);
+    // Not the last act: the call must leave a return address here.
+    asm volatile("");
+}
