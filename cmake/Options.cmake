@@ -14,6 +14,8 @@ add_library(thread_utilities_options INTERFACE)
 target_compile_features(thread_utilities_options INTERFACE cxx_std_20)
 target_compile_options(thread_utilities_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wnon-virtual-dtor
+    # Wrong about texts that are put together (GCC bug 105651), mended in version 13.
+    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>
     $<$<BOOL:${THREAD_UTILITIES_WERROR}>:-Werror>)
 
 # Code of the library itself: position independent, and only marked names leave it.

@@ -1,11 +1,8 @@
 #include "indexing_threads.h"
 
 #include <ThreadUtilities/Threads.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <system_error>
 #include <utility>
 
 using namespace std::chrono_literals;
@@ -19,14 +16,11 @@ constexpr int filesPerBatch = 200;
 
 IndexingThreads::IndexingThreads(FileRounds& fileRounds, WordIndex& wordIndex)
     : files(fileRounds), index(wordIndex) {
-    if (pipe(commandPipe) != 0) {
-        throw std::system_error(errno, std::generic_category(), "pipe");
-    }
     startThread("parse 1", [this] { parse(); });
     startThread("parse 2", [this] { parse(); });
     startThread("merge", [this] { merge(); });
     startThread("batch starter", [this] { startBatches(); });
-    startThread("command poll", [this] { waitForCommand(); });
+    startThread("command wait", [this] { waitForCommand(); });
     startThread("progress watch", [this] { watchProgress(); });
 }
 
@@ -36,11 +30,10 @@ IndexingThreads::~IndexingThreads() {
         stopping = true;
     }
     changed.notify_all();
-    close(commandPipe[1]);  // wakes the poll
+    command.send();
     for (std::thread& thread : threads) {
         thread.join();
     }
-    close(commandPipe[0]);
 }
 
 void IndexingThreads::startThread(const std::string& name, std::function<void()> body) {
@@ -100,8 +93,7 @@ void IndexingThreads::startBatches() {
 }
 
 void IndexingThreads::waitForCommand() {
-    pollfd command{commandPipe[0], POLLIN, 0};
-    poll(&command, 1, -1);
+    command.wait();
 }
 
 void IndexingThreads::watchProgress() {

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "command.h"
 #include "word_index.h"
 
 /// Indexes files on several named threads, from construction until destruction.
@@ -25,7 +26,7 @@ class IndexingThreads {
     void parse();           ///< busy: counts the words of one file after another
     void merge();           ///< waits for counts, and merges them under the index's lock
     void startBatches();    ///< starts one short-lived thread after another
-    void waitForCommand();  ///< waits in poll for a command that comes at the end only
+    void waitForCommand();  ///< waits in the system for a command that comes at the end
     void watchProgress();   ///< sleeps most of the time
 
     void submit(WordCounts counts);
@@ -38,6 +39,6 @@ class IndexingThreads {
     std::deque<WordCounts> counted;  ///< parsed files that wait to be merged
     bool stopping = false;
 
-    int commandPipe[2] = {-1, -1};
+    Command command;
     std::vector<std::thread> threads;
 };

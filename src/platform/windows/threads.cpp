@@ -16,7 +16,7 @@ static_assert(sizeof(THREADENTRY32) == 28);
 }  // namespace
 
 std::vector<unsigned int> enumerateThreadsFromSystemInformation(unsigned int processId) {
-    return threadsFromProcessRecords(querySystemInformation, processId);
+    return enumerateThreadsFromSystemInformation(processId, querySystemInformation);
 }
 
 std::vector<unsigned int> enumerateThreadsFromSnapshot(unsigned int processId) {
