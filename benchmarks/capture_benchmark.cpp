@@ -1,0 +1,231 @@
+// Capturing another thread, 30 frames deep, and what it costs that thread. Peers are measured in
+// the same loop, turn by turn, so that both meet the same machine; the figures are medians.
+
+#include <ThreadUtilities/StackTrace.h>
+#include <benchmark/benchmark.h>
+#include <ucontext.h>
+#include <unistd.h>
+#include <x86intrin.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <vector>
+
+#include "capture_targets.h"
+#include "deep_stack.h"
+#include "platform/debugger.h"
+#include "platform/linux/capture_requests.h"
+#include "platform/linux/handler/capture_handler.h"
+#include "platform/linux/thread_stacks.h"
+#include "platform/thread_context.h"
+#include "stack/capture_session.h"
+#include "stack/capture_visitor.h"
+#include "stack/stack_trace.h"
+
+#if defined(HAVE_GPERFTOOLS)
+#include <gperftools/profiler.h>
+#endif
+
+namespace {
+
+using capture_targets::BareSignal;
+using capture_targets::Target;
+using namespace ThreadUtilities;
+
+constexpr std::size_t room = 256;
+
+double median(std::vector<double>& values) {
+    if (values.empty()) {
+        return 0;
+    }
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+// Times of two ways to do something, taken turn by turn.
+class Duel {
+ public:
+    template <typename Ours, typename Peer>
+    void turn(Ours ours, Peer peer) {
+        ours_.push_back(timed(ours));
+        peer_.push_back(timed(peer));
+    }
+    void report(benchmark::State& state) {
+        const double ours = median(ours_);
+        const double peer = median(peer_);
+        state.counters["ours_ns"] = ours;
+        state.counters["peer_ns"] = peer;
+        state.counters["ratio"] = ours / peer;
+    }
+
+ private:
+    template <typename Work>
+    static double timed(Work work) {
+        const auto begin = __rdtsc();
+        work();
+        return static_cast<double>(__rdtsc() - begin) * capture_targets::nanosecondsPerStamp();
+    }
+    std::vector<double> ours_;
+    std::vector<double> peer_;
+};
+
+std::size_t visitAndWalk(unsigned int threadId, unsigned long long* frames) {
+    return static_cast<std::size_t>(captureOtherThread(threadId, frames, room, true));
+}
+
+/// Our handler's whole work on the thread, called like a function; what the kernel adds is the
+/// bare signal's cost.
+void TimeInTheHandler(benchmark::State& state) {
+    struct Measurement {
+        benchmark::State& state;
+        std::vector<double> times;
+    } measurement{state, {}};
+    deep_stack::callWithoutFramePointers(
+        capture_targets::depth,
+        [](void* opaque) {
+            auto& measured = *static_cast<Measurement*>(opaque);
+            const auto self = static_cast<unsigned int>(gettid());
+            platform::rememberOwnStack();
+            platform::ReadableRange stack;
+            platform::findThreadStack(self, stack);
+            ucontext_t here;
+            getcontext(&here);
+            siginfo_t info = platform::captureSignalInfo();
+            const auto handler = platform::handlerOfLayer(0);
+            std::array<unsigned long long, room> frames;
+            FrameCollection collected;
+            collected.frames = frames.data();
+            collected.maxFrames = room;
+            for (auto _ : measured.state) {
+                const platform::PostedRequest request(self, stack, collectFrames, &collected);
+                const auto begin = __rdtsc();
+                handler(platform::captureSignal, &info, &here);
+                measured.times.push_back(static_cast<double>(__rdtsc() - begin) *
+                                         capture_targets::nanosecondsPerStamp());
+            }
+            measured.state.counters["frames"] = static_cast<double>(collected.frameCount);
+        },
+        &measurement);
+    state.counters["median_ns"] = median(measurement.times);
+}
+BENCHMARK(TimeInTheHandler);
+
+void RunningThreadAgainstBareSignal(benchmark::State& state) {
+    capture_targets::stayOnProcessor(0);
+    Target target(Target::Work::Spin);
+    BareSignal bare(SIGUSR1);
+    std::array<unsigned long long, room> frames;
+    Duel duel;
+    for (auto _ : state) {
+        duel.turn([&] { visitAndWalk(target.id(), frames.data()); },
+                  [&] { bare.roundTrip(target.handle()); });
+    }
+    duel.report(state);
+}
+BENCHMARK(RunningThreadAgainstBareSignal)->Unit(benchmark::kMicrosecond);
+
+void BlockedThreadAgainstBareSignal(benchmark::State& state) {
+    capture_targets::stayOnProcessor(0);
+    Target target(Target::Work::Block);
+    BareSignal bare(SIGUSR1);
+    std::array<unsigned long long, room> frames;
+    Duel duel;
+    for (auto _ : state) {
+        // After the signal the target needs a moment to fall asleep again.
+        usleep(100);
+        duel.turn([&] { visitAndWalk(target.id(), frames.data()); },
+                  [&] { bare.roundTrip(target.handle()); });
+    }
+    duel.report(state);
+}
+BENCHMARK(BlockedThreadAgainstBareSignal)->Unit(benchmark::kMicrosecond);
+
+void DebuggerTest(benchmark::State& state) {
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(platform::isDebuggerAttached());
+    }
+}
+BENCHMARK(DebuggerTest);
+
+void BlockedThreadInASession(benchmark::State& state) {
+    Target target(Target::Work::Block);
+    CaptureSession session(room);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(session.capture(target.id()));
+    }
+}
+BENCHMARK(BlockedThreadInASession);
+
+// A thousand times a second for a while; what the target could not use of its processor then.
+// Longer gaps than any sample takes are somebody else's.
+class Loss {
+ public:
+    explicit Loss(Target& target) : target_(target) {}
+
+    template <typename Sample>
+    double of(int samples, Sample sample) {
+        constexpr double longestOfOurs = 50'000;
+        target_.takeGaps();
+        auto due = std::chrono::steady_clock::now();
+        for (int i = 0; i < samples; ++i) {
+            due += std::chrono::milliseconds(1);
+            std::this_thread::sleep_until(due);
+            sample();
+        }
+        double sum = 0;
+        for (const double gap : target_.takeGaps()) {
+            sum += gap < longestOfOurs ? gap : 0;
+        }
+        return sum;
+    }
+
+ private:
+    Target& target_;
+};
+
+/// What 1,000 samples a second cost a thread that computes all the time, per sample and without
+/// what it loses anyway.
+void LossOfASampledThread(benchmark::State& state) {
+    capture_targets::stayOnProcessor(0);
+    Target target(Target::Work::MeasureGaps);
+    Loss loss(target);
+    BareSignal bare(SIGUSR1);
+    std::array<unsigned long long, room> frames;
+    constexpr int samples = 500;
+    std::vector<double> ours;
+    std::vector<double> bareSignal;
+    std::vector<double> profiler;
+    unsigned long long taken = 0;
+    unsigned long long missed = 0;
+    double profilerSamples = 0;
+    for (auto _ : state) {
+        const double idle = loss.of(samples, [] {});
+        const auto perSample = [&](double sum) { return (sum - idle) / samples; };
+        bareSignal.push_back(perSample(loss.of(samples, [&] { bare.send(target.handle()); })));
+        ours.push_back(perSample(loss.of(
+            samples, [&] { ++(visitAndWalk(target.id(), frames.data()) != 0 ? taken : missed); })));
+#if defined(HAVE_GPERFTOOLS)
+        // Its own timer is bound to the kernel's ticks, often 250 a second. Its handler is called
+        // here as often as ours.
+        ProfilerStart("/dev/null");
+        profiler.push_back(
+            perSample(loss.of(samples, [&] { pthread_kill(target.handle(), SIGPROF); })));
+        ProfilerState profilerState{};
+        ProfilerGetCurrentState(&profilerState);
+        profilerSamples += profilerState.samples_gathered;
+        ProfilerStop();
+#endif
+    }
+    state.counters["ours_ns"] = median(ours);
+    state.counters["bare_ns"] = median(bareSignal);
+    state.counters["gperftools_ns"] = median(profiler);
+    state.counters["ratio"] = median(ours) / median(bareSignal);
+    state.counters["taken"] = static_cast<double>(taken);
+    state.counters["missed"] = static_cast<double>(missed);
+    state.counters["gperftools_taken"] = profilerSamples;
+}
+BENCHMARK(LossOfASampledThread)->Iterations(10)->Unit(benchmark::kSecond);
+
+}  // namespace
