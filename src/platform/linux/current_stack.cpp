@@ -7,9 +7,6 @@
 #include "platform/linux/kernel_calls.h"
 #include "platform/linux/stack_layout.h"
 
-// The stack pointer at the program's entry, kept by the dynamic linker.
-extern "C" void* __libc_stack_end;  // NOLINT
-
 namespace ThreadUtilities::platform {
 namespace {
 

@@ -1,7 +1,6 @@
 #include "platform/linux/running_thread.h"
 
 #include <sched.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -20,9 +19,9 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
-// A thread on another processor answers within this time if it answers soon at all. On one
-// processor spinning would only keep the thread from answering.
-constexpr microseconds spinTime{20};
+// A signal reaches another processor well within this time, unless the thread has lost that
+// processor meanwhile.
+constexpr microseconds spinTime{100};
 
 // A thread may have to wait for a processor behind a thousand others. Only after this time is it
 // given up although nothing speaks against an answer.
@@ -32,15 +31,7 @@ constexpr milliseconds longestBlindWait{1'000};
 constexpr milliseconds firstLook{4};
 constexpr milliseconds longestPause{100};
 
-bool severalProcessors() {
-    static const bool several = sysconf(_SC_NPROCESSORS_ONLN) > 1;
-    return several;
-}
-
 void spin(const PostedRequest& request) {
-    if (!severalProcessors()) {
-        return;
-    }
     const auto end = Clock::now() + spinTime;
     do {
         for (int i = 0; i < 16; ++i) {
@@ -76,8 +67,10 @@ milliseconds patienceWith(Answerability answerability) {
 
 // The request stays posted only as long as this function runs: when it returns, the visitor has
 // run to its end or never will.
-VisitResult awaitAnswer(PostedRequest& request, unsigned int threadId) {
-    spin(request);
+VisitResult awaitAnswer(PostedRequest& request, unsigned int threadId, Waiting waiting) {
+    if (waiting == Waiting::SpinFirst) {
+        spin(request);
+    }
     const auto start = Clock::now();
     milliseconds pause = firstLook;
     for (;;) {
@@ -103,7 +96,7 @@ VisitResult awaitAnswer(PostedRequest& request, unsigned int threadId) {
     }
 }
 
-VisitResult visitStanding(unsigned int threadId, const ReadableRange& stackBounds,
+VisitResult visitStanding(unsigned int threadId, const ReadableRange& stackBounds, Waiting waiting,
                           ContextVisitor visitor, void* state) {
     PostedRequest request(threadId, stackBounds, visitor, state);
     if (!request.isPosted()) {
@@ -111,7 +104,7 @@ VisitResult visitStanding(unsigned int threadId, const ReadableRange& stackBound
     }
     switch (sendCaptureSignal(threadId)) {
         case SendResult::Sent:
-            return awaitAnswer(request, threadId);
+            return awaitAnswer(request, threadId, waiting);
         case SendResult::NoSuchThread:
             return VisitResult::NoSuchThread;
         case SendResult::Refused:
@@ -127,7 +120,8 @@ ReadableRange stackBoundsOf(unsigned int threadId) {
     if (!findThreadStack(threadId, bounds)) {
         return {};
     }
-    if (static_cast<int>(threadId) == kernelProcessId()) {
+    const auto firstStackTop = reinterpret_cast<std::uint64_t>(__libc_stack_end);
+    if (bounds.begin <= firstStackTop && firstStackTop < bounds.end) {
         bounds.begin = std::min(bounds.begin, bounds.end - firstStackReach);
     }
     return bounds;
@@ -140,16 +134,16 @@ VisitorAnswer copyContext(const ThreadContext& context, void* copy) noexcept {
 
 }  // namespace
 
-VisitResult visitBySignal(unsigned int threadId, bool suspend, ContextVisitor visitor,
-                          void* state) noexcept {
+VisitResult visitBySignal(unsigned int threadId, bool suspend, Waiting waiting,
+                          ContextVisitor visitor, void* state) noexcept {
     if (!ensureCaptureHandler()) {
         return VisitResult::NotAnswering;
     }
     if (suspend) {
-        return visitStanding(threadId, stackBoundsOf(threadId), visitor, state);
+        return visitStanding(threadId, stackBoundsOf(threadId), waiting, visitor, state);
     }
     ThreadContext context;
-    const VisitResult result = visitStanding(threadId, {}, copyContext, &context);
+    const VisitResult result = visitStanding(threadId, {}, waiting, copyContext, &context);
     if (result == VisitResult::Visited) {
         context.standsStill = false;
         visitor(context, state);

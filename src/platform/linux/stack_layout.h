@@ -2,6 +2,9 @@
 
 #include <cstdint>
 
+// The stack pointer at the program's entry, kept by the dynamic linker.
+extern "C" void* __libc_stack_end;  // NOLINT
+
 namespace ThreadUtilities::platform {
 
 /// How far down from its top the first thread's stack may be thought to reach. No other mapping

@@ -2,9 +2,15 @@
 
 #include "platform/linux/blocked_thread.h"
 #include "platform/linux/running_thread.h"
+#include "platform/thread_clock.h"
 
 namespace ThreadUtilities::platform {
 namespace {
+
+// Whoever asks runs on a processor; therefore a thread whose clock moves meanwhile runs on another.
+bool runsElsewhere(unsigned int threadId) {
+    return threadRunTime(threadId) != threadRunTime(threadId);
+}
 
 bool visitIfBlocked(unsigned int threadId, bool suspend, ContextVisitor visitor, void* state) {
     return visitBlockedThread(threadId, suspend, visitor, state) == BlockedVisit::Visited;
@@ -12,15 +18,19 @@ bool visitIfBlocked(unsigned int threadId, bool suspend, ContextVisitor visitor,
 
 }  // namespace
 
+// The cheapest way that can work comes first: a thread that is blocked in the kernel is looked at
+// from outside, any other is sent a signal.
 VisitResult visitThreadContext(unsigned int threadId, bool suspend, ContextVisitor visitor,
                                void* state) noexcept {
     if (threadId == 0) {
         return VisitResult::NoSuchThread;
     }
-    if (visitIfBlocked(threadId, suspend, visitor, state)) {
+    const bool isRunning = runsElsewhere(threadId);
+    if (!isRunning && visitIfBlocked(threadId, suspend, visitor, state)) {
         return VisitResult::Visited;
     }
-    const VisitResult result = visitBySignal(threadId, suspend, visitor, state);
+    const Waiting waiting = isRunning ? Waiting::SpinFirst : Waiting::Sleep;
+    const VisitResult result = visitBySignal(threadId, suspend, waiting, visitor, state);
     // A thread that blocks the signal may have come to rest in the meantime.
     if (result == VisitResult::NotAnswering && visitIfBlocked(threadId, suspend, visitor, state)) {
         return VisitResult::Visited;

@@ -38,13 +38,23 @@ class MeasuredStack {
     std::vector<char> bytes_;
 };
 
+std::atomic<unsigned long> turns{0};
+
 [[gnu::noinline]] void descend(int depth, const std::atomic<bool>& stop) {
     if (depth == 0) {
-        spinUntil(stop);
+        while (!stop) {
+            ++turns;
+        }
     } else {
         descend(depth - 1, stop);
     }
     asm volatile("");
+}
+
+// A capture has its answer while the handler is still on its way back.
+bool isOutOfTheHandler() {
+    const unsigned long before = turns;
+    return eventually([&] { return turns > before + 1; });
 }
 
 TEST(TheHandler, NeedsLittleOfTheStackOfItsThread) {
@@ -62,7 +72,7 @@ TEST(TheHandler, NeedsLittleOfTheStackOfItsThread) {
     action.sa_flags = SA_ONSTACK;
     sigaction(SIGUSR1, &action, nullptr);
     pthread_kill(target.handle(), SIGUSR1);
-    ASSERT_TRUE(eventually([] { return called.load(); }));
+    ASSERT_TRUE(eventually([] { return called.load(); }) && isOutOfTheHandler());
     const std::size_t bare = measured.load()->used();
     ASSERT_GT(bare, 0U);
 
@@ -72,6 +82,7 @@ TEST(TheHandler, NeedsLittleOfTheStackOfItsThread) {
         measured.load()->clear();
         unsigned long long frames[100];
         ASSERT_GT(getStackTrace(target.id(), frames, 100, true), 30U);
+        ASSERT_TRUE(isOutOfTheHandler());
         ASSERT_GT(measured.load()->used(), bare);
         most = std::max(most, measured.load()->used() - bare);
     }
