@@ -11,12 +11,13 @@ namespace ThreadUtilities::platform {
 /// The module that covers a code address.
 struct CodeModule {
     std::uint64_t begin = 0;  ///< lowest mapped address
-    std::uint64_t end = 0;    ///< end of the highest mapping
+    std::uint64_t size = 0;   ///< bytes up to the end of the highest mapping
     /// Address of the module's unwind table index (LSB, `.eh_frame_hdr`); 0 when it has none.
     std::uint64_t unwindHeader = 0;
     /// Tells the module from every other one that may take its place in memory once it has been
     /// unloaded, however alike the loader's records of the two are. 0 when the module carries
     /// nothing that could prove that: what is known of its code must not be kept beyond one walk.
+    /// Modules that stay to the end of the process may share one identity.
     std::uint64_t identity = 0;
     bool isPermanent = false;  ///< stays loaded to the end of the process
 };

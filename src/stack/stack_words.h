@@ -28,17 +28,17 @@ class StackWords {
         return range.begin <= begin && end <= range.end;
     }
 
-    /// The word at an address of the known range. The word may belong to a variable of another
+    /// The word at an address that is known to be readable. It may belong to a variable of another
     /// function, so the sanitizers' ideas of who may touch it do not apply.
-    __attribute__((no_sanitize("address", "thread", "undefined"))) std::uint64_t load(
-        std::uint64_t address) const noexcept {
-        return *reinterpret_cast<const Word*>(address + rangeShift);
+    __attribute__((no_sanitize("address", "thread", "undefined"))) static std::uint64_t load(
+        std::uint64_t address) noexcept {
+        return *reinterpret_cast<const Word*>(address);
     }
 
     /// False, and `word` as it was, when the memory cannot be read.
     bool read(std::uint64_t address, std::uint64_t& word) noexcept {
         if (address <= UINT64_MAX - wordSize && covers(address, address + wordSize)) {
-            word = load(address);
+            word = load(address + rangeShift);
             return true;
         }
         return readWindow(address, word);

@@ -31,10 +31,19 @@ using FindObject = int (*)(void* address, FoundObject* result);
 
 std::atomic<FindObject> findObject{nullptr};
 std::atomic<bool> isPrepared{false};
+std::atomic<bool> isBeingPrepared{false};
 
-/// Where the modules begin that are never unloaded: the program, the libraries that this one stands
-/// on, and this one itself, without which nobody asks. 0 in unused places.
-std::atomic<std::uint64_t> permanentModules[8];
+/// Because no address of these ever belongs to another module, one identity does for all of them,
+/// and a walk from one to the next need not look up which it is in.
+constexpr std::uint64_t permanentIdentity = 0x5851F42D4C957F2D;
+
+/// The modules that are never unloaded: the program, the libraries that this one stands on, and
+/// this one itself, without which nobody asks. Constant once `isPrepared` is set.
+struct PermanentModules {
+    CodeModule modules[8];
+    std::size_t count = 0;
+};
+PermanentModules permanentModules;
 
 std::uint64_t addressOf(const void* pointer) noexcept {
     return reinterpret_cast<std::uint64_t>(pointer);
@@ -47,7 +56,7 @@ bool findMapped(std::uint64_t address, CodeModule& module) noexcept {
             return false;
         }
         module.begin = addressOf(found.mapStart);
-        module.end = addressOf(found.mapEnd);
+        module.size = addressOf(found.mapEnd) - module.begin;
         module.unwindHeader = addressOf(found.unwindHeader);
         return true;
     }
@@ -56,46 +65,53 @@ bool findMapped(std::uint64_t address, CodeModule& module) noexcept {
         return false;
     }
     module.begin = found.begin;
-    module.end = found.end;
+    module.size = found.end - found.begin;
     module.unwindHeader = found.unwindHeader;
     return true;
 }
 
-bool isPermanent(std::uint64_t begin) noexcept {
-    return std::any_of(std::begin(permanentModules), std::end(permanentModules),
-                       [begin](const std::atomic<std::uint64_t>& known) {
-                           return known.load(std::memory_order_relaxed) == begin;
-                       });
+const CodeModule* findPermanent(std::uint64_t address) noexcept {
+    if (!isPrepared.load(std::memory_order_acquire)) {
+        return nullptr;
+    }
+    for (std::size_t index = 0; index < permanentModules.count; ++index) {
+        const CodeModule& module = permanentModules.modules[index];
+        if (address - module.begin < module.size) {
+            return &module;
+        }
+    }
+    return nullptr;
 }
 
 void findPermanentModules() noexcept {
     const std::uint64_t insides[] = {
         getauxval(AT_PHDR),
-        getauxval(AT_SYSINFO_EHDR),
-        getauxval(AT_BASE),                                   // the dynamic linker
         addressOf(reinterpret_cast<void*>(&getauxval)),       // the C library
         addressOf(reinterpret_cast<void*>(&std::terminate)),  // the C++ library
         addressOf(reinterpret_cast<void*>(&prepareModuleLookup)),
+        getauxval(AT_BASE),  // the dynamic linker
+        getauxval(AT_SYSINFO_EHDR),
     };
-    static_assert(std::size(insides) <= std::size(permanentModules));
-    for (std::size_t index = 0; index < std::size(insides); ++index) {
+    static_assert(std::size(insides) <= std::size(permanentModules.modules));
+    for (const std::uint64_t inside : insides) {
         CodeModule module;
-        if (insides[index] != 0 && findMapped(insides[index], module)) {
-            permanentModules[index].store(module.begin, std::memory_order_relaxed);
+        if (inside != 0 && findMapped(inside, module)) {
+            module.isPermanent = true;
+            module.identity = permanentIdentity;
+            permanentModules.modules[permanentModules.count++] = module;
         }
     }
 }
 
 ByteCursor firstPage(const CodeModule& module) noexcept {
-    return {reinterpret_cast<const void*>(module.begin),
-            std::min(modulePageSize, module.end - module.begin)};
+    return {reinterpret_cast<const void*>(module.begin), std::min(modulePageSize, module.size)};
 }
 
 /// Not inlined: the copy must not be on the stack of a thread that walks itself.
 [[gnu::noinline]] std::uint64_t identityFromCopy(const CodeModule& module) noexcept {
     std::uint8_t copy[modulePageSize];
     const std::size_t size =
-        readOwnMemory(module.begin, copy, std::min(modulePageSize, module.end - module.begin));
+        readOwnMemory(module.begin, copy, std::min(modulePageSize, module.size));
     return moduleIdentity(module.begin, module.unwindHeader, ByteCursor(copy, size));
 }
 
@@ -108,7 +124,11 @@ void prepareModuleLookup() noexcept {
         }
         return;
     }
-    // Two threads may come here at once; both store the same.
+    // Whoever comes while another thread is here goes on without: his lookups find nothing yet that
+    // is permanent, and are right all the same.
+    if (isBeingPrepared.exchange(true, std::memory_order_acquire)) {
+        return;
+    }
     findObject.store(reinterpret_cast<FindObject>(dlsym(RTLD_DEFAULT, "_dl_find_object")),
                      std::memory_order_relaxed);
     if (findObject.load(std::memory_order_relaxed) == nullptr) {
@@ -119,22 +139,22 @@ void prepareModuleLookup() noexcept {
 }
 
 bool findCodeModule(std::uint64_t address, bool staysLoaded, CodeModule& module) noexcept {
+    if (const CodeModule* const permanent = findPermanent(address)) {
+        module = *permanent;
+        return true;
+    }
     if (!findMapped(address, module)) {
         return false;
     }
-    module.isPermanent = isPermanent(module.begin);
-    if (module.isPermanent) {
-        module.identity = module.begin;  // nothing else will ever be there
-    } else if (staysLoaded) {
-        module.identity = moduleIdentity(module.begin, module.unwindHeader, firstPage(module));
-    } else {
-        module.identity = identityFromCopy(module);
-    }
+    module.isPermanent = false;
+    module.identity = staysLoaded
+                          ? moduleIdentity(module.begin, module.unwindHeader, firstPage(module))
+                          : identityFromCopy(module);
     return true;
 }
 
 ReadableRange readableSegment(const CodeModule& module, std::uint64_t address) noexcept {
-    return mappedSegment(module.begin, module.end, address, firstPage(module));
+    return mappedSegment(module.begin, module.begin + module.size, address, firstPage(module));
 }
 
 }  // namespace ThreadUtilities::platform

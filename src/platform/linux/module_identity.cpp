@@ -105,11 +105,19 @@ std::uint64_t mixed(std::uint64_t hash, std::uint64_t word) noexcept {
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
 }
 
+/// What the first 16 bytes of the note of a SHA-1 build-id hold, which nearly all build-ids are.
+constexpr std::uint64_t usualSizes = noteOwner.size() | std::uint64_t{20} << 32;
+constexpr std::uint64_t usualTypeAndOwner = NT_GNU_BUILD_ID | std::uint64_t{0x00554E47} << 32;
+
 /// The build-id at `offset` of the first page, as a number; 0 when none is there.
 std::uint64_t hashOfNoteAt(std::uint64_t offset, ByteCursor notes) noexcept {
     notes.seek(offset);
     ByteCursor id;
-    if (!takeBuildId(notes, id)) {
+    if (notes.remaining() >= noteHeaderSize + 20 &&
+        loadLittleEndian<std::uint64_t>(notes.data()) == usualSizes &&
+        loadLittleEndian<std::uint64_t>(notes.data() + 8) == usualTypeAndOwner) {
+        id = ByteCursor(notes.data() + noteHeaderSize, 20);
+    } else if (!takeBuildId(notes, id)) {
         return 0;
     }
     const std::uint8_t* const bytes = id.data();

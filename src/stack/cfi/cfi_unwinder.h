@@ -16,12 +16,19 @@ namespace ThreadUtilities::cfi {
 
 /// What a walk knows beyond its position.
 struct WalkMemory {
-    bool usesCache = true;
+    WalkMemory(const platform::Registers& startRegisters, std::uint32_t knownAtStart,
+               TableCopies* tableCopies) noexcept
+        : start(startRegisters), knownRegisters(knownAtStart), copies(tableCopies) {}
+
+    const platform::Registers& start;
+    const std::uint32_t knownRegisters;  ///< of `start`
     /// Given where the thread is not held and may unload the modules that it was in.
-    TableCopies* copies = nullptr;
+    TableCopies* const copies;
+
     platform::CodeModule module;  ///< of the frame before, most likely of this one too
-    /// All registers, as the last step by tables left them.
+    /// The registers of the frame whose stack pointer is `registersBelong`, for steps by tables.
     RegisterFile registers;
+    std::uint64_t registersBelong = 0;
     bool knowsFramePointer = true;
     /// From the instruction pointer back to what is looked up. 1 for a return address: it may
     /// belong to the next function, or to another row, when the call does not return, whereas the
@@ -41,46 +48,45 @@ class CfiUnwinder {
         AllRegisters,  ///< every step goes by the tables
     };
 
-    CfiUnwinder(const platform::ThreadContext& start, RuleCache& ruleCache, Keeps keeps,
-                TableCopies* copies, WalkMemory& walkMemory) noexcept
-        : cache(ruleCache), memory(walkMemory) {
-        memory.copies = copies;
-        memory.usesCache = keeps == Keeps::FramePointer;
-        memory.registers = RegisterFile(start.registers, start.knownRegisters);
-        memory.knowsFramePointer = memory.registers.has(platform::Rbp);
-        at = positionOf(memory.registers);
+    /// `stack` is known to be readable, `stackShift` away from its addresses.
+    CfiUnwinder(RuleCache& ruleCache, Keeps keeps, platform::ReadableRange stack,
+                std::uint64_t shift, WalkMemory& walkMemory) noexcept
+        : cache(ruleCache),
+          memory(walkMemory),
+          usesCache(keeps == Keeps::FramePointer),
+          stackEnd(stack.end),
+          stackShift(shift) {
+        at.instructionPointer = memory.start[platform::Rip];
+        at.stackPointer = memory.start[platform::Rsp];
+        at.framePointer = memory.start[platform::Rbp];
+        memory.knowsFramePointer =
+            (memory.knownRegisters & platform::registerBit(platform::Rbp)) != 0;
     }
 
     std::uint64_t programCounter() const noexcept { return at.instructionPointer; }
     std::uint64_t stackPointer() const noexcept { return at.stackPointer; }
 
+    /// Only from where the walk starts.
     void returnTo(std::uint64_t address, std::uint64_t stackPointer) noexcept {
+        loadStart(memory);
+        memory.registersBelong = stackPointer;
+        memory.callSize = 1;
         at.instructionPointer = address;
         at.stackPointer = stackPointer;
-        at.previous = noSlot;
-        memory.callSize = 1;
-        memory.registers.set(platform::Rsp, stackPointer);
     }
 
     StepResult step(StackWords& words) noexcept {
-        const std::uint64_t address = at.instructionPointer - 1;
-        if (at.isSteady && covers(memory.module, address)) [[likely]] {
-            RuleCache::Slot next = 0;
-            const CompiledRule rule =
-                cache.find(at.predicted, {address, memory.module.identity}, next);
-            const Frame frame = frameOf(rule, at);
-            if (rule.leadsOut() && words.covers(frame.savedRegister, frame.address)) [[likely]] {
-                const std::uint64_t saved = words.load(frame.savedRegister);
-                at.framePointer = rule.savesFramePointer() ? saved : at.framePointer;
-                at.instructionPointer = words.load(frame.address - 8);
-                at.stackPointer = frame.address;
-                at.previous = at.predicted;
-                at.predicted = next;
+        if (stepByPredictedRule()) [[likely]] {
+            return StepResult::Made;
+        }
+        if (at.identity != 0 && !covers(memory.module, at.instructionPointer - 1)) {
+            at.identity = identityOfModule(memory, at.instructionPointer - 1);
+            if (stepByPredictedRule()) {
                 return StepResult::Made;
             }
         }
         Position position = at;
-        const StepResult result = stepSlowly(cache, memory, words, position);
+        const StepResult result = stepSlowly(usesCache ? &cache : nullptr, memory, words, position);
         at = position;
         return result;
     }
@@ -94,99 +100,127 @@ class CfiUnwinder {
         std::uint64_t framePointer = 0;
         RuleCache::Slot predicted = 0;      ///< where the rule of this frame is expected
         RuleCache::Slot previous = noSlot;  ///< where the rule of the frame before stands
-        /// The instruction pointer is a return address and the frame pointer known.
-        bool isSteady = false;
+        /// Of the module that the frame before was in. 0, which no entry has, unless the next step
+        /// may be one by a cached rule: the instruction pointer is a return address, the frame
+        /// pointer known, and the stack pointer in the part of the stack known to be readable.
+        std::uint64_t identity = 0;
     };
 
-    struct Frame {
-        std::uint64_t address;  ///< the canonical frame address
-        std::uint64_t savedRegister;
-    };
-
-    static Position positionOf(const RegisterFile& registers) noexcept {
-        return {.instructionPointer = registers[platform::Rip],
-                .stackPointer = registers[platform::Rsp],
-                .framePointer = registers[platform::Rbp]};
-    }
-
-    static Frame frameOf(CompiledRule rule, const Position& at) noexcept {
-        const std::uint64_t base = rule.usesFramePointer() ? at.framePointer : at.stackPointer;
-        const std::uint64_t address = base + rule.frameAddressOffset();
-        return {address, address - rule.framePointerDistance()};
+    bool stepByPredictedRule() noexcept {
+        CompiledRule rule;
+        RuleCache::Slot next = 0;
+        if (!cache.find(at.predicted, {at.instructionPointer - 1, at.identity}, rule, next))
+            [[unlikely]] {
+            return false;
+        }
+        std::uint64_t base = at.stackPointer;
+        if (rule.usesFramePointer()) {
+            base = at.framePointer;
+            if (base < at.stackPointer || base > stackEnd) [[unlikely]] {
+                return false;
+            }
+        }
+        // The stack is readable from the base, which is at or above the stack pointer, to the end;
+        // no slot lies below the base; no sum leaves 64 bits, because the end of user memory is far
+        // from there. A rule that says that there is no caller leads beyond the end.
+        const std::uint64_t frameAddress = base + rule.frameAddressOffset();
+        if (frameAddress > stackEnd) [[unlikely]] {
+            return false;
+        }
+        const std::uint64_t saved =
+            StackWords::load(frameAddress - rule.framePointerDistance() + stackShift);
+        at.framePointer = rule.savesFramePointer() ? saved : at.framePointer;
+        at.instructionPointer = StackWords::load(frameAddress - 8 + stackShift);
+        at.stackPointer = frameAddress;
+        at.previous = at.predicted;
+        at.predicted = next;
+        return true;
     }
 
     static bool covers(const platform::CodeModule& module, std::uint64_t address) noexcept {
-        return address - module.begin < module.end - module.begin;
-    }
-
-    [[gnu::noinline]] static StepResult stepSlowly(RuleCache& cache, WalkMemory& memory,
-                                                   StackWords& words, Position& position) noexcept {
-        const std::uint64_t address = position.instructionPointer - memory.callSize;
-        if (!enterModule(memory, address)) {
-            return StepResult::NoUnwindData;
-        }
-        const RuleCache::Key key{address, memory.module.identity};
-        const RuleCache::Slot slot = RuleCache::slotOf(address);
-        const RuleCache::Slot previous = std::exchange(position.previous, noSlot);
-        StepResult result = StepResult::Made;
-        CompiledRule rule =
-            memory.usesCache ? cache.find(slot, key, position.predicted) : CompiledRule();
-        if (rule) {
-            result = applyRule(rule, memory, words, position);
-        } else {
-            result = applyTables(address, memory, words, position, rule);
-            if (rule && key.identity != 0) {
-                cache.store(slot, key, rule);
-            }
-        }
-        if (rule) {
-            position.previous = slot;
-            if (previous != noSlot) {
-                cache.predict(previous, slot);
-            }
-        }
-        position.isSteady = memory.usesCache && memory.knowsFramePointer && memory.callSize == 1;
-        return result;
+        return address - module.begin < module.size;
     }
 
     static bool enterModule(WalkMemory& memory, std::uint64_t address) noexcept {
-        if (!covers(memory.module, address) &&
-            !platform::findCodeModule(address, memory.copies == nullptr, memory.module)) {
+        if (!platform::findCodeModule(address, memory.copies == nullptr, memory.module)) {
             memory.module = {};
             return false;
         }
         return true;
     }
 
+    /// 0 where there is no module.
+    [[gnu::noinline]] static std::uint64_t identityOfModule(WalkMemory& memory,
+                                                            std::uint64_t address) noexcept {
+        return enterModule(memory, address) ? memory.module.identity : 0;
+    }
+
+    [[gnu::noinline]] static StepResult stepSlowly(RuleCache* cache, WalkMemory& memory,
+                                                   StackWords& words, Position& position) noexcept {
+        const std::uint64_t address = position.instructionPointer - memory.callSize;
+        if (!covers(memory.module, address) && !enterModule(memory, address)) {
+            return StepResult::NoUnwindData;
+        }
+        const RuleCache::Key key{address, memory.module.identity};
+        const RuleCache::Slot previous = std::exchange(position.previous, noSlot);
+        StepResult result = StepResult::Made;
+        if (cache == nullptr || key.identity == 0) {
+            CompiledRule unused;
+            result = applyTables(address, memory, words, position, unused);
+        } else {
+            CompiledRule rule;
+            RuleCache::Slot slot = noSlot;
+            if (cache->search(key, rule, slot, position.predicted)) {
+                result = applyRule(rule, memory, words, position);
+            } else {
+                result = applyTables(address, memory, words, position, rule);
+                slot = rule ? cache->store(key, rule) : noSlot;
+            }
+            if (slot != noSlot && previous != noSlot) {
+                cache->predict(previous, slot);
+            }
+            position.previous = slot;
+        }
+        const bool isSteady = cache != nullptr && memory.knowsFramePointer &&
+                              memory.callSize == 1 &&
+                              words.covers(position.stackPointer, position.stackPointer);
+        position.identity = isSteady ? key.identity : 0;
+        return result;
+    }
+
     static StepResult applyRule(CompiledRule rule, WalkMemory& memory, StackWords& words,
                                 Position& position) noexcept {
-        if (!rule.leadsOut()) {
+        if (!rule.hasCaller()) {
             return StepResult::EndOfStack;
         }
         if (rule.usesFramePointer() && !memory.knowsFramePointer) {
             return StepResult::UnknownRegister;
         }
-        const Frame frame = frameOf(rule, position);
+        const std::uint64_t base =
+            rule.usesFramePointer() ? position.framePointer : position.stackPointer;
+        const std::uint64_t frameAddress = base + rule.frameAddressOffset();
         std::uint64_t saved = 0;
-        if (!words.read(frame.address - 8, position.instructionPointer) ||
-            !words.read(frame.savedRegister, saved)) {
+        if (!words.read(frameAddress - 8, position.instructionPointer) ||
+            !words.read(frameAddress - rule.framePointerDistance(), saved)) {
             return StepResult::Unreadable;
         }
         if (rule.savesFramePointer()) {
             position.framePointer = saved;
             memory.knowsFramePointer = true;
         }
-        position.stackPointer = frame.address;
+        position.stackPointer = frameAddress;
         memory.callSize = 1;
         return StepResult::Made;
     }
 
-    /// `rule` becomes the rule that does the same, if there is one.
+    /// `rule` becomes the rule that does the same; empty if there is none.
     static StepResult applyTables(std::uint64_t address, WalkMemory& memory, StackWords& words,
                                   Position& position, CompiledRule& rule) noexcept {
         RegisterFile& registers = memory.registers;
-        if (registers[platform::Rsp] != position.stackPointer) {
-            registers.forgetAll();  // of a frame farther in
+        if (memory.callSize == 0 && memory.registersBelong == 0) {
+            loadStart(memory);
+        } else if (memory.registersBelong != position.stackPointer) {
+            registers.forgetAll();
         }
         registers.set(platform::Rip, position.instructionPointer);
         registers.set(platform::Rsp, position.stackPointer);
@@ -196,14 +230,25 @@ class CfiUnwinder {
         const TableStep step =
             stepByTables(memory.module, address, memory.copies, registers, words);
         rule = step.rule;
-        position = positionOf(registers);
+        position.instructionPointer = registers[platform::Rip];
+        position.stackPointer = registers[platform::Rsp];
+        position.framePointer = registers[platform::Rbp];
+        memory.registersBelong = position.stackPointer;
         memory.knowsFramePointer = registers.has(platform::Rbp);
         memory.callSize = step.isSignalFrame ? 0 : 1;
         return step.result;
     }
 
+    static void loadStart(WalkMemory& memory) noexcept {
+        memory.registers = RegisterFile(memory.start, memory.knownRegisters);
+        memory.registersBelong = memory.start[platform::Rsp];
+    }
+
     RuleCache& cache;
     WalkMemory& memory;
+    const bool usesCache;
+    const std::uint64_t stackEnd;
+    const std::uint64_t stackShift;
     Position at;
 };
 

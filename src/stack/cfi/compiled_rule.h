@@ -11,20 +11,23 @@ namespace ThreadUtilities::cfi {
 /// saved below it. Of the 64-bit ABI's code 90 to 99.98 percent has such rows, depending on the
 /// library. What a row says of the other registers is left out.
 ///
-///   bit 0        set in every rule; alone, it says that there is no caller
-///   bit 2        the frame address counts from the frame pointer, else from the stack pointer
-///   bit 3        the frame pointer is saved
-///   bits 4-17    where: words below the frame address. 1, where the return address is, when it
-///                is not saved, so that reading the slot needs no test and is harmless
-///   bits 18-49   frame address minus its base, in bytes
-///   bits 50-63   not part of the rule
+///   bit 0        set in every rule
+///   bit 1        the frame address counts from the frame pointer, else from the stack pointer
+///   bit 2        the frame pointer is saved
+///   bits 4-17    not part of the rule
+///   bits 18-31   where the frame pointer is saved: words below the frame address. 1, where the
+///                return address is, when it is not saved: reading it then is harmless. Never
+///                below what the frame address counts from
+///   bits 32-63   frame address minus its base, in bytes; all ones when there is no caller
 class CompiledRule {
  public:
-    static constexpr unsigned usedBits = 50;
+    static constexpr unsigned freeShift = 4;
+    static constexpr unsigned freeBits = 14;
+    static constexpr std::uint64_t freeMask = ((std::uint64_t{1} << freeBits) - 1) << freeShift;
 
     constexpr CompiledRule() noexcept = default;
     static constexpr CompiledRule fromBits(std::uint64_t bits) noexcept {
-        return CompiledRule(bits & mask);
+        return CompiledRule(bits & ~freeMask);
     }
 
     /// The compiled form of a row; an empty rule when the row is of another shape.
@@ -32,7 +35,7 @@ class CompiledRule {
         using Kind = RegisterRule::Kind;
         const RegisterRule returnRule = row.registers[returnAddressColumn];
         if (returnRule.kind() == Kind::Undefined) {
-            return CompiledRule(endOfStackRule);
+            return CompiledRule(present | noCallerOffset << offsetShift);
         }
         const FrameAddressRule& frame = row.frameAddress;
         const bool fromFramePointer = frame.base == platform::Rbp;
@@ -43,45 +46,42 @@ class CompiledRule {
             return {};
         }
         const RegisterRule saved = row.registers[platform::Rbp];
-        std::uint64_t bits = present | (fromFramePointer ? basedOnFramePointer : 0) |
-                             static_cast<std::uint64_t>(frame.offset) << offsetShift;
+        const std::uint64_t bits = present | (fromFramePointer ? basedOnFramePointer : 0) |
+                                   static_cast<std::uint64_t>(frame.offset) << offsetShift;
         if (saved.kind() == Kind::SameValue) {
-            return CompiledRule(bits | 1u << slotShift);
+            return CompiledRule(bits | std::uint64_t{1} << distanceShift);
         }
-        if (saved.kind() != Kind::AtOffset || saved.value() % wordSize != 0 || saved.value() >= 0 ||
-            -saved.value() / wordSize > maxSlot) {
+        const std::int64_t distance = -saved.value();
+        if (saved.kind() != Kind::AtOffset || distance % wordSize != 0 || distance < wordSize ||
+            distance / wordSize > maxDistance || distance > frame.offset) {
             return {};
         }
         return CompiledRule(bits | savesFrame |
-                            static_cast<std::uint64_t>(-saved.value() / wordSize) << slotShift);
+                            static_cast<std::uint64_t>(distance / wordSize) << distanceShift);
     }
 
     constexpr explicit operator bool() const noexcept { return bits != 0; }
     constexpr std::uint64_t toBits() const noexcept { return bits; }
 
-    /// Whether there is a caller; false for an empty rule.
-    constexpr bool leadsOut() const noexcept { return bits > endOfStackRule; }
+    constexpr bool hasCaller() const noexcept { return frameAddressOffset() != noCallerOffset; }
     constexpr bool usesFramePointer() const noexcept { return (bits & basedOnFramePointer) != 0; }
     constexpr bool savesFramePointer() const noexcept { return (bits & savesFrame) != 0; }
     /// Bytes from the slot of the saved frame pointer up to the frame address.
     constexpr std::uint64_t framePointerDistance() const noexcept {
-        return (bits >> slotShift & maxSlot) * wordSize;
+        return (bits >> distanceShift & maxDistance) * wordSize;
     }
-    constexpr std::uint64_t frameAddressOffset() const noexcept {
-        return bits >> offsetShift & 0xFFFFFFFF;
-    }
+    constexpr std::uint64_t frameAddressOffset() const noexcept { return bits >> offsetShift; }
 
  private:
     static constexpr std::int64_t wordSize = 8;
     static constexpr std::uint64_t present = 1;
-    static constexpr std::uint64_t endOfStackRule = 1;
-    static constexpr std::uint64_t basedOnFramePointer = 4;
-    static constexpr std::uint64_t savesFrame = 8;
-    static constexpr unsigned slotShift = 4;
-    static constexpr std::int64_t maxSlot = (1 << 14) - 1;
-    static constexpr unsigned offsetShift = 18;
-    static constexpr std::int64_t maxOffset = 0xFFFFFFFF;
-    static constexpr std::uint64_t mask = (std::uint64_t{1} << usedBits) - 1;
+    static constexpr std::uint64_t basedOnFramePointer = 2;
+    static constexpr std::uint64_t savesFrame = 4;
+    static constexpr unsigned distanceShift = 18;
+    static constexpr std::int64_t maxDistance = (1 << 14) - 1;
+    static constexpr unsigned offsetShift = 32;
+    static constexpr std::int64_t maxOffset = 0xFFFFFFF0;
+    static constexpr std::uint64_t noCallerOffset = 0xFFFFFFFF;
 
     constexpr explicit CompiledRule(std::uint64_t ruleBits) noexcept : bits(ruleBits) {}
 

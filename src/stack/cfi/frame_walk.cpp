@@ -12,30 +12,37 @@ constinit cfi::RuleCache ruleCache;
 
 using Keeps = cfi::CfiUnwinder::Keeps;
 
-WalkResult walk(const platform::ThreadContext& context, Keeps keeps, cfi::TableCopies* copies,
-                StackWords& words, unsigned long long* frames, std::size_t maxFrames) noexcept {
-    cfi::WalkMemory memory;
-    cfi::CfiUnwinder unwinder(context, ruleCache, keeps, copies, memory);
+/// Where a walk starts and what it may read without asking.
+struct Start {
+    const platform::Registers& registers;
+    std::uint32_t knownRegisters;
+    platform::ReadableRange stack;
+    std::uint64_t stackShift;
+};
+
+WalkResult walk(const Start& start, Keeps keeps, cfi::TableCopies* copies, StackWords& words,
+                unsigned long long* frames, std::size_t maxFrames) noexcept {
+    cfi::WalkMemory memory(start.registers, start.knownRegisters, copies);
+    cfi::CfiUnwinder unwinder(ruleCache, keeps, start.stack, start.stackShift, memory);
     return walkStack(unwinder, words, frames, maxFrames);
 }
 
-WalkResult walk(const platform::ThreadContext& context, cfi::TableCopies* copies,
-                unsigned long long* frames, std::size_t maxFrames) noexcept {
-    StackWords words(context.stack, context.stackShift);
-    const WalkResult result = walk(context, Keeps::FramePointer, copies, words, frames, maxFrames);
-    if (result.end == WalkEnd::UnknownRegister) {
+WalkResult walk(const Start& start, cfi::TableCopies* copies, unsigned long long* frames,
+                std::size_t maxFrames) noexcept {
+    StackWords words(start.stack, start.stackShift);
+    const WalkResult result = walk(start, Keeps::FramePointer, copies, words, frames, maxFrames);
+    if (result.end == WalkEnd::UnknownRegister) [[unlikely]] {
         // A frame farther out is addressed by a register that cached rules do not carry along.
-        return walk(context, Keeps::AllRegisters, copies, words, frames, maxFrames);
+        return walk(start, Keeps::AllRegisters, copies, words, frames, maxFrames);
     }
     return result;
 }
 
 /// Not inlined: the room for copies must not be on the stack of a thread that walks itself.
-[[gnu::noinline]] WalkResult walkWithCopies(const platform::ThreadContext& context,
-                                            unsigned long long* frames,
+[[gnu::noinline]] WalkResult walkWithCopies(const Start& start, unsigned long long* frames,
                                             std::size_t maxFrames) noexcept {
     cfi::TableCopies copies;
-    return walk(context, &copies, frames, maxFrames);
+    return walk(start, &copies, frames, maxFrames);
 }
 
 }  // namespace
@@ -46,33 +53,43 @@ void prepareFrameWalks() noexcept {
 
 WalkResult walkThread(const platform::ThreadContext& context, unsigned long long* frames,
                       std::size_t maxFrames) noexcept {
-    return context.standsStill ? walk(context, nullptr, frames, maxFrames)
-                               : walkWithCopies(context, frames, maxFrames);
+    const Start start{context.registers, context.knownRegisters, context.stack, context.stackShift};
+    return context.standsStill ? walk(start, nullptr, frames, maxFrames)
+                               : walkWithCopies(start, frames, maxFrames);
 }
 
 // Not inlined: the walk starts in this function's frame and its first step leaves it.
 [[gnu::noinline]] std::size_t walkCallingThread(unsigned long long* frames,
                                                 std::size_t maxFrames) noexcept {
     prepareFrameWalks();
-    platform::ThreadContext context;
-    context.stack = platform::currentStackRange();
+    platform::Registers registers;
     // What the unwind tables say at the label holds for all the registers stored around it, since
-    // none of these instructions changes one them.
+    // none of these instructions changes one of them but rax, which no table asks for.
     asm volatile(
+        "movq %%rax, 8*0+%0\n\t"
         "leaq 0f(%%rip), %%rax\n\t"
-        "movq %%rax, 8*16(%0)\n"
+        "movq %%rax, 8*16+%0\n"
         "0:\n\t"
-        "movq %%rbx, 8*3(%0)\n\t"
-        "movq %%rbp, 8*6(%0)\n\t"
-        "movq %%rsp, 8*7(%0)\n\t"
-        "movq %%r12, 8*12(%0)\n\t"
-        "movq %%r13, 8*13(%0)\n\t"
-        "movq %%r14, 8*14(%0)\n\t"
-        "movq %%r15, 8*15(%0)"
+        "movq %%rdx, 8*1+%0\n\t"
+        "movq %%rcx, 8*2+%0\n\t"
+        "movq %%rbx, 8*3+%0\n\t"
+        "movq %%rsi, 8*4+%0\n\t"
+        "movq %%rdi, 8*5+%0\n\t"
+        "movq %%rbp, 8*6+%0\n\t"
+        "movq %%rsp, 8*7+%0\n\t"
+        "movq %%r8, 8*8+%0\n\t"
+        "movq %%r9, 8*9+%0\n\t"
+        "movq %%r10, 8*10+%0\n\t"
+        "movq %%r11, 8*11+%0\n\t"
+        "movq %%r12, 8*12+%0\n\t"
+        "movq %%r13, 8*13+%0\n\t"
+        "movq %%r14, 8*14+%0\n\t"
+        "movq %%r15, 8*15+%0"
+        : "=m"(registers)
         :
-        : "r"(context.registers.data())
-        : "rax", "memory");
-    return walk(context, nullptr, frames, maxFrames).frameCount;
+        : "rax");
+    const Start start{registers, platform::allRegisters, platform::currentStackRange(), 0};
+    return walk(start, nullptr, frames, maxFrames).frameCount;
 }
 
 }  // namespace ThreadUtilities

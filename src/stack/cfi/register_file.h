@@ -9,7 +9,8 @@ namespace ThreadUtilities::cfi {
 /// The registers of one frame, and which of them are known.
 class RegisterFile {
  public:
-    RegisterFile() noexcept = default;
+    /// Knows none.
+    RegisterFile() noexcept {}  // NOLINT(cppcoreguidelines-pro-type-member-init): need not cost
     RegisterFile(const platform::Registers& registers, std::uint32_t knownRegisters) noexcept
         : values(registers), known(knownRegisters) {}
 
@@ -27,7 +28,7 @@ class RegisterFile {
     void forgetAll() noexcept { known = 0; }
 
  private:
-    platform::Registers values{};
+    platform::Registers values;
     std::uint32_t known = 0;
 };
 

@@ -8,27 +8,34 @@
 
 namespace ThreadUtilities::cfi {
 
-/// Compiled rules by code address, shared by all threads and their signal handlers. Lossy: an
-/// address has one slot, and whoever comes later takes it.
+/// Compiled rules by code address, shared by all threads and their signal handlers. Lossy: the
+/// latest entry takes the place of the oldest.
+///
+/// *Order.* Entries stand in the order in which they were stored, that is, those of one stack
+/// beside each other, so that a walk reads a few cache lines in sequence. An index of the latest
+/// four entries for each hash of an address leads to the rest.
 ///
 /// *Torn entries.* An entry is two words that are written one after the other while others read
-/// them. The second word is the sum of one hash of key and identity and one of the first word's
-/// rule, therefore two words of different writers match with a chance of 2^-64 or so, and a
-/// mismatch is just an entry that is not there.
+/// them, and both must add up to the key. Words of two writers do so only if their keys differ by
+/// just what their rules differ by, and they meet only in a reader that was halted between two
+/// loads for as long as all entries were replaced, or where two writers name different callers of
+/// one address. A sum that is wrong is just an entry that is not there.
 ///
-/// *Stale entries.* The identity of the module is part of what an entry must match, and walkers
-/// get it from the module that covers the address at that moment. Because no two modules that may
-/// follow each other at one place have the same identity, an entry of an unloaded module matches
-/// no walk through its successor: nothing needs to be told of loads and unloads. A module cannot
-/// be replaced between the identity and the match, since the walked thread has a frame in it and
-/// stands still.
+/// *Stale entries.* The identity of the module, a 64-bit hash, is part of what an entry must match,
+/// and walkers get it from the module that covers the address at that moment. Because no two
+/// modules that may follow each other at one place have the same identity, an entry of an unloaded
+/// module matches no walk through its successor: nothing needs to be told of loads and unloads. A
+/// module cannot be replaced between the identity and the match, since the walked thread has a
+/// frame in it and stands still; where it does not stand still, what the walk finds is not relied
+/// on.
 ///
 /// *Prediction.* The first word also names the slot of the address that followed last time, the
 /// caller. A walk goes on there without computing a hash; whether it is the right entry is decided
 /// by the match alone, therefore a wrong or torn prediction costs time and nothing else.
 class RuleCache {
  public:
-    using Slot = std::uint32_t;
+    /// Distance of an entry from the first, in bytes: what a rule's free bits hold as they stand.
+    using Slot = std::uint64_t;
 
     /// What must match: one address in one module.
     struct Key {
@@ -36,52 +43,84 @@ class RuleCache {
         std::uint64_t identity;
     };
 
-    static Slot slotOf(std::uint64_t address) noexcept {
-        return static_cast<Slot>(address * spread >> (64 - slotBits));
-    }
-
-    /// What stands in `slot`, if it is the entry of `key`; `next` becomes the slot it predicts.
-    /// Else an empty rule, and `next` as it was.
-    CompiledRule find(Slot slot, Key key, Slot& next) const noexcept {
-        const Entry& entry = entries[slot];
+    /// Whether `slot` holds the entry of `key`. Then `rule` is its rule, and `next` the slot that
+    /// it predicts; else both are worthless.
+    bool find(Slot slot, Key key, CompiledRule& rule, Slot& next) const noexcept {
+        const Entry& entry = at(slot);
         const std::uint64_t ruleAndNext = entry.ruleAndNext.load(std::memory_order_relaxed);
-        const CompiledRule rule = CompiledRule::fromBits(ruleAndNext);
-        if (entry.check.load(std::memory_order_relaxed) != checkOf(rule, key)) {
-            return {};
-        }
-        next = static_cast<Slot>(ruleAndNext >> CompiledRule::usedBits);
-        return rule;
+        rule = CompiledRule::fromBits(ruleAndNext);
+        next = ruleAndNext & CompiledRule::freeMask;
+        return entry.complement.load(std::memory_order_relaxed) + ruleAndNext == sumOf(key);
     }
 
-    void store(Slot slot, Key key, CompiledRule rule) noexcept {
-        entries[slot].ruleAndNext.store(rule.toBits(), std::memory_order_relaxed);
-        entries[slot].check.store(checkOf(rule, key), std::memory_order_relaxed);
+    /// The same for whichever slot the index knows for the address; `slot` becomes that slot.
+    bool search(Key key, CompiledRule& rule, Slot& slot, Slot& next) const noexcept {
+        std::uint64_t slots = indexOf(key.address).load(std::memory_order_relaxed);
+        for (; slots != 0; slots >>= indexBits) {
+            slot = (slots & (entryCount - 1)) << CompiledRule::freeShift;
+            if (find(slot, key, rule, next)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    /// Returns the slot of the entry.
+    Slot store(Key key, CompiledRule rule) noexcept {
+        const std::uint64_t number = entriesStored.fetch_add(1, std::memory_order_relaxed) + 1;
+        const std::uint64_t place = number % entryCount;
+        entries[place].ruleAndNext.store(rule.toBits(), std::memory_order_relaxed);
+        entries[place].complement.store(sumOf(key) - rule.toBits(), std::memory_order_relaxed);
+        std::atomic<std::uint64_t>& slots = indexOf(key.address);
+        slots.store(slots.load(std::memory_order_relaxed) << indexBits | place,
+                    std::memory_order_relaxed);
+        return place << CompiledRule::freeShift;
     }
 
     /// Names `next` as what follows the entry in `slot`, which may be another one by now.
     void predict(Slot slot, Slot next) noexcept {
-        const std::uint64_t rule =
-            CompiledRule::fromBits(entries[slot].ruleAndNext.load(std::memory_order_relaxed))
-                .toBits();
-        entries[slot].ruleAndNext.store(rule | std::uint64_t{next} << CompiledRule::usedBits,
-                                        std::memory_order_relaxed);
+        Entry& entry = entries[slot / sizeof(Entry)];
+        const std::uint64_t former = entry.ruleAndNext.load(std::memory_order_relaxed);
+        const std::uint64_t complement = entry.complement.load(std::memory_order_relaxed);
+        const std::uint64_t ruleAndNext = CompiledRule::fromBits(former).toBits() | next;
+        entry.ruleAndNext.store(ruleAndNext, std::memory_order_relaxed);
+        entry.complement.store(complement + former - ruleAndNext, std::memory_order_relaxed);
     }
 
  private:
-    static constexpr unsigned slotBits = 64 - CompiledRule::usedBits;
-    static constexpr std::uint64_t spread = 0x9E3779B97F4A7C15;  // 2^64 divided by the golden ratio
-    static constexpr std::uint64_t ruleSpread = 0xD6E8FEB86659FD93;
-
     struct alignas(16) Entry {
         std::atomic<std::uint64_t> ruleAndNext{0};
-        std::atomic<std::uint64_t> check{0};
+        std::atomic<std::uint64_t> complement{0};  ///< the sum of the key minus the other word
     };
 
-    static std::uint64_t checkOf(CompiledRule rule, Key key) noexcept {
-        return key.address * spread + key.identity + rule.toBits() * ruleSpread;
+    static constexpr std::uint64_t entryCount = std::uint64_t{1} << CompiledRule::freeBits;
+    static_assert(sizeof(Entry) == 1 << CompiledRule::freeShift);
+
+    /// Each word of the index holds four numbers of entries, the latest lowest. A number 0 stands
+    /// for nothing, as far as the search for higher ones goes; its entry is reached by prediction.
+    static constexpr unsigned indexBits = 16;
+    static constexpr unsigned hashBits = 12;
+    static_assert(CompiledRule::freeBits <= indexBits);
+
+    static constexpr std::uint64_t spread = 0x9E3779B97F4A7C15;  // 2^64 divided by the golden ratio
+
+    static std::uint64_t sumOf(Key key) noexcept { return key.address + key.identity; }
+
+    /// Without the division and multiplication that a subscript would take.
+    const Entry& at(Slot slot) const noexcept {
+        return *reinterpret_cast<const Entry*>(reinterpret_cast<const char*>(entries) + slot);
     }
 
-    Entry entries[std::size_t{1} << slotBits];
+    std::atomic<std::uint64_t>& indexOf(std::uint64_t address) noexcept {
+        return index[address * spread >> (64 - hashBits)];
+    }
+    const std::atomic<std::uint64_t>& indexOf(std::uint64_t address) const noexcept {
+        return index[address * spread >> (64 - hashBits)];
+    }
+
+    alignas(64) Entry entries[entryCount];
+    alignas(64) std::atomic<std::uint64_t> index[std::size_t{1} << hashBits];
+    alignas(64) std::atomic<std::uint64_t> entriesStored{0};
 };
 
 }  // namespace ThreadUtilities::cfi

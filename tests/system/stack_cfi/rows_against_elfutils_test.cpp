@@ -139,7 +139,7 @@ void compareRows(const ElfutilsRows& theirs, std::uint64_t loadBias) {
     for (const ElfutilsRows::CodeRange& range : ranges) {
         for (std::uint64_t address = range.begin; address < range.end;) {
             const std::uint64_t loaded = address + loadBias;
-            if (loaded < module.begin || loaded >= module.end) {
+            if (loaded - module.begin >= module.size) {
                 ASSERT_TRUE(platform::findCodeModule(loaded, true, module)) << std::hex << address;
             }
             frame.registers[platform::Rip] = loaded;
