@@ -1,6 +1,7 @@
 #include "stack/cfi/cfa_program.h"
 
 #include <array>
+#include <limits>
 
 #include "stack/cfi/dwarf.h"
 #include "stack/cfi/encoded_pointer.h"
@@ -132,12 +133,15 @@ class Program {
 
     void advance(std::uint64_t units) noexcept { location += units * description.codeAlignment; }
 
-    std::int64_t factored(std::uint64_t units) const noexcept {
-        return static_cast<std::int64_t>(units *
-                                         static_cast<std::uint64_t>(description.dataAlignment));
-    }
+    /// A product that leaves 64 bits becomes an offset that no rule can hold.
     std::int64_t factored(std::int64_t units) const noexcept {
-        return factored(static_cast<std::uint64_t>(units));
+        std::int64_t product = 0;
+        return __builtin_mul_overflow(units, description.dataAlignment, &product)
+                   ? std::numeric_limits<std::int64_t>::min()
+                   : product;
+    }
+    std::int64_t factored(std::uint64_t units) const noexcept {
+        return factored(static_cast<std::int64_t>(units));
     }
 
     void set(std::uint64_t number, RegisterRule rule) noexcept {

@@ -1,0 +1,141 @@
+#include "stack/cfi/cfa_program.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace ThreadUtilities::cfi {
+namespace {
+
+using Kind = RegisterRule::Kind;
+using Bytes = std::vector<std::uint8_t>;
+
+/// A function at 0x1000 of 0x100 bytes, with the usual factors of 1 and -8.
+class CfaProgram : public testing::Test {
+ protected:
+    bool run(const Bytes& own, std::uint64_t address = 0x10FF) {
+        program = own;
+        FrameDescription description;
+        description.codeBegin = 0x1000;
+        description.codeEnd = 0x1100;
+        description.dataAlignment = -8;
+        description.returnAddressColumn = platform::Rip;
+        description.initialInstructions = ByteCursor(common.data(), common.size());
+        description.instructions = ByteCursor(program.data(), program.size());
+        return rowAt(description, address, row);
+    }
+
+    RegisterRule rule(int number) const { return row.registers[number]; }
+
+    // def_cfa rsp+8; rip at -8
+    Bytes common = {0x0C, 7, 8, 0x90, 1};
+    Bytes program;
+    UnwindRow row;
+};
+
+TEST_F(CfaProgram, StartsWithTheRulesOfTheCommonPart) {
+    ASSERT_TRUE(run({}));
+    EXPECT_EQ(row.frameAddress.base, platform::Rsp);
+    EXPECT_EQ(row.frameAddress.offset, 8);
+    EXPECT_EQ(rule(platform::Rip), RegisterRule(Kind::AtOffset, -8));
+    EXPECT_EQ(rule(platform::Rbp), RegisterRule(Kind::SameValue));
+}
+
+TEST_F(CfaProgram, EndsBeforeTheFirstLocationBeyondTheAddress) {
+    // advance 1; cfa offset 16; rbp at -16; advance 3; cfa register rbp; then by 1, 2 and 4 bytes
+    const Bytes pushFrame = {0x41, 0x0E, 16, 0x86, 2,  0x43, 0x0D, 6, 0x02, 0x10, 0x0E, 24,
+                             0x03, 0,    1,  0x0E, 32, 0x04, 0,    0, 1,    0,    0x0E, 40};
+    struct Expected {
+        std::uint64_t address;
+        int base;
+        std::int64_t offset;
+    };
+    for (const Expected& expected :
+         {Expected{0x1000, platform::Rsp, 8}, Expected{0x1001, platform::Rsp, 16},
+          Expected{0x1003, platform::Rsp, 16}, Expected{0x1004, platform::Rbp, 16},
+          Expected{0x1014, platform::Rbp, 24}, Expected{0x1114, platform::Rbp, 32},
+          Expected{0x11114, platform::Rbp, 40}}) {
+        ASSERT_TRUE(run(pushFrame, expected.address));
+        EXPECT_EQ(row.frameAddress.base, expected.base) << std::hex << expected.address;
+        EXPECT_EQ(row.frameAddress.offset, expected.offset) << std::hex << expected.address;
+    }
+}
+
+TEST_F(CfaProgram, KnowsEveryInstruction) {
+    struct Case {
+        Bytes program;
+        int number;
+        RegisterRule expected;
+    };
+    const Case cases[] = {
+        {{0x83, 3}, platform::Rbx, {Kind::AtOffset, -24}},
+        {{0x05, 3, 3}, platform::Rbx, {Kind::AtOffset, -24}},
+        {{0x11, 3, 0x7E}, platform::Rbx, {Kind::AtOffset, 16}},
+        {{0x2F, 3, 2}, platform::Rbx, {Kind::AtOffset, 16}},
+        {{0x14, 3, 2}, platform::Rbx, {Kind::IsOffset, -16}},
+        {{0x15, 3, 0x7E}, platform::Rbx, {Kind::IsOffset, 16}},
+        {{0x07, 3}, platform::Rbx, {Kind::Undefined}},
+        {{0x83, 3, 0x08, 3}, platform::Rbx, {Kind::SameValue}},
+        {{0x09, 3, 12}, platform::Rbx, {Kind::InRegister, 12}},
+        {{0x83, 3, 0xC3}, platform::Rbx, {Kind::SameValue}},
+        {{0x07, 16, 0x06, 16}, platform::Rip, {Kind::AtOffset, -8}},
+        {{0x83, 3, 0x0A, 0x83, 4, 0x0B}, platform::Rbx, {Kind::AtOffset, -24}},
+        {{0x0A, 0x83, 3, 0x0A, 0x83, 4, 0x0B}, platform::Rbx, {Kind::AtOffset, -24}},
+        {{0x2E, 0x20, 0x00, 0x83, 3}, platform::Rbx, {Kind::AtOffset, -24}},
+        // A vector register, of which nothing is kept.
+        {{0x05, 40, 3, 0x83, 3}, platform::Rbx, {Kind::AtOffset, -24}},
+    };
+    for (const Case& tested : cases) {
+        ASSERT_TRUE(run(tested.program)) << testing::PrintToString(tested.program);
+        EXPECT_EQ(rule(tested.number), tested.expected) << testing::PrintToString(tested.program);
+    }
+}
+
+TEST_F(CfaProgram, RemembersTheFrameAddressAsWell) {
+    ASSERT_TRUE(run({0x0A, 0x0C, 6, 16, 0x0B}));
+    EXPECT_EQ(row.frameAddress.base, platform::Rsp);
+    EXPECT_EQ(row.frameAddress.offset, 8);
+    ASSERT_TRUE(run({0x12, 6, 0x7E}));
+    EXPECT_EQ(row.frameAddress.base, platform::Rbp);
+    EXPECT_EQ(row.frameAddress.offset, 16);
+    ASSERT_TRUE(run({0x13, 0x7D}));
+    EXPECT_EQ(row.frameAddress.offset, 24);
+}
+
+TEST_F(CfaProgram, KeepsExpressionsWhereTheyStand) {
+    ASSERT_TRUE(run({0x0F, 2, 0x77, 8, 0x10, 6, 1, 0x30, 0x16, 3, 1, 0x31}));
+    EXPECT_TRUE(row.frameAddress.isExpression);
+    EXPECT_EQ(row.frameAddress.expression, program.data() + 1);
+    EXPECT_EQ(rule(platform::Rbp).kind(), Kind::AtExpression);
+    EXPECT_EQ(rule(platform::Rbp).expression(), program.data() + 6);
+    EXPECT_EQ(rule(platform::Rbx).kind(), Kind::IsExpression);
+    // A plain rule takes its place again.
+    ASSERT_TRUE(run({0x0F, 2, 0x77, 8, 0x0C, 7, 16}));
+    EXPECT_FALSE(row.frameAddress.isExpression);
+}
+
+TEST_F(CfaProgram, RefusesWhatMakesNoSense) {
+    const Bytes tooDeep(maxRememberedStates + 1, 0x0A);
+    const Bytes cases[] = {
+        {0x0B},  // nothing remembered
+        tooDeep,
+        {0x1C},                    // no such instruction
+        {0x2D},                    // of other processors
+        {0x83},                    // operand missing
+        {0x04, 1, 2},              // operand cut off
+        {0x0C, 40, 8},             // frame address in a register that no walk keeps
+        {0x0C, 16, 8},             // or in the instruction pointer
+        {0x0F, 9, 0x30},           // expression beyond the end
+        {0x0F, 1, 0x30, 0x0E, 8},  // offset of an expression
+        {0x0F, 1, 0x30, 0x0D, 6},
+        {0x83, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F},  // offset of 63 bits
+    };
+    for (const Bytes& tested : cases) {
+        EXPECT_FALSE(run(tested)) << testing::PrintToString(tested);
+    }
+    common = {0x0C, 7, 8, 0xC3};  // restores what nothing has set yet
+    EXPECT_FALSE(run({}));
+}
+
+}  // namespace
+}  // namespace ThreadUtilities::cfi
