@@ -7,21 +7,50 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <optional>
-#include <vector>
 
 namespace {
-
-using Bytes = std::vector<char>;
 
 constexpr std::size_t recordSize = 1608;
 constexpr std::size_t guidOffset = 1584;
 constexpr std::size_t ageOffset = 1604;
 
+/// A whole file in memory; empty when it cannot be read.
+class MappedFile {
+ public:
+    explicit MappedFile(const wchar_t* path) {
+        const HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                        nullptr, OPEN_EXISTING, 0, nullptr);
+        if (file == INVALID_HANDLE_VALUE) {
+            return;
+        }
+        const HANDLE mapping = CreateFileMappingW(file, nullptr, PAGE_READONLY, 0, 0, nullptr);
+        if (mapping != nullptr) {
+            view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+            length = view != nullptr ? GetFileSize(file, nullptr) : 0;
+            CloseHandle(mapping);
+        }
+        CloseHandle(file);
+    }
+    ~MappedFile() {
+        if (view != nullptr) {
+            UnmapViewOfFile(view);
+        }
+    }
+
+    MappedFile(const MappedFile&) = delete;
+    MappedFile& operator=(const MappedFile&) = delete;
+
+    std::size_t size() const { return length; }
+    const char* data() const { return static_cast<const char*>(view); }
+
+ private:
+    void* view = nullptr;
+    std::size_t length = 0;
+};
+
 template <typename Value>
-std::optional<Value> valueAt(const Bytes& file, std::size_t offset) {
+std::optional<Value> valueAt(const MappedFile& file, std::size_t offset) {
     if (offset > file.size() || file.size() - offset < sizeof(Value)) {
         return std::nullopt;
     }
@@ -30,22 +59,8 @@ std::optional<Value> valueAt(const Bytes& file, std::size_t offset) {
     return value;
 }
 
-Bytes readFile(const wchar_t* path) {
-    const HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                                    nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-        return {};
-    }
-    Bytes bytes(GetFileSize(file, nullptr));
-    DWORD size = 0;
-    const BOOL isRead =
-        ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &size, nullptr);
-    CloseHandle(file);
-    return isRead != 0 && size == bytes.size() ? bytes : Bytes{};
-}
-
 /// Where in the file the bytes lie that are loaded at `address` of the image.
-std::optional<std::size_t> fileOffset(const Bytes& file, std::size_t headers, DWORD address) {
+std::optional<std::size_t> fileOffset(const MappedFile& file, std::size_t headers, DWORD address) {
     const auto header = valueAt<IMAGE_NT_HEADERS64>(file, headers);
     std::size_t offset = headers + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) +
                          header->FileHeader.SizeOfOptionalHeader;
@@ -69,7 +84,7 @@ struct CodeView {
     std::uint32_t age;
 };
 
-std::optional<CodeView> findCodeView(const Bytes& file) {
+std::optional<CodeView> findCodeView(const MappedFile& file) {
     const auto dos = valueAt<IMAGE_DOS_HEADER>(file, 0);
     if (!dos || dos->e_magic != IMAGE_DOS_SIGNATURE) {
         return std::nullopt;
@@ -110,7 +125,7 @@ extern "C" __declspec(dllexport) BOOL WINAPI
     if (!isAskedProperly(bytes, flags)) {
         return FALSE;
     }
-    const auto codeView = findCodeView(readFile(path));
+    const auto codeView = findCodeView(MappedFile(path));
     if (!codeView) {
         return FALSE;
     }

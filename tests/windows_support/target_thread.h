@@ -56,6 +56,7 @@ class TargetThread {
     static void block(TargetThread& self) {
         self.tellReady();
         self.waitForEnd();
+        asm volatile("");  // a return address of this function stays on the stack meanwhile
     }
     static void spin(TargetThread& self) {
         self.tellReady();

@@ -1,0 +1,242 @@
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <ThreadUtilities/StackTrace.h>
+#include <ThreadUtilities/Threads.h>
+
+#include <algorithm>
+#include <array>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "stack/frame_walk.h"
+#include "windows_support/call_through.h"
+#include "windows_support/child_process.h"
+#include "windows_support/target_thread.h"
+
+// A function whose unwind data is known to the byte: it keeps 64 bytes of stack below its return
+// address. Never run.
+asm(R"(
+    .text
+    .globl framesTestKnownFunction
+    .def framesTestKnownFunction; .scl 2; .type 32; .endef
+    .seh_proc framesTestKnownFunction
+framesTestKnownFunction:
+    subq $64, %rsp
+    .seh_stackalloc 64
+    .seh_endprologue
+    nop
+    nop
+    nop
+    nop
+    addq $64, %rsp
+    ret
+    .seh_endproc
+)");
+extern "C" const std::uint8_t framesTestKnownFunction[];
+
+namespace ThreadUtilities {
+namespace {
+
+using tests::CallThrough;
+using tests::TargetThread;
+
+using Frames = std::array<unsigned long long, 256>;
+
+CallThrough loadedCallThrough() {
+    static const HMODULE plugin = LoadLibraryA(TEST_PLUGIN);
+    return reinterpret_cast<CallThrough>(
+        reinterpret_cast<void*>(GetProcAddress(plugin, "callThrough")));
+}
+
+std::string moduleOf(unsigned long long address) {
+    HMODULE module = nullptr;
+    constexpr DWORD flags =
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+    if (GetModuleHandleExA(flags, reinterpret_cast<const char*>(address), &module) == 0) {
+        return "";
+    }
+    std::string path(MAX_PATH, '\0');
+    path.resize(GetModuleFileNameA(module, path.data(), MAX_PATH));
+    std::string name = path.substr(path.rfind('\\') + 1);
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](unsigned char letter) { return std::tolower(letter); });
+    return name;
+}
+
+/// The modules that the frames pass through, innermost first, each run of frames once.
+std::vector<std::string> modulesOf(const Frames& frames, std::size_t count) {
+    std::vector<std::string> modules;
+    for (std::size_t index = 0; index < count; ++index) {
+        const std::string module = moduleOf(frames[index]);
+        if (modules.empty() || modules.back() != module) {
+            modules.push_back(module);
+        }
+    }
+    return modules;
+}
+
+void blockBelowTheDll(TargetThread& self) {
+    loadedCallThrough()(
+        [](void* target) { TargetThread::block(*static_cast<TargetThread*>(target)); }, &self);
+}
+
+// The innermost function, the system's own call gate, has no unwind data; the outermost is the
+// system's thread start.
+TEST(Frames, ABlockedThreadsStackGoesThroughAllKindsOfModulesToItsStart) {
+    TargetThread target(blockBelowTheDll);
+    Frames frames{};
+    const auto count = getStackTrace(target.id(), frames.data(), frames.size(), true);
+    const std::vector<std::string> modules = modulesOf(frames, count);
+    const std::vector<std::string> inOrder = {"kernelbase.dll", "windows_backend_test.exe",
+                                              "testplugin.dll", "windows_backend_test.exe",
+                                              "kernel32.dll",   "ntdll.dll"};
+    ASSERT_FALSE(modules.empty());
+    EXPECT_EQ(modules.front(), inOrder.front());
+    EXPECT_EQ(modules, inOrder) << testing::PrintToString(modules);
+    EXPECT_EQ(target.suspendCount(), 0u);
+
+    Frames again{};
+    EXPECT_EQ(getStackTrace(target.id(), again.data(), again.size(), false), count);
+    EXPECT_EQ(again, frames) << "without suspension: the thread has not moved";
+    Frames one{};
+    EXPECT_EQ(getStackTrace(target.id(), one.data(), 1, true), 1u);
+    EXPECT_EQ(one[0], frames[0]);
+    EXPECT_EQ(one[1], 0u);
+}
+
+TEST(Frames, TheOwnStackBeginsInsideTheCapture) {
+    static Frames frames{};
+    static unsigned long long count = 0;
+    loadedCallThrough()(
+        [](void*) { count = getStackTrace(getThreadId(), frames.data(), frames.size(), true); },
+        nullptr);
+    ASSERT_GE(count, 4u);
+    const auto begin = reinterpret_cast<unsigned long long>(reinterpret_cast<void*>(
+        static_cast<unsigned long long (*)(const unsigned int&, unsigned long long*,
+                                           unsigned long long, bool)>(getStackTrace)));
+    EXPECT_GT(frames[0], begin);
+    EXPECT_LT(frames[0], begin + 4096);
+    EXPECT_EQ(moduleOf(frames[1]), "windows_backend_test.exe");
+    EXPECT_EQ(moduleOf(frames[2]), "testplugin.dll");
+    EXPECT_EQ(moduleOf(frames[3]), "windows_backend_test.exe");
+    for (unsigned long long index = 0; index < count; ++index) {
+        EXPECT_NE(moduleOf(frames[index]), "") << index;
+    }
+    Frames one{};
+    EXPECT_EQ(getStackTrace(getThreadId(), one.data(), 1, true), 1u);
+    EXPECT_EQ(one[1], 0u);
+}
+
+TEST(Frames, NothingIsFoundOfThreadsThatAreNotThere) {
+    TargetThread ended(TargetThread::block);
+    ended.end();
+    for (const unsigned int threadId : {0u, 0xFFFFFFFCu, ended.id()}) {
+        unsigned long long frame = 0x5555;
+        EXPECT_EQ(getStackTrace(threadId, &frame, 1, true), 0u);
+        EXPECT_EQ(frame, 0u);
+    }
+}
+
+/// Readable memory that ends where unreadable memory begins.
+class EdgeOfMemory {
+ public:
+    EdgeOfMemory() { VirtualAlloc(begin, 4096, MEM_COMMIT, PAGE_READWRITE); }
+    ~EdgeOfMemory() { VirtualFree(begin, 0, MEM_RELEASE); }
+    EdgeOfMemory(const EdgeOfMemory&) = delete;
+    EdgeOfMemory& operator=(const EdgeOfMemory&) = delete;
+
+    std::uint64_t* end() const { return reinterpret_cast<std::uint64_t*>(begin + 4096); }
+
+ private:
+    char* begin = static_cast<char*>(VirtualAlloc(nullptr, 8192, MEM_RESERVE, PAGE_NOACCESS));
+};
+
+platform::ThreadContext contextAt(std::uint64_t programCounter, std::uint64_t* stackPointer) {
+    platform::ThreadContext context;
+    context.registers[platform::Rip] = programCounter;
+    context.registers[platform::Rsp] = reinterpret_cast<std::uint64_t>(stackPointer);
+    return context;
+}
+
+TEST(Frames, AFaultEndsTheWalkAndKeepsTheFramesBeforeIt) {
+    const EdgeOfMemory memory;
+    const auto known = reinterpret_cast<std::uint64_t>(framesTestKnownFunction) + 6;
+    const auto uncovered = reinterpret_cast<std::uint64_t>(memory.end()) - 4096;
+    constexpr std::size_t frameWords = 9;  // 64 bytes and the return address
+    const struct {
+        const char* name;
+        std::uint64_t programCounter;
+        std::vector<std::uint64_t> stack;  ///< the last words before the edge
+        std::size_t frameCount;
+        WalkEnd end;
+    } cases[] = {
+        {"leaf whose return address cannot be read", uncovered, {}, 0, WalkEnd::Unreadable},
+        {"leaf, then a frame beyond the edge", uncovered, {known}, 1, WalkEnd::Unreadable},
+        {"known frame beyond the edge", known, {0, 0}, 0, WalkEnd::Unreadable},
+        {"known frame, then code without unwind data",
+         known,
+         {0, 0, 0, 0, 0, 0, 0, 0, uncovered},
+         1,
+         WalkEnd::NoUnwindData},
+        {"return address 0", known, {0, 0, 0, 0, 0, 0, 0, 0, 0}, 0, WalkEnd::EndOfStack},
+        {"no program counter", 0, {}, 0, WalkEnd::EndOfStack},
+    };
+    for (const auto& one : cases) {
+        ASSERT_LE(one.stack.size(), frameWords);
+        std::uint64_t* stackPointer = memory.end() - one.stack.size();
+        std::copy(one.stack.begin(), one.stack.end(), stackPointer);
+        Frames frames{};
+        const WalkResult result =
+            walkThread(contextAt(one.programCounter, stackPointer), frames.data(), frames.size());
+        EXPECT_EQ(result.frameCount, one.frameCount) << one.name;
+        EXPECT_EQ(result.end, one.end) << one.name;
+        if (one.frameCount > 0) {
+            EXPECT_EQ(frames[0], one.stack.back()) << one.name;
+        }
+        EXPECT_EQ(frames[one.frameCount], 0u) << one.name;
+    }
+}
+
+TEST(Frames, NoContextHoweverDamagedEndsTheProcess) {
+    std::mt19937_64 random(7);
+    const auto code = reinterpret_cast<std::uint64_t>(GetModuleHandleA("ntdll.dll")) + 0x1000;
+    std::vector<std::uint64_t> stack(4096);
+    for (int round = 0; round < 3000; ++round) {
+        std::generate(stack.begin(), stack.end(), [&] { return code + random() % 0x60000; });
+        platform::ThreadContext context;
+        for (auto& value : context.registers) {
+            value = random() % 2 == 0 ? random()
+                                      : reinterpret_cast<std::uint64_t>(&stack[random() % 4096]);
+        }
+        context.registers[platform::Rip] = code + random() % 0x60000;
+        Frames frames{};
+        EXPECT_LE(walkThread(context, frames.data(), frames.size()).frameCount, frames.size());
+    }
+}
+
+// The test's own debugger: it lets its child go on after every event.
+TEST(Frames, UnderADebuggerNothingIsCaptured) {
+    const std::string command = std::string("\"") + TEST_CHILD + "\" debugger";
+    const tests::ChildProcess alone(command, 0);
+    ASSERT_TRUE(alone.hasStarted());
+    EXPECT_EQ(alone.waitForExitStatus(), 10u) << "no debugger";
+
+    const tests::ChildProcess debugged(command, DEBUG_ONLY_THIS_PROCESS);
+    ASSERT_TRUE(debugged.hasStarted());
+    DEBUG_EVENT event{};
+    do {
+        ASSERT_NE(WaitForDebugEvent(&event, 60000), 0);
+        const bool isFirstChance = event.dwDebugEventCode == EXCEPTION_DEBUG_EVENT &&
+                                   event.u.Exception.ExceptionRecord.ExceptionCode !=
+                                       static_cast<DWORD>(EXCEPTION_BREAKPOINT);
+        ContinueDebugEvent(event.dwProcessId, event.dwThreadId,
+                           isFirstChance ? static_cast<DWORD>(DBG_EXCEPTION_NOT_HANDLED)
+                                         : static_cast<DWORD>(DBG_CONTINUE));
+    } while (event.dwDebugEventCode != EXIT_PROCESS_DEBUG_EVENT);
+    EXPECT_EQ(debugged.waitForExitStatus(), 11u) << "debugger attached";
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
