@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "capture_targets.h"
@@ -21,6 +23,7 @@
 #include "platform/thread_context.h"
 #include "stack/capture_session.h"
 #include "stack/capture_visitor.h"
+#include "stack/frame_walk.h"
 #include "stack/stack_trace.h"
 
 #if defined(HAVE_GPERFTOOLS)
@@ -87,12 +90,13 @@ void TimeInTheHandler(benchmark::State& state) {
         [](void* opaque) {
             auto& measured = *static_cast<Measurement*>(opaque);
             const auto self = static_cast<unsigned int>(gettid());
+            prepareFrameWalks();
             platform::rememberOwnStack();
             platform::ReadableRange stack;
             platform::findThreadStack(self, stack);
             ucontext_t here;
             getcontext(&here);
-            siginfo_t info = platform::captureSignalInfo();
+            siginfo_t info = platform::captureSignalInfo(self);
             const auto handler = platform::handlerOfLayer(0);
             std::array<unsigned long long, room> frames;
             FrameCollection collected;
@@ -133,10 +137,11 @@ void BlockedThreadAgainstBareSignal(benchmark::State& state) {
     std::array<unsigned long long, room> frames;
     Duel duel;
     for (auto _ : state) {
-        // After the signal the target needs a moment to fall asleep again.
-        usleep(100);
         duel.turn([&] { visitAndWalk(target.id(), frames.data()); },
                   [&] { bare.roundTrip(target.handle()); });
+        // The target needs a moment to fall asleep again; what we do then finds our code cold.
+        usleep(100);
+        visitAndWalk(target.id(), frames.data());
     }
     duel.report(state);
 }
@@ -158,18 +163,18 @@ void BlockedThreadInASession(benchmark::State& state) {
 }
 BENCHMARK(BlockedThreadInASession);
 
-// A thousand times a second for a while; what the target could not use of its processor then.
-// Longer gaps than any sample takes are somebody else's.
+// What a thread that computes all the time loses to something done to it 1,000 times a second.
+// Gaps longer than any sample takes are somebody else's.
 class Loss {
  public:
     explicit Loss(Target& target) : target_(target) {}
 
     template <typename Sample>
-    double of(int samples, Sample sample) {
+    double during(Sample sample) {
         constexpr double longestOfOurs = 50'000;
         target_.takeGaps();
         auto due = std::chrono::steady_clock::now();
-        for (int i = 0; i < samples; ++i) {
+        for (int i = 0; i < 500; ++i) {
             due += std::chrono::milliseconds(1);
             std::this_thread::sleep_until(due);
             sample();
@@ -185,46 +190,57 @@ class Loss {
     Target& target_;
 };
 
-/// What 1,000 samples a second cost a thread that computes all the time, per sample and without
-/// what it loses anyway.
+// The loss per sample that was really taken: signals that meet a pending one are dropped.
+struct LossPerSample {
+    std::vector<double> losses;
+    double taken = 0;
+
+    void add(double loss, double samples) {
+        taken += samples;
+        if (samples > 0) {
+            losses.push_back(loss / samples);
+        }
+    }
+    void report(benchmark::State& state, const std::string& name) {
+        state.counters[name + "_ns"] = median(losses);
+        state.counters[name + "_taken"] = taken;
+    }
+};
+
 void LossOfASampledThread(benchmark::State& state) {
     capture_targets::stayOnProcessor(0);
     Target target(Target::Work::MeasureGaps);
     Loss loss(target);
     BareSignal bare(SIGUSR1);
     std::array<unsigned long long, room> frames;
-    constexpr int samples = 500;
-    std::vector<double> ours;
-    std::vector<double> bareSignal;
-    std::vector<double> profiler;
-    unsigned long long taken = 0;
-    unsigned long long missed = 0;
-    double profilerSamples = 0;
+    LossPerSample ours;
+    LossPerSample bareSignal;
+    LossPerSample profiler;
     for (auto _ : state) {
-        const double idle = loss.of(samples, [] {});
-        const auto perSample = [&](double sum) { return (sum - idle) / samples; };
-        bareSignal.push_back(perSample(loss.of(samples, [&] { bare.send(target.handle()); })));
-        ours.push_back(perSample(loss.of(
-            samples, [&] { ++(visitAndWalk(target.id(), frames.data()) != 0 ? taken : missed); })));
+        const double idle = loss.during([] {});
+        const auto handledBefore = BareSignal::handled();
+        const double toSignals = loss.during([&] { bare.send(target.handle()); });
+        bareSignal.add(toSignals - idle,
+                       static_cast<double>(BareSignal::handled() - handledBefore));
+        unsigned int taken = 0;
+        const double toUs =
+            loss.during([&] { taken += visitAndWalk(target.id(), frames.data()) != 0 ? 1 : 0; });
+        ours.add(toUs - idle, taken);
 #if defined(HAVE_GPERFTOOLS)
         // Its own timer is bound to the kernel's ticks, often 250 a second. Its handler is called
         // here as often as ours.
         ProfilerStart("/dev/null");
-        profiler.push_back(
-            perSample(loss.of(samples, [&] { pthread_kill(target.handle(), SIGPROF); })));
+        const double toProfiler = loss.during([&] { pthread_kill(target.handle(), SIGPROF); });
         ProfilerState profilerState{};
         ProfilerGetCurrentState(&profilerState);
-        profilerSamples += profilerState.samples_gathered;
+        profiler.add(toProfiler - idle, profilerState.samples_gathered);
         ProfilerStop();
 #endif
     }
-    state.counters["ours_ns"] = median(ours);
-    state.counters["bare_ns"] = median(bareSignal);
-    state.counters["gperftools_ns"] = median(profiler);
-    state.counters["ratio"] = median(ours) / median(bareSignal);
-    state.counters["taken"] = static_cast<double>(taken);
-    state.counters["missed"] = static_cast<double>(missed);
-    state.counters["gperftools_taken"] = profilerSamples;
+    ours.report(state, "ours");
+    bareSignal.report(state, "bare");
+    profiler.report(state, "gperftools");
+    state.counters["ratio"] = median(ours.losses) / median(bareSignal.losses);
 }
 BENCHMARK(LossOfASampledThread)->Iterations(10)->Unit(benchmark::kSecond);
 

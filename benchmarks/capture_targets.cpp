@@ -113,6 +113,10 @@ BareSignal::BareSignal(int number) : number_(number) {
     sigaction(number, &action, nullptr);
 }
 
+std::uint64_t BareSignal::handled() {
+    return handlerCalls.load(std::memory_order_acquire);
+}
+
 void BareSignal::roundTrip(pthread_t thread) {
     const std::uint64_t before = handlerCalls.load(std::memory_order_acquire);
     send(thread);

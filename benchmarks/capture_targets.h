@@ -56,6 +56,8 @@ class BareSignal {
     /// Sends the signal and waits for its handler.
     void roundTrip(pthread_t thread);
     void send(pthread_t thread) const { pthread_kill(thread, number_); }
+    /// Calls of the handler so far, whatever the signal.
+    static std::uint64_t handled();
 
  private:
     int number_;

@@ -67,7 +67,7 @@ class StackCopy {
     static constexpr std::uint64_t redZone = 128;
 
     std::uint64_t begin_;
-    std::array<std::byte, 4096> bytes_;
+    std::array<std::byte, 2048> bytes_;
     std::size_t size_;
 };
 

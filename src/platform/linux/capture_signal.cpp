@@ -111,7 +111,7 @@ bool ensureCaptureHandler() noexcept {
 }
 
 SendResult sendCaptureSignal(unsigned int threadId) noexcept {
-    siginfo_t info = captureSignalInfo();
+    siginfo_t info = captureSignalInfo(threadId);
     const long result = kernelCall(SYS_rt_tgsigqueueinfo, info.si_pid, static_cast<int>(threadId),
                                    captureSignal, argument(&info));
     switch (result) {

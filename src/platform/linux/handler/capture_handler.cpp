@@ -65,8 +65,9 @@ void answer(CaptureRequest& request, const ucontext_t& interrupted) noexcept {
 // drops the next of the same number without a word. Whoever had a signal dropped had posted its
 // request before, and thus before this handler began; therefore this finds it. A handler that comes
 // late, after its capturer gave up, finds nothing and touches nothing.
-void answerAllRequests(const ucontext_t& interrupted) noexcept {
-    std::uint32_t threadId = 0;
+void answerAllRequests(const siginfo_t& signal, const ucontext_t& interrupted) noexcept {
+    std::uint32_t threadId =
+        isCaptureSignal(signal) ? static_cast<std::uint32_t>(signal.si_value.sival_int) : 0;
     for (std::size_t group = 0; group < captureRequests.used.size(); ++group) {
         std::uint64_t used = captureRequests.used[group].load(std::memory_order_acquire);
         for (; used != 0; used &= used - 1) {
@@ -84,7 +85,7 @@ void answerAllRequests(const ucontext_t& interrupted) noexcept {
 
 void handle(std::size_t layer, int number, siginfo_t* info, void* interrupted) {
     const int savedErrno = errno;
-    answerAllRequests(*static_cast<const ucontext_t*>(interrupted));
+    answerAllRequests(*info, *static_cast<const ucontext_t*>(interrupted));
     errno = savedErrno;
     if (!isCaptureSignal(*info)) {
         previousActions[layer].call(number, info, interrupted);
@@ -105,12 +106,13 @@ constexpr auto layers = makeLayers(std::make_index_sequence<handlerLayers>());
 
 }  // namespace
 
-siginfo_t captureSignalInfo() noexcept {
+siginfo_t captureSignalInfo(unsigned int threadId) noexcept {
     siginfo_t info{};
     info.si_signo = captureSignal;
     info.si_code = captureSignalCode;
     info.si_pid = kernelProcessId();
     info.si_uid = identityOfThisCopy();
+    info.si_value.sival_int = static_cast<int>(threadId);
     return info;
 }
 

@@ -10,9 +10,9 @@ namespace ThreadUtilities::platform {
 /// Ignored by default, so harmless to a thread or program that has no handler for it.
 inline constexpr int captureSignal = SIGURG;
 
-/// What `rt_tgsigqueueinfo` is given, so that the handler can tell its own signals from others. It
-/// says "look for requests" and nothing more: the handler finds them by its thread's id.
-siginfo_t captureSignalInfo() noexcept;
+/// What `rt_tgsigqueueinfo` is given to call the handler on a thread. It names that thread, which
+/// saves the handler a system call, and no request: the handler finds those by the thread's id.
+siginfo_t captureSignalInfo(unsigned int threadId) noexcept;
 
 using SignalFunction = void (*)(int, siginfo_t*, void*);
 
