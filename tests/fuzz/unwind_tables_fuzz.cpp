@@ -1,0 +1,42 @@
+// Any bytes as `.eh_frame_hdr` and what follows it: lookups end, read nothing outside, and what
+// they find can be run and applied.
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "fuzz/made_up_frame.h"
+#include "stack/cfi/cfa_program.h"
+#include "stack/cfi/frame_description.h"
+
+namespace {
+
+using namespace ThreadUtilities;
+using namespace ThreadUtilities::cfi;
+
+void look(const TableReader& reader, std::uint64_t header, std::uint64_t address) {
+    FrameDescription description;
+    if (findFrameDescription(reader, header, framesOfHeader(reader, header), address,
+                             description) != LookupResult::Found) {
+        return;
+    }
+    require(description.codeBegin <= address && address < description.codeEnd);
+    UnwindRow row;
+    if (rowAt(description, address, row)) {
+        MadeUpFrame().apply(row, description.returnAddressColumn, description.tableEnd);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::vector<std::uint8_t> bytes(data, data + size);
+    const auto begin = reinterpret_cast<std::uint64_t>(bytes.data());
+    const platform::ReadableRange range{begin, begin + size};
+    TableCopies copies;
+    for (const std::uint64_t offset : {0x0, 0x100, 0x180, 0x1FF, 0x4000}) {
+        look(TableReader(range, range), begin, begin + offset);
+        look(TableReader(copies), begin, begin + offset);
+    }
+    return 0;
+}
