@@ -170,9 +170,11 @@ TEST(ModuleChanges, LookupsFromAModulesInitialiserDoNotWaitForTheLoader) {
 }
 
 TEST(ModuleChanges, ACopyOfTheProcessCanLookUpWhateverLocksWereHeld) {
-    std::atomic<bool> stop = false;
-    std::jthread busy([&] {
-        while (!stop) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer's own locks may be held in a copy";
+#endif
+    const std::jthread busy([](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
             getFrameDetails(static_cast<unsigned int>(getppid()), 1);  // slow: a map is read
             getFrameDetails(0, 1);
         }
@@ -188,7 +190,6 @@ TEST(ModuleChanges, ACopyOfTheProcessCanLookUpWhateverLocksWereHeld) {
         waitpid(child, &status, 0);
         ASSERT_EQ(status, 0) << "round " << round;
     }
-    stop = true;
 }
 
 TEST(ModuleChanges, LookupsLeaveNoDescriptorOpen) {
