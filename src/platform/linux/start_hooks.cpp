@@ -13,6 +13,14 @@
 
 #include "platform/linux/entry.h"
 
+// This library's own definitions, whichever ones those names lead to.
+extern "C" {
+__attribute__((visibility("hidden"), alias("pthread_create"), nonnull(1, 3))) int ownPthreadCreate(
+    pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) noexcept;
+__attribute__((visibility("hidden"), alias("thrd_create"))) int ownThrdCreate(thrd_t*, thrd_start_t,
+                                                                              void*);
+}
+
 namespace ThreadUtilities::platform {
 namespace {
 
@@ -74,18 +82,28 @@ class NextFunction {
     std::atomic<Function> found{nullptr};
 };
 
+// ThreadSanitizer gives a new thread its state in a function of its own, which it starts the thread
+// with. Where it stands first, this library would run its part before that, without a state.
+bool mustStayOutside() noexcept {
+    return dlsym(RTLD_DEFAULT, "__tsan_init") != nullptr &&
+           dlsym(RTLD_DEFAULT, "pthread_create") != reinterpret_cast<void*>(&ownPthreadCreate);
+}
+
+constinit std::atomic<bool> staysOutside{true};
+
 using ThreadFunction = void* (*)(void*);
 using CreateFunction = int (*)(pthread_t*, const pthread_attr_t*, ThreadFunction, void*);
 using CThreadCreateFunction = int (*)(thrd_t*, thrd_start_t, void*);
 
-constinit NextFunction<CreateFunction> nextPthreadCreate("pthread_create", &pthread_create);
-constinit NextFunction<CThreadCreateFunction> nextThrdCreate("thrd_create", &thrd_create);
+constinit NextFunction<CreateFunction> nextPthreadCreate("pthread_create", &ownPthreadCreate);
+constinit NextFunction<CThreadCreateFunction> nextThrdCreate("thrd_create", &ownThrdCreate);
 
 }  // namespace
 
 void prepareStartHooks() noexcept {
     nextPthreadCreate.get();
     nextThrdCreate.get();
+    staysOutside = mustStayOutside();
 }
 
 }  // namespace ThreadUtilities::platform
@@ -102,7 +120,7 @@ __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
     if (next == nullptr) {
         return EAGAIN;
     }
-    if (!isLoaded()) {
+    if (staysOutside || !isLoaded()) {
         return next(thread, attributes, function, argument);
     }
     auto* const start = makeStart(function, argument);
@@ -122,7 +140,7 @@ __attribute__((visibility("default"))) int thrd_create(thrd_t* thread, thrd_star
     if (next == nullptr) {
         return thrd_error;
     }
-    if (!isLoaded()) {
+    if (staysOutside || !isLoaded()) {
         return next(thread, function, argument);
     }
     auto* const start = makeStart(function, argument);

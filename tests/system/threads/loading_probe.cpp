@@ -61,16 +61,19 @@ unsigned int ownId() {
     return static_cast<unsigned int>(gettid());
 }
 
-// A sanitizer may have threads of its own.
-Ids threadsAtStart() {
-    Ids ids;
+// A sanitizer starts a thread of its own beside the first one; that is none of the program's.
+Ids backgroundThreads;
+
+void findBackgroundThreads() {
+    ParkedThread().end();
+    Ids& ids = backgroundThreads;
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/task"), closedir);
     while (const dirent* const entry = readdir(folder.get())) {
         if (const int id = atoi(entry->d_name); id > 0) {
             ids.push_back(static_cast<unsigned int>(id));
         }
     }
-    return ids;
+    std::erase(ids, ownId());
 }
 
 void expect(bool right, const char* what) {
@@ -81,7 +84,10 @@ void expect(bool right, const char* what) {
 }
 
 void expectList(const Library& library, const Ids& expected, const char* what) {
-    const Ids ids = library.threadIds();
+    Ids ids = library.threadIds();
+    std::erase_if(ids, [](unsigned int id) {
+        return std::count(backgroundThreads.begin(), backgroundThreads.end(), id) != 0;
+    });
     if (ids != expected) {
         std::fprintf(stderr, "%d threads, not %d\n", static_cast<int>(ids.size()),
                      static_cast<int>(expected.size()));
@@ -112,12 +118,10 @@ void checkCopy(const Library& library) {
         alarm(60);
         expect(library.mainThreadId() == ownId(), "main thread of a copy");
         expectList(library, {ownId()}, "a copy's only thread");
-#if !defined(__SANITIZE_THREAD__)
         ParkedThread thread;
         expectList(library, {ownId(), thread.id()}, "a copy's thread");
         thread.end();
         expectList(library, {ownId()}, "a copy's thread ended");
-#endif
         _exit(0);
     }
     int status = 0;
@@ -184,21 +188,34 @@ void checkEndOfFirstThread(const Library& library) {
     pthread_exit(nullptr);
 }
 
-int runPresent() {
-    const Library library = findLibrary(RTLD_DEFAULT);
-    const Ids before = threadsAtStart();
-    expect(library.mainThreadId() == ownId(), "main thread");
-    checkStartsAndEnds(library, before);
+// Ends the program. ThreadSanitizer has no state for a copy's threads, for those of timers, nor for
+// a first thread that is joined.
+void checkUncommon(const Library& library) {
+#if !defined(__SANITIZE_THREAD__)
     checkCopy(library);
     checkTimerThread(library);
     checkEndOfFirstThread(library);
+#else
+    expectList(library, {ownId()}, "the first thread alone");
+    (void)checkCopy;
+    (void)checkTimerThread;
+    (void)checkEndOfFirstThread;
+    _exit(0);
+#endif
+}
+
+int runPresent() {
+    const Library library = findLibrary(RTLD_DEFAULT);
+    expect(library.mainThreadId() == ownId(), "main thread");
+    checkStartsAndEnds(library, {ownId()});
+    checkUncommon(library);
     return 3;
 }
 
 int runLoaded(const char* file) {
     ParkedThread endsLate;
     ParkedThread endsAtOnce;
-    Ids before = threadsAtStart();
+    Ids before{ownId(), endsLate.id(), endsAtOnce.id()};
     void* const handle = dlopen(file, RTLD_NOW | RTLD_LOCAL);
     expect(handle != nullptr, "loading");
     const Library library = findLibrary(handle);
@@ -208,12 +225,10 @@ int runLoaded(const char* file) {
     endsAtOnce.end();
     expectList(library, before, "a thread from before that has ended");
     checkStartsAndEnds(library, before);
-    checkCopy(library);
     dlclose(handle);
     expectList(library, before, "the library stays");
-    checkTimerThread(library);
     endsLate.end();
-    checkEndOfFirstThread(library);
+    checkUncommon(library);
     return 3;
 }
 
@@ -243,6 +258,7 @@ int runLoaded(const char* file) {
 
 int main(int count, char** arguments) {
     alarm(240);
+    findBackgroundThreads();
     const char* const mode = count > 1 ? arguments[1] : "";
     if (std::strcmp(mode, "present") == 0) {
         return runPresent();

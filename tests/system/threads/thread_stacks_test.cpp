@@ -42,14 +42,14 @@ bool ownStackIsRight() {
 TEST(ThreadStacks, AreTheThreadsOwn) {
     EXPECT_TRUE(ownStackIsRight());
 
-    static std::array<char, 300000> ownMemory;
+    static std::array<char, 2000000> ownMemory;
     pthread_attr_t defaults;
     pthread_attr_t small;
     pthread_attr_t ownStack;
     for (pthread_attr_t* const attributes : {&defaults, &small, &ownStack}) {
         pthread_attr_init(attributes);
     }
-    pthread_attr_setstacksize(&small, 128 << 10);
+    pthread_attr_setstacksize(&small, 1 << 20);
     pthread_attr_setstack(&ownStack, ownMemory.data() + 16, ownMemory.size() - 1000);
     for (const pthread_attr_t* const attributes : {&defaults, &small, &ownStack}) {
         pthread_t thread;
