@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -67,15 +66,6 @@ TEST(ASessionOfCaptures, SeesEveryWakeUp) {
     EXPECT_GT(told, 0);
 }
 
-// The switches of this process's threads, the calling one left out.
-long switchesOfOthers() {
-    rusage process{};
-    rusage self{};
-    getrusage(RUSAGE_SELF, &process);
-    getrusage(RUSAGE_THREAD, &self);
-    return process.ru_nvcsw + process.ru_nivcsw - self.ru_nvcsw - self.ru_nivcsw;
-}
-
 TEST(ASessionOfCaptures, NeverTouchesThreadsThatSleep) {
     constexpr std::size_t threadCount = 200;
     std::atomic<std::size_t> asleep{0};
@@ -87,23 +77,26 @@ TEST(ASessionOfCaptures, NeverTouchesThreadsThatSleep) {
             wake.wait(false);
         }));
     }
-    ASSERT_TRUE(eventually([&] { return asleep == threadCount; }));
+    const auto allSleep = [&] {
+        return std::all_of(threads.begin(), threads.end(),
+                           [](const auto& thread) { return kernelViewOf(thread->id()).sleeps; });
+    };
+    ASSERT_TRUE(eventually([&] { return asleep == threadCount && allSleep(); }));
+    const auto switches = [&] {
+        unsigned long sum = 0;
+        for (const auto& thread : threads) {
+            sum += kernelViewOf(thread->id()).switches;
+        }
+        return sum;
+    };
+    const unsigned long before = switches();
     CaptureSession session(64);
-    const auto captureAll = [&] {
+    for (int round = 0; round < 100; ++round) {
         for (const auto& thread : threads) {
             ASSERT_GT(session.capture(thread->id()), 2U);
         }
-    };
-    ASSERT_TRUE(eventually([&] {
-        const long before = switchesOfOthers();
-        captureAll();
-        return switchesOfOthers() == before;
-    }));
-    const long before = switchesOfOthers();
-    for (int round = 0; round < 100; ++round) {
-        captureAll();
     }
-    EXPECT_EQ(switchesOfOthers(), before);
+    EXPECT_EQ(switches(), before);
     wake = true;
     wake.notify_all();
 }

@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <string>
 #include <thread>
 
 namespace ThreadUtilities {
@@ -54,6 +56,25 @@ class TargetThread {
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
+
+/// What the kernel says of a thread.
+struct KernelView {
+    bool sleeps = false;
+    unsigned long switches = 0;  ///< how often it left a processor
+};
+
+inline KernelView kernelViewOf(unsigned int threadId) {
+    std::ifstream status("/proc/self/task/" + std::to_string(threadId) + "/status");
+    KernelView view;
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("State:")) {
+            view.sleeps = line.find('S', 6) != std::string::npos;
+        } else if (line.find("ctxt_switches:") != std::string::npos) {
+            view.switches += std::stoul(line.substr(line.find(':') + 1));
+        }
+    }
+    return view;
+}
 
 inline void spinUntil(const std::atomic<bool>& stop) {
     while (!stop) {
