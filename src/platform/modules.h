@@ -17,8 +17,8 @@ using DebugGuid = std::array<std::uint8_t, 16>;
 
 struct LoadedModule {
     WideString path;
-    std::uint64_t imageBase = 0;  ///< lowest mapped address
-    std::uint64_t imageSize = 0;  ///< bytes up to the highest mapped end
+    std::uint64_t imageBase = 0;         ///< lowest mapped address
+    std::uint64_t imageSize = 0;         ///< bytes up to the highest mapped end
     std::optional<DebugGuid> debugGuid;  ///< none when the module carries none, or unreadable
 };
 
