@@ -21,7 +21,7 @@ std::atomic<unsigned long long> progress{0};
 std::atomic<const char*> current{"start"};
 
 [[gnu::noinline]] void runBody(Target& target, void (*body)(Target&)) {
-    target.callerCount = backtrace(target.callers.data(), static_cast<int>(target.callers.size()));
+    target.noteCallers(__builtin_return_address(0));
     target.threadId = static_cast<unsigned int>(gettid());
     body(target);
     target.threadId = 0;
@@ -60,14 +60,13 @@ class Capturer {
                                                                                               : 1;
     }
 
-    // The first of the callers is `runBody` itself, where its call of the body stands instead.
     [[nodiscard]] bool endsWithCallers(const Target& target, std::size_t count) const {
-        const auto callers = static_cast<std::size_t>(target.callerCount) - 1;
-        if (count < callers) {
+        const auto callers = static_cast<std::size_t>(target.callerCount);
+        if (callers == 0 || count < callers) {
             return false;
         }
         for (std::size_t i = 0; i < callers; ++i) {
-            const auto expected = reinterpret_cast<unsigned long long>(target.callers[i + 1]);
+            const auto expected = reinterpret_cast<unsigned long long>(target.callers[i]);
             if (frames_[count - callers + i] != expected) {
                 return false;
             }
@@ -87,6 +86,14 @@ void add(Outcome& sum, const Outcome& part) {
 }
 
 }  // namespace
+
+// Behind the caller's frame, which goes on, and a sanitizer's wrapper of `backtrace`.
+void Target::noteCallers(const void* firstCaller) {
+    void** const begin = callers.data();
+    void** const end = begin + backtrace(begin, static_cast<int>(callers.size()));
+    void** const first = std::find(begin, end, firstCaller);
+    callerCount = static_cast<int>(std::copy(first, end, begin) - begin);
+}
 
 struct Watchdog::State {
     std::atomic<bool> stop{false};
@@ -133,7 +140,7 @@ Outcome run(const Storm& storm, std::chrono::milliseconds duration) {
     std::array<std::thread, capturerCount> capturing;
     for (std::size_t me = 0; me < capturerCount; ++me) {
         capturing[me] = std::thread([&, me] {
-            asTargets[me].callerCount = backtrace(asTargets[me].callers.data(), 16);
+            asTargets[me].noteCallers(__builtin_return_address(0));
             asTargets[me].threadId = static_cast<unsigned int>(gettid());
             while (Clock::now() < end) {
                 for (const auto& target : targets) {

@@ -16,11 +16,13 @@ namespace storm {
 /// A thread under capture. Its body works until `stop` is set.
 class Target {
  public:
+    /// Notes who called the calling function, whose return address is `firstCaller`.
+    void noteCallers(const void* firstCaller);
     [[nodiscard]] bool mustGoOn() const { return !stop.load(std::memory_order_relaxed); }
 
     std::atomic<unsigned int> threadId{0};
     std::atomic<bool> stop{false};
-    /// The callers of the body, innermost first: every whole capture ends with them.
+    /// The outermost callers, innermost first: every whole capture ends with them.
     std::array<void*, 16> callers{};
     int callerCount = 0;
 };

@@ -25,13 +25,18 @@ VisitResult visitThreadContext(unsigned int threadId, bool suspend, ContextVisit
     if (threadId == 0) {
         return VisitResult::NoSuchThread;
     }
-    const bool isRunning = runsElsewhere(threadId);
-    if (!isRunning && visitIfBlocked(threadId, suspend, visitor, state)) {
-        return VisitResult::Visited;
+    // A thread that did not answer may have come to rest since, or have blocked the signal only for
+    // as long as it waited for something.
+    constexpr int attempts = 3;
+    VisitResult result = VisitResult::NotAnswering;
+    for (int i = 0; i < attempts && result == VisitResult::NotAnswering; ++i) {
+        const bool isRunning = runsElsewhere(threadId);
+        if (!isRunning && visitIfBlocked(threadId, suspend, visitor, state)) {
+            return VisitResult::Visited;
+        }
+        const Waiting waiting = isRunning ? Waiting::SpinFirst : Waiting::Sleep;
+        result = visitBySignal(threadId, suspend, waiting, visitor, state);
     }
-    const Waiting waiting = isRunning ? Waiting::SpinFirst : Waiting::Sleep;
-    const VisitResult result = visitBySignal(threadId, suspend, waiting, visitor, state);
-    // A thread that blocks the signal may have come to rest in the meantime.
     if (result == VisitResult::NotAnswering && visitIfBlocked(threadId, suspend, visitor, state)) {
         return VisitResult::Visited;
     }

@@ -25,8 +25,13 @@ struct Spot {
     std::atomic<bool> stop{false};
 };
 
+// What the C library sees begins at the spot, or in a sanitizer's wrapper of `backtrace`; only what
+// lies behind the return to the spot's caller is kept.
 [[gnu::always_inline]] inline void reach(Spot& spot) {
-    spot.callerCount = backtrace(spot.callers.data(), static_cast<int>(spot.callers.size()));
+    auto* const begin = spot.callers.data();
+    auto* const end = begin + backtrace(begin, static_cast<int>(spot.callers.size()));
+    auto* const first = std::find(begin, end, __builtin_return_address(0));
+    spot.callerCount = static_cast<int>(std::copy(first, end, begin) - begin);
     spot.reached = true;
 }
 
@@ -40,15 +45,14 @@ Frames capture(unsigned int threadId, bool suspend = true) {
     return frames;
 }
 
-// The first caller in the C library's list is the spot itself, whose own frame goes on; behind it
-// both must agree to the end.
+// The spot's own frame goes on; behind it both must agree to the end.
 testing::AssertionResult endsWithCallersOf(const Frames& frames, const Spot& spot) {
-    const auto callers = static_cast<std::size_t>(spot.callerCount) - 1;
+    const auto callers = static_cast<std::size_t>(spot.callerCount);
     if (callers == 0 || frames.size() < callers) {
         return testing::AssertionFailure() << frames.size() << " frames, " << callers << " callers";
     }
     for (std::size_t i = 0; i < callers; ++i) {
-        const auto expected = reinterpret_cast<unsigned long long>(spot.callers[i + 1]);
+        const auto expected = reinterpret_cast<unsigned long long>(spot.callers[i]);
         const auto found = frames[frames.size() - callers + i];
         if (found != expected) {
             return testing::AssertionFailure()
