@@ -47,7 +47,7 @@ class StackWords {
  private:
     using Word [[gnu::may_alias, gnu::aligned(1)]] = std::uint64_t;
     static constexpr std::uint64_t wordSize = 8;
-    static constexpr std::size_t windowSize = 512;
+    static constexpr std::size_t windowSize = 256;
 
     [[gnu::noinline]] bool readWindow(std::uint64_t address, std::uint64_t& word) noexcept {
         if (windowBytes < wordSize || address < windowBegin ||

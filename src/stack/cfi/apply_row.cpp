@@ -116,7 +116,8 @@ StepResult applyRow(const UnwindRow& row, std::uint64_t returnAddressColumn,
         result != StepResult::Made) {
         return result;
     }
-    if (!caller.has(platform::Rip)) {
+    // A rule may have declared them lost, or copied a register that is.
+    if (!caller.has(platform::Rip) || !caller.has(platform::Rsp)) {
         return StepResult::UnknownRegister;
     }
     registers = caller;

@@ -8,7 +8,7 @@
 namespace ThreadUtilities::cfi {
 
 /// States that a program may remember one inside the other; compilers nest one.
-inline constexpr unsigned maxRememberedStates = 4;
+inline constexpr unsigned maxRememberedStates = 2;
 
 /// Runs the programs of the CIE and the FDE up to `address`, which the FDE covers. False when they
 /// are malformed. Rules of registers that no walk needs (vector registers, for one) are read and
