@@ -1,5 +1,6 @@
 #include "platform/linux/thread_ends.h"
 
+#include <limits.h>
 #include <pthread.h>
 #include <atomic>
 
@@ -12,12 +13,16 @@ namespace ThreadUtilities::platform {
 namespace {
 
 // The system calls a thread's exit destructors in rounds, again for those values that a
-// destructor has set anew, at least four rounds (PTHREAD_DESTRUCTOR_ITERATIONS). Values of other
-// libraries end in the first round and may still use this one, therefore the end counts in the
-// second; a name that is given after that enters the two rounds once more and still ends in time.
+// destructor has set anew, four rounds (PTHREAD_DESTRUCTOR_ITERATIONS). Values of other libraries
+// end in the first round and may still use this one, therefore the end counts in the second. What
+// is kept for the thread after that ends in the next round; in the last one nothing is kept.
 enum class Round { First, Second };
 constinit Round firstRound = Round::First;
 constinit Round secondRound = Round::Second;
+
+// Of the calling thread's end.
+constinit thread_local int roundsBegun = 0;
+constinit thread_local bool hasEnded = false;
 
 constinit pthread_key_t key = 0;
 constinit bool keyMade = false;
@@ -26,12 +31,14 @@ constinit EndNotice endNotice = nullptr;
 constinit std::atomic<bool> firstThreadEnded{false};
 
 void endOfThread(void* value) {
+    ++roundsBegun;
     if (value == &firstRound && pthread_setspecific(key, &secondRound) == 0) {
         return;
     }
     if (currentThreadId() == currentProcessId()) {
         firstThreadEnded = true;
     }
+    hasEnded = true;
     if (endNotice != nullptr) {
         endNotice();
     }
@@ -48,7 +55,8 @@ RestartInCopy copyHasItsFirstThread([] { firstThreadEnded = false; });
 }  // namespace
 
 bool hearOfOwnEnd() noexcept {
-    return keyMade && pthread_setspecific(key, &firstRound) == 0;
+    return keyMade && roundsBegun < PTHREAD_DESTRUCTOR_ITERATIONS - 1 &&
+           pthread_setspecific(key, hasEnded ? &secondRound : &firstRound) == 0;
 }
 
 void setEndNotice(void (*notice)() noexcept) noexcept {

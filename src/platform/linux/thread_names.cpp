@@ -132,9 +132,6 @@ struct FoundName {
 };
 
 std::optional<FoundName> findKernelName(unsigned int threadId) {
-    if (threadId == currentThreadId()) {
-        return FoundName{ownKernelName(), true};
-    }
     for (const bool ownProcess : {true, false}) {
         std::array<char, 80> text;
         const ProcPath path(ownProcess ? "/proc/self/task/" : "/proc/", threadId, "/comm");
@@ -181,6 +178,18 @@ std::optional<unsigned long long> changesOf(unsigned int threadId) {
     const std::lock_guard lock(bucket.mutex);
     const NameRecord* const record = find(bucket, threadId);
     return record == nullptr ? std::nullopt : std::optional(record->changes);
+}
+
+// Nobody else changes the calling thread's record, therefore one look without a lock is enough. The
+// kernel is asked all the same: other code may have named the thread, and a scope that took such a
+// name for its own would put back the wrong one.
+std::string readOwnName() {
+    const KernelName inKernel = ownKernelName();
+    if (ownRecord == nullptr) {
+        return inKernel == programName ? std::string() : textOf(inKernel);
+    }
+    const Name& current = ownRecord->current;
+    return inKernel == current.inKernel ? current.whole : textOf(inKernel);
 }
 
 // The calling thread's record was in nobody's hands, since only that thread changes it. The other
@@ -259,6 +268,9 @@ void setOwnThreadName(std::string_view name) {
 }
 
 std::string readThreadName(unsigned int threadId) {
+    if (threadId == currentThreadId()) {
+        return readOwnName();
+    }
     // A thread that names itself all the time may outrun a reader; after some tries its latest
     // name is true enough.
     constexpr int Tries = 16;
