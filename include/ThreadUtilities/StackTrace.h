@@ -1,7 +1,7 @@
 #pragma once
 
 /// \file
-/// Call stacks of the threads of this process, and the text of one frame.
+/// Call stacks of the threads of this process, the text of one frame, and reports of whole stacks.
 ///
 /// A captured stack is a list of raw 64-bit return addresses, innermost first. Capturing and
 /// describing are separate steps on purpose: capturing allocates nothing and takes no lock,
@@ -11,8 +11,10 @@
 /// Failures are quiet: a count of 0 or an empty text.
 
 #include <string>
+#include <utility>
 
 #include <ThreadUtilities/Export.h>
+#include <vesko/handle.h>
 
 namespace ThreadUtilities {
 
@@ -50,5 +52,32 @@ THREAD_UTILITIES_API unsigned long long getStackTrace(const unsigned int& thread
 /// address, or when another process is asked for.
 THREAD_UTILITIES_API std::wstring getFrameDetails(const unsigned int& processId,
                                                   unsigned long long address);
+
+/// The stack of one thread of the calling process as UTF-8 text: up to 256 frames, innermost
+/// first, each as `getFrameDetails` describes it, with nothing between them and no line end.
+/// Frames that lie in no module are left out.
+///
+/// The thread stands still only while its frames are captured; it runs again before the first one
+/// is described. A report on the calling thread begins with frames of this library.
+///
+/// Empty when nothing could be captured; "debugger attached" when a debugger is attached to the
+/// process, whose threads are then left alone. `framework` is released on return and not used
+/// otherwise; `{}` will do.
+THREAD_UTILITIES_API std::string getStackTrace(vesko::handle<ICoreFramework> framework,
+                                               unsigned int threadId);
+
+/// The stacks of all threads of the calling process, one line each in the order of
+/// `getThreadIds`:
+///
+///     [4711][worker]libc.so.6+0x91A26{...};app+0x1C2B{...};
+///
+/// with thread id, name (possibly empty) and stack as above. Threads that gave no stack, because
+/// they had ended for example, have no line. Threads stand still one at a time, each only while
+/// its own frames are captured.
+///
+/// `second` is empty. When a debugger is attached it reads "debugger attached", and `first` is the
+/// calling thread's id in decimal; no thread was touched then. `framework` as above.
+THREAD_UTILITIES_API std::pair<std::string, std::string> getAllThreadStackTrace(
+    vesko::handle<ICoreFramework> framework);
 
 }  // namespace ThreadUtilities

@@ -43,6 +43,23 @@ void checkStacks() {
     expect(count >= 3, "the own stack has frames");
     const std::wstring text = ThreadUtilities::getFrameDetails(0, count > 0 ? frames[0] : 0);
     expect(text.find(L"+0x") != text.npos, "a frame has a text");
+    const std::string line = '[' + ThreadUtilities::getThreadIdString() + "][";
+    expect(ThreadUtilities::getAllThreadStackTrace({}).first.find(line) != line.npos,
+           "the report has a line for the caller");
+}
+
+void checkScopes() {
+    using vesko::external_input::hint;
+    const auto input = hint::createExternalInputHint("input");
+    const auto store = vesko::external_input::context_store::getOrCreateStore();
+    const auto posted = vesko::source::location::current();
+    std::thread([&] {
+        const ThreadUtilities::ScopedThreadName scope(posted);
+        expect(ThreadUtilities::getThreadName().find("main.cpp:") == 0, "a scope names its thread");
+        expect(hint::getExternalInputHintName() == "input", "a location hands its hint over");
+        vesko::external_input::context_store::getOrCreateStore()->addEntry("done");
+    }).join();
+    expect(store->getEntries().size() == 1, "a location hands its store over");
 }
 
 void checkSampling() {
@@ -56,6 +73,7 @@ void checkSampling() {
 int main() {
     checkThreads();
     checkStacks();
+    checkScopes();
     checkSampling();
     return failures == 0 ? 0 : 1;
 }

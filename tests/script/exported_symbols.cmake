@@ -23,17 +23,26 @@ list(FILTER headers EXCLUDE REGEX "/Export\\.h$")
 foreach(header IN LISTS headers)
     file(READ "${header}" text)
     string(REGEX REPLACE "//[^\n]*" "" text "${text}")
+    # Classes that mark their members one by one begin and end at the start of a line.
+    string(REGEX REPLACE "\n(struct|class) (\\[\\[nodiscard\\]\\] )?([A-Za-z_0-9]+)( : [^\n;]*)? {"
+        " MEMBERS_OF \\3 {" text "${text}")
+    string(REGEX REPLACE "\n}" " END_OF_MEMBERS " text "${text}")
     string(REGEX REPLACE "[;\n]" " " text "${text}")
     string(REGEX MATCHALL
-        "namespace [A-Za-z_:]+ {|THREAD_UTILITIES_API [^({]*[({]"
+        "namespace [A-Za-z_:]+ {|MEMBERS_OF [A-Za-z_0-9]+|END_OF_MEMBERS|THREAD_UTILITIES_API [^({]*[({]"
         declarations "${text}")
     set(scope "")
+    set(class "")
     foreach(declaration IN LISTS declarations)
         if(declaration MATCHES "^namespace ([A-Za-z_:]+)")
             # The headers open namespaces one after the other; a nested one is written as a::b.
             set(scope "${CMAKE_MATCH_1}")
-        elseif(declaration MATCHES "(operator[^ (]+|[A-Za-z_0-9]+)[ ]*\\($")
-            list(APPEND functions "${scope}::${CMAKE_MATCH_1}")
+        elseif(declaration MATCHES "^MEMBERS_OF (.+)")
+            set(class "::${CMAKE_MATCH_1}")
+        elseif(declaration STREQUAL "END_OF_MEMBERS")
+            set(class "")
+        elseif(declaration MATCHES "(operator[^ (]+|~?[A-Za-z_0-9]+)[ ]*\\($")
+            list(APPEND functions "${scope}${class}::${CMAKE_MATCH_1}")
         elseif(declaration MATCHES "THREAD_UTILITIES_API ([A-Za-z_0-9]+)")
             list(APPEND classes "${scope}::${CMAKE_MATCH_1}")
         endif()
@@ -44,11 +53,14 @@ execute_process(COMMAND ${NM} -D --defined-only -C "${LIBRARY}"
     OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
 string(REGEX REPLACE ";" "," symbols "${symbols}")
 string(REGEX REPLACE "\n" ";" symbols "${symbols}")
+# A constructor and a destructor have one symbol for whole objects and one for bases.
+list(TRANSFORM symbols REPLACE "^[0-9a-f]+ " "")
+list(REMOVE_DUPLICATES symbols)
 
 set(failures 0)
 set(found)
 foreach(symbol IN LISTS symbols)
-    if(NOT symbol MATCHES "^[0-9a-f]+ ([A-Za-z]) (.*)$")
+    if(NOT symbol MATCHES "^([A-Za-z]) (.*)$")
         continue()
     endif()
     set(name "${CMAKE_MATCH_2}")

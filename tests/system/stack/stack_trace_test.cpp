@@ -201,7 +201,10 @@ TEST(StackTraceOfSelf, BeginsInTheFunctionItselfAndGoesOnWithItsCallers) {
     const int callerCount = backtrace(callers.data(), static_cast<int>(callers.size()));
     const Frames frames = capture(static_cast<unsigned int>(gettid()));
     const Frames unsuspended = capture(static_cast<unsigned int>(gettid()), false);
-    const auto inside = reinterpret_cast<unsigned long long>(&getStackTrace);
+    using RawCapture =
+        unsigned long long (*)(const unsigned int&, unsigned long long*, unsigned long long, bool);
+    const auto inside =
+        reinterpret_cast<unsigned long long>(static_cast<RawCapture>(&getStackTrace));
     ASSERT_GT(frames.size(), 3U);
     EXPECT_GT(frames[0], inside);
     EXPECT_LT(frames[0], inside + 4096);

@@ -1,0 +1,50 @@
+#include "support/allocations.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+constinit std::atomic<long> aliveBlocks{0};
+constinit thread_local int allowedBlocks = -1;
+
+}  // namespace
+
+namespace allocations {
+
+FailAfter::FailAfter(int allowed) {
+    allowedBlocks = allowed;
+}
+
+FailAfter::~FailAfter() {
+    allowedBlocks = -1;
+}
+
+long alive() {
+    return aliveBlocks;
+}
+
+}  // namespace allocations
+
+void* operator new(std::size_t size) {
+    if (allowedBlocks == 0) {
+        throw std::bad_alloc();
+    }
+    allowedBlocks -= allowedBlocks > 0;
+    void* block = std::malloc(size != 0 ? size : 1);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    ++aliveBlocks;
+    return block;
+}
+
+void operator delete(void* block) noexcept {
+    aliveBlocks -= block != nullptr;
+    std::free(block);
+}
+
+void operator delete(void* block, std::size_t) noexcept {
+    operator delete(block);
+}

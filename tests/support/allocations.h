@@ -1,0 +1,18 @@
+#pragma once
+
+namespace allocations {
+
+/// While one lives, every allocation of the calling thread fails once `allowed` of them were made.
+class FailAfter {
+ public:
+    explicit FailAfter(int allowed);
+    ~FailAfter();
+
+    FailAfter(const FailAfter&) = delete;
+    FailAfter& operator=(const FailAfter&) = delete;
+};
+
+/// Blocks from `operator new` that are not freed, in the whole process.
+long alive();
+
+}  // namespace allocations

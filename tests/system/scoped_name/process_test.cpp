@@ -1,0 +1,138 @@
+// What the system sees of a scope, and scopes in a process that is copied or ends under them.
+
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+
+#include <ThreadUtilities/ScopedThreadName.h>
+#include <ThreadUtilities/Threads.h>
+
+#include "support/fresh_thread.h"
+
+namespace {
+
+using ThreadUtilities::IScopedThreadCallback;
+using ThreadUtilities::ScopedThreadName;
+using vesko::external_input::hint;
+using vesko::source::location;
+
+std::string kernelName() {
+    char name[16] = {};
+    prctl(PR_GET_NAME, name);
+    return name;
+}
+
+TEST(ScopedThreadNameTest, ShowsInTheSystemWhileItLives) {
+    onFreshThread([] {
+        const std::string inherited = kernelName();
+        {
+            ScopedThreadName scope(location::current("/src/Worker.cpp", 57, "run"));
+            EXPECT_EQ(kernelName(), "Worker.cpp:57:r");
+            EXPECT_EQ(ThreadUtilities::getThreadName(), "Worker.cpp:57:run");
+        }
+        EXPECT_EQ(kernelName(), inherited);
+        EXPECT_EQ(ThreadUtilities::getThreadName(), "");
+
+        prctl(PR_SET_NAME, "by others");
+        { ScopedThreadName scope("x", false); }
+        EXPECT_EQ(kernelName(), "by others");
+    });
+}
+
+class Counter : public IScopedThreadCallback {
+ public:
+    void onScopedThreadStart() override { ++starts; }
+    void onScopedThreadEnd() override { ++ends; }
+
+    std::atomic<int> starts{0};
+    std::atomic<int> ends{0};
+};
+
+/// Runs `body` in a copy of this process and returns its exit status.
+template <typename Body>
+int inCopy(Body body) {
+    const pid_t copy = fork();
+    if (copy == 0) {
+        alarm(60);
+        _exit(body());
+    }
+    int status = 0;
+    waitpid(copy, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+TEST(ScopedThreadNameTest, GoesOnInACopiedProcess) {
+    const auto counter = std::make_shared<Counter>();
+    ScopedThreadName::registerCallback(counter);
+    std::optional<ScopedThreadName> scope(std::in_place, "before", true);
+    hint("h", "own").setAsExternalInputHint();
+    EXPECT_EQ(inCopy([&] {
+                  const bool isWhole = hint::getExternalInputHintName() == "own" &&
+                                       ThreadUtilities::getThreadName() == "before";
+                  scope.reset();
+                  return isWhole && counter->starts == 1 && counter->ends == 1 &&
+                                 ThreadUtilities::getThreadName().empty()
+                             ? 0
+                             : 1;
+              }),
+              0);
+    scope.reset();
+    EXPECT_EQ(counter->ends, 1);
+    ScopedThreadName::unRegisterCallback(counter);
+}
+
+// The copies are made while other threads hold the observers' lock and change their list.
+TEST(ScopedThreadNameTest, FindsTheObserversFreeInACopiedProcess) {
+    const auto counter = std::make_shared<Counter>();
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&] {
+            while (!isOver) {
+                ScopedThreadName::registerCallback(counter);
+                ScopedThreadName::unRegisterCallback(counter);
+            }
+        });
+    }
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(inCopy([] {
+                      const auto own = std::make_shared<Counter>();
+                      ScopedThreadName::registerCallback(own);
+                      { ScopedThreadName scope("x", true); }
+                      ScopedThreadName::unRegisterCallback(own);
+                      return own->starts == 1 && own->ends == 1 ? 0 : 1;
+                  }),
+                  0);
+    }
+    isOver = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+TEST(ScopedThreadNameTest, OutlivesTheEndOfMain) {
+    EXPECT_EQ(inCopy([] {
+                  const auto counter = std::make_shared<Counter>();
+                  ScopedThreadName::registerCallback(counter);
+                  for (int i = 0; i < 4; ++i) {
+                      std::thread([] {
+                          while (true) {
+                              ScopedThreadName scope("x", true);
+                          }
+                      }).detach();
+                  }
+                  while (counter->starts < 100) {
+                      std::this_thread::yield();
+                  }
+                  std::exit(7);
+                  return 0;
+              }),
+              7);
+}
+
+}  // namespace

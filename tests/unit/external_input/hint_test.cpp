@@ -1,0 +1,270 @@
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include <vesko/external_input.h>
+#include <vesko/source_location.h>
+
+#include "foundation/random.h"
+#include "scripted_platform/thread_exit_script.h"
+#include "support/allocations.h"
+#include "support/fresh_thread.h"
+
+namespace {
+
+using vesko::external_input::context_store;
+using vesko::external_input::hint;
+using vesko::source::location;
+
+// Longer than what a string keeps in itself.
+const std::string longName = "a name that is too long for the string object itself";
+
+std::string printed(const hint& h) {
+    std::ostringstream text;
+    text << h;
+    return text.str();
+}
+
+/// What the calling thread says of its hint through all three getters.
+std::string current() {
+    const std::shared_ptr<hint> copy = hint::getExternalInputHint();
+    EXPECT_EQ(copy != nullptr ? copy->name : "", hint::getExternalInputHintName());
+    EXPECT_EQ(copy != nullptr ? copy->id : "", hint::getExternalInputHintId());
+    return copy != nullptr ? printed(*copy) : "none";
+}
+
+TEST(HintTest, BelongsToItsThread) {
+    onFreshThread([] {
+        EXPECT_EQ(current(), "none");
+        hint("hint000001", "a").setAsExternalInputHint();
+        EXPECT_EQ(current(), "a hint000001");
+        onFreshThread([] { EXPECT_EQ(current(), "none"); });
+
+        const std::shared_ptr<hint> copy = hint::getExternalInputHint();
+        hint("hint000002", "").setAsExternalInputHint();
+        EXPECT_EQ(current(), "none") << "an id without a name";
+        EXPECT_EQ(printed(*copy), "a hint000001");
+        EXPECT_EQ(printed(hint()), " ");
+    });
+}
+
+TEST(HintTest, GuardsEndWhateverIsCurrent) {
+    onFreshThread([] {
+        auto outer = hint::createExternalInputHint("outer");
+        {
+            auto inner = hint::createExternalInputHint("inner");
+            inner = outer;
+            EXPECT_EQ(hint::getExternalInputHintName(), "inner");
+        }
+        EXPECT_EQ(current(), "none");
+        hint("x", "replaced").setAsExternalInputHint();
+        {
+            auto nameless = hint::createExternalInputHint("");
+            EXPECT_EQ(current(), "none");
+        }
+    });
+}
+
+/// Puts another source in the place of the random numbers.
+class ScriptedRandom {
+ public:
+    explicit ScriptedRandom(int value) {
+        vesko::randomIntHook = [value](int lo, int hi, bool randomSign) {
+            EXPECT_EQ(lo, 0);
+            EXPECT_EQ(hi, 999);
+            EXPECT_FALSE(randomSign);
+            return value;
+        };
+    }
+    ~ScriptedRandom() { vesko::randomIntHook = vesko::randomInt; }
+};
+
+TEST(HintTest, IdsHoldARandomNumberAndACount) {
+    const auto makeId = [](int drawn) {
+        ScriptedRandom random(drawn);
+        auto guard = hint::createExternalInputHint("x");
+        return hint::getExternalInputHintId();
+    };
+    const int before = std::stoi(makeId(0).substr(7));
+    for (int i = 1; i <= 1001; ++i) {
+        const std::string id = makeId(i % 1000);
+        const int number = i % 1000 * 1000 + (before + i) % 1000;
+        ASSERT_EQ(id.size(), 10u);
+        ASSERT_EQ(id.substr(0, 4), "hint");
+        ASSERT_EQ(std::stoi(id.substr(4)), number);
+    }
+}
+
+TEST(HintTest, AFailedCopyLeavesTheCurrentHint) {
+    onFreshThread([] {
+        hint("old", "the old one").setAsExternalInputHint();
+        const hint next("an id that is too long for the string object itself", longName);
+        for (int allowed = 0; allowed < 2; ++allowed) {
+            const auto set = [&] {
+                allocations::FailAfter fail(allowed);
+                next.setAsExternalInputHint();
+            };
+            EXPECT_THROW(set(), std::bad_alloc);
+            EXPECT_EQ(current(), "the old one old");
+        }
+    });
+}
+
+TEST(LocationTest, PrintsFileLineAndFunction) {
+    struct Case {
+        const char* file;
+        int line;
+        const char* function;
+        const char* text;
+    };
+    const Case cases[] = {
+        {"C:\\src\\net/Parser.cpp", 120, "Parser::open", "Parser.cpp:120:Parser::open"},
+        {"/usr/src\\Parser.cpp", 1, "f", "Parser.cpp:1:f"},
+        {"Parser.cpp", 0, "", "Parser.cpp:0:"},
+        {"folder/", 7, "f", ":7:f"},
+        {nullptr, -1, "f", ":4294967295:f"},
+        {"a.cpp", 5, nullptr, "a.cpp:5:"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(location::current(c.file, c.line, c.function).to_string(), c.text);
+    }
+    const auto grouped = [] {
+        struct Grouping : std::numpunct<char> {
+            std::string do_grouping() const override { return "\3"; }
+        };
+        std::ostringstream text;
+        text.imbue(std::locale(text.getloc(), new Grouping));
+        text << location::current("a.cpp", 123456, "f");
+        return text.str();
+    };
+    EXPECT_EQ(grouped(), "a.cpp:123456:f");
+}
+
+TEST(LocationTest, StandsWhereItIsMade) {
+    const location here = location::current();
+    EXPECT_EQ(here.line, static_cast<unsigned>(__LINE__ - 1));
+    EXPECT_STREQ(here.file, __FILE__);
+    EXPECT_STREQ(here.function, static_cast<const char*>(__func__));
+    const auto asDefaultArgument = [](int, location loc = location::current()) { return loc; };
+    EXPECT_EQ(asDefaultArgument(1).line, static_cast<unsigned>(__LINE__));
+}
+
+TEST(LocationTest, CapturesHintAndStoreOfItsThread) {
+    onFreshThread([] {
+        const location bare = location::current("a.cpp", 1, "f");
+        EXPECT_EQ(bare.externalInputHint, nullptr);
+        EXPECT_EQ(bare.contextStore.lock(), nullptr);
+
+        hint("hint042007", "Open project").setAsExternalInputHint();
+        std::shared_ptr<context_store> store = context_store::getOrCreateStore();
+        const location full = location::current("a.cpp", 1, "f");
+        hint::clearExternalInputHint();
+        EXPECT_EQ(full.to_string(), "a.cpp:1:f externalInputHint=Open project hint042007");
+        EXPECT_EQ(full.contextStore.lock(), store);
+        EXPECT_EQ(location::current().contextStore.lock(), store) << "a store without a hint";
+
+        store.reset();
+        EXPECT_EQ(full.contextStore.lock(), nullptr) << "a location keeps no store alive";
+        const std::weak_ptr<context_store> empty;
+        const location expired = location::current();
+        EXPECT_FALSE(expired.contextStore.owner_before(empty) ||
+                     empty.owner_before(expired.contextStore));
+    });
+}
+
+TEST(LocationTest, IsMadeEvenWithoutMemory) {
+    onFreshThread([] {
+        hint("hint000001", longName).setAsExternalInputHint();
+        allocations::FailAfter fail(0);
+        const location loc = location::current("a.cpp", 1, "f");
+        EXPECT_EQ(loc.line, 1u);
+        EXPECT_EQ(loc.externalInputHint, nullptr);
+    });
+}
+
+/// A location made on a thread with this hint, and with `store` as its store.
+location postedFrom(const hint& posted, std::shared_ptr<context_store>* store = nullptr) {
+    location result = location::current();
+    onFreshThread([&] {
+        posted.setAsExternalInputHint();
+        if (store != nullptr) {
+            *store = context_store::getOrCreateStore();
+        }
+        result = location::current("a.cpp", 1, "f");
+    });
+    return result;
+}
+
+TEST(LocationTest, HandsHintAndStoreOver) {
+    std::shared_ptr<context_store> posted;
+    const location full = postedFrom(hint("k", "posted"), &posted);
+    onFreshThread([&] {
+        hint::copyThreadStorageIfNecessary(full);
+        EXPECT_EQ(current(), "posted k");
+        EXPECT_EQ(context_store::getOrCreateStore(), posted);
+
+        hint::copyThreadStorageIfNecessary(postedFrom(hint("k", "same id")));
+        EXPECT_EQ(current(), "posted k");
+        hint::copyThreadStorageIfNecessary(postedFrom(hint("", "")));
+        EXPECT_EQ(current(), "posted k") << "nothing captured";
+        EXPECT_EQ(context_store::getStore().lock(), posted);
+    });
+    onFreshThread([&] {
+        hint::copyThreadStorageIfNecessary(postedFrom(hint("", "without an id")));
+        EXPECT_EQ(current(), "none") << "its id equals that of no hint";
+
+        const std::shared_ptr<context_store> own = context_store::getOrCreateStore();
+        std::shared_ptr<context_store> ended;
+        const location endedStore = postedFrom(hint("k", "posted"), &ended);
+        ended.reset();
+        hint::copyThreadStorageIfNecessary(endedStore);
+        EXPECT_EQ(context_store::getStore().lock(), own);
+        hint::copyThreadStorageIfNecessary(full);
+        EXPECT_EQ(context_store::getStore().lock(), posted) << "a live store of the thread's own";
+    });
+}
+
+TEST(ThreadValuesTest, AreReleasedAndBegunAnew) {
+    onFreshThread([] {
+        for (int round = 0; round < 2; ++round) {
+            const long before = allocations::alive();
+            hint(longName, longName).setAsExternalInputHint();
+            context_store::getOrCreateStore();
+            EXPECT_EQ(hint::getExternalInputHintName(), longName);
+            EXPECT_EQ(ThreadUtilities::scripted::runThreadExitCalls(), 1);
+            EXPECT_EQ(allocations::alive(), before);
+
+            EXPECT_EQ(current(), "none");
+            hint::clearExternalInputHint();
+            EXPECT_EQ(location::current().externalInputHint, nullptr);
+            EXPECT_EQ(ThreadUtilities::scripted::runThreadExitCalls(), 0)
+                << "reading and clearing begin nothing";
+        }
+    });
+}
+
+TEST(ThreadValuesTest, AreNotBegunWhenNothingWouldReleaseThem) {
+    std::shared_ptr<context_store> posted;
+    const location full = postedFrom(hint("k", longName), &posted);
+    ThreadUtilities::scripted::refuseThreadExitCalls(true);
+    onFreshThread([&] {
+        const long before = allocations::alive();
+        hint(longName, longName).setAsExternalInputHint();
+        EXPECT_EQ(current(), "none");
+        { auto guard = hint::createExternalInputHint(longName); }
+        hint::copyThreadStorageIfNecessary(full);
+        EXPECT_EQ(current(), "none");
+        EXPECT_EQ(context_store::getStore().lock(), nullptr);
+
+        {
+            const std::shared_ptr<context_store> first = context_store::getOrCreateStore();
+            EXPECT_NE(first, context_store::getOrCreateStore());
+            first->addEntry(longName);
+            EXPECT_EQ(first->getEntries().size(), 1u) << "it works like any other";
+        }
+        EXPECT_EQ(allocations::alive(), before);
+    });
+    ThreadUtilities::scripted::refuseThreadExitCalls(false);
+}
+
+}  // namespace
