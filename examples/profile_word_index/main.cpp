@@ -3,6 +3,7 @@
 //     profile_word_index [--seconds N] [--interval MILLISECONDS] [FOLDER]
 
 #include <ThreadUtilities/Sampling.h>
+#include <ThreadUtilities/StackTrace.h>
 #include <ThreadUtilities/Threads.h>
 
 #include <charconv>
@@ -13,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "indexing_threads.h"
 #include "thread_totals.h"
@@ -81,14 +83,18 @@ void run(const Options& options) {
     ThreadUtilities::setThreadName("main");
     WordIndex index;
     std::string report;
+    std::pair<std::string, std::string> stacks;
     {
         const IndexingThreads threads(files, index);
         report = ThreadUtilities::sampleAllThreads(options.duration, options.interval);
+        stacks = ThreadUtilities::getAllThreadStackTrace({});
     }
     std::cout << report;
     printTotals(report);
     std::printf("\nIndexed %zu files, found %zu different words.\n", files.handedOut(),
                 index.size());
+    std::cout << "\nWhere every thread stood right after the profile:\n\n"
+              << stacks.first << stacks.second << '\n';
 }
 
 }  // namespace

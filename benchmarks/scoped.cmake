@@ -1,0 +1,1 @@
+add_benchmark(scoped_benchmark SOURCES scoped_benchmark.cpp)
