@@ -1,6 +1,7 @@
 # Compares the dynamic symbols of the library with the names that its public headers mark.
 #
 #   cmake -DROOT=<source folder> -DNM=<nm> -DLIBRARY=<shared library> -P exported_symbols.cmake
+#   cmake -DROOT=<source folder> -DOBJDUMP=<objdump> -DCXXFILT=<c++filt> -DLIBRARY=<DLL> -P ...
 cmake_minimum_required(VERSION 3.25)
 
 # count_of(<name> <variable> <list>...): how often the name is in the list.
@@ -14,8 +15,11 @@ function(count_of name result)
     set(${result} ${count} PARENT_SCOPE)
 endfunction()
 
-# The start hooks, which take the place of the C library's own.
-set(functions pthread_create thrd_create)
+set(functions)
+if(NM)
+    # The start hooks, which take the place of the C library's own.
+    list(APPEND functions pthread_create thrd_create)
+endif()
 set(classes)
 
 file(GLOB headers "${ROOT}/include/*/*.h")
@@ -49,8 +53,18 @@ foreach(header IN LISTS headers)
     endforeach()
 endforeach()
 
-execute_process(COMMAND ${NM} -D --defined-only -C "${LIBRARY}"
-    OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
+if(NM)
+    execute_process(COMMAND ${NM} -D --defined-only -C "${LIBRARY}"
+        OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
+else()
+    execute_process(COMMAND ${OBJDUMP} -p "${LIBRARY}" COMMAND ${CXXFILT}
+        OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
+    # The table of names, in the form of the other tool's lines.
+    string(REGEX REPLACE "^.*Ordinal/Name Pointer[^\n]*" "" symbols "${symbols}")
+    string(REGEX REPLACE "\n\n.*$" "" symbols "${symbols}")
+    string(REGEX REPLACE "\n[ \t]*\\[ *[0-9]+\\] +(\\+base\\[ *[0-9]+\\] +[0-9a-f]+ +)?" "\n0 T "
+        symbols "${symbols}")
+endif()
 string(REGEX REPLACE ";" "," symbols "${symbols}")
 string(REGEX REPLACE "\n" ";" symbols "${symbols}")
 # A constructor and a destructor have one symbol for whole objects and one for bases.

@@ -24,10 +24,9 @@ Function* entry(HMODULE library, const char* mangledName) {
 
 struct LoadedLibrary {
     HMODULE module = LoadLibraryA(THREAD_UTILITIES_DLL);
-    unsigned int (*getMainThreadId)() =
-        entry<unsigned int()>(module, "_ZN9ThreadIds15getMainThreadIdEv");
-    ThreadIdList (*getThreadIds)() =
-        entry<ThreadIdList()>(module, "_ZN9ThreadIds12getThreadIdsEv");
+    unsigned int (*getMainThreadId)() = entry<unsigned int()>(module,
+                                                              "_ZN9ThreadIds15getMainThreadIdEv");
+    ThreadIdList (*getThreadIds)() = entry<ThreadIdList()>(module, "_ZN9ThreadIds12getThreadIdsEv");
     ThreadIdList (*getThreadIdsOf)(unsigned int) =
         entry<ThreadIdList(unsigned int)>(module, "_ZN9ThreadIds12getThreadIdsEj");
 };
@@ -115,9 +114,8 @@ TEST(Notices, ThreadsThatComeAndGoLeaveNothingBehind) {
     for (int round = 0; round < 100; ++round) {
         std::vector<std::thread> threads;
         for (int index = 0; index < 8; ++index) {
-            threads.emplace_back([&] {
-                EXPECT_TRUE(contains(library.getThreadIds(), GetCurrentThreadId()));
-            });
+            threads.emplace_back(
+                [&] { EXPECT_TRUE(contains(library.getThreadIds(), GetCurrentThreadId())); });
         }
         for (std::thread& thread : threads) {
             thread.join();

@@ -1,0 +1,16 @@
+# The DLLs that the library's DLL needs, compared with those that are part of the system. In
+# particular there is none of the compiler's.
+#
+#   cmake -DOBJDUMP=<objdump> -DLIBRARY=<DLL> -P imports.cmake
+cmake_minimum_required(VERSION 3.25)
+
+execute_process(COMMAND ${OBJDUMP} -p "${LIBRARY}"
+    OUTPUT_VARIABLE headers COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "DLL Name: [^\n]*" imports "${headers}")
+list(TRANSFORM imports REPLACE "DLL Name: " "")
+list(TRANSFORM imports TOLOWER)
+list(SORT imports)
+set(expected kernel32.dll msvcrt.dll ole32.dll shell32.dll)
+if(NOT imports STREQUAL expected)
+    message(FATAL_ERROR "needs ${imports}, not ${expected}")
+endif()
