@@ -266,16 +266,18 @@ void pointNowhere(Target& target) {
     const std::unique_ptr<char[]> memory(new char[64 << 10]);
     stack_t stack{memory.get(), 0, 64 << 10};
     sigaltstack(&stack, nullptr);
+    // Mapped memory to point into, apart from the alternate stack: on that the kernel would go on
+    // where the stack pointer stands, and call the handler on whatever lies below.
+    const std::unique_ptr<char[]> elsewhere(new char[64 << 10]);
     std::uint64_t garbage = 0;
     while (target.mustGoOn()) {
         garbage = garbage * 6364136223846793005ULL + 1442695040888963407ULL;
-        // Some of the values lie in mapped memory: this program's own.
         const std::uint64_t values[] = {
             garbage,
             garbage >> 17,
             0,
             8,
-            reinterpret_cast<std::uint64_t>(memory.get()) + garbage % 60000,
+            reinterpret_cast<std::uint64_t>(elsewhere.get()) + garbage % 60000,
             reinterpret_cast<std::uint64_t>(&pointNowhere)};
         const std::uint64_t value = values[(garbage >> 33) % std::size(values)];
         asm volatile(
