@@ -55,7 +55,7 @@ RestartInCopy copyHasItsFirstThread([] { firstThreadEnded = false; });
 }  // namespace
 
 bool hearOfOwnEnd() noexcept {
-    return keyMade && roundsBegun < PTHREAD_DESTRUCTOR_ITERATIONS - 1 &&
+    return keyMade && roundsBegun < PTHREAD_DESTRUCTOR_ITERATIONS &&
            pthread_setspecific(key, hasEnded ? &secondRound : &firstRound) == 0;
 }
 
