@@ -2,13 +2,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <latch>
 #include <map>
 #include <thread>
 
 #include <vesko/external_input.h>
 
 #include "support/allocations.h"
+#include "support/latch.h"
 
 namespace {
 
@@ -96,7 +96,7 @@ TEST(ContextStoreTest, ShowsWholeItemsToReadersWhileThreadsAdd) {
     };
     for (int round = 0; round < rounds; ++round) {
         const auto store = std::make_shared<context_store>();
-        std::latch start(adders + 1);
+        ThreadUtilities::tests::Latch start(adders + 1);
         std::atomic<int> ended{0};
         std::vector<std::thread> threads;
         for (int adder = 0; adder < adders; ++adder) {

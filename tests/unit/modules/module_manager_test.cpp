@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <latch>
 #include <thread>
 
 #include "foundation/ascii.h"
 #include "scripted_platform/modules_script.h"
+#include "support/latch.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -119,7 +119,7 @@ TEST_F(ModuleManagerTest, NothingFoundIsAnEmptyRecord) {
 
 TEST(ModuleManagerInstance, FirstCallsAtOnceMakeOneManager) {
     std::array<std::shared_ptr<ModuleManager>, 4> seen;
-    std::latch start(seen.size());
+    tests::Latch start(seen.size());
     {
         std::vector<std::jthread> threads;
         for (auto& instance : seen) {

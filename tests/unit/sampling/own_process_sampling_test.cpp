@@ -3,13 +3,12 @@
 #include <ThreadUtilities/Sampling.h>
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include <algorithm>
 #include <atomic>
 #include <mutex>
 
 #include "scripted_platform/clock_script.h"
+#include "support/latch.h"
 #include "unit/sampling/lower_layers.h"
 
 namespace ThreadUtilities {
@@ -137,14 +136,10 @@ TEST_F(OwnProcessSampling, ACaptureOfNothingCountsForItsThread) {
 
 TEST_F(OwnProcessSampling, CapturesOfSeveralWorkersOverlap) {
     scripted::setHardwareThreads(4);
-    // Returns only when both workers capture at the same time. Not a std::latch: a wake-up of it
-    // gets lost with the C++ library of the Windows build.
-    std::atomic<int> capturing = 0;
+    // Returns only when both workers capture at the same time.
+    tests::Latch bothCapture(2);
     layers.captureOwn = [&](unsigned int) {
-        ++capturing;
-        while (capturing < 2) {
-            std::this_thread::yield();
-        }
+        bothCapture.arrive_and_wait();
         scripted::advanceClock(1h);
         return Frames{1};
     };
