@@ -13,6 +13,8 @@
 namespace ThreadUtilities {
 namespace {
 
+using ASessionOfNaps = WithPromptSignals;
+
 struct Naps {
     std::atomic<int> count{0};
     std::atomic<bool> stop{false};
@@ -36,7 +38,7 @@ bool isIn(const CaptureSession& session, std::size_t count, void (*function)(Nap
                        [&](auto frame) { return frame > begin && frame < begin + 64; });
 }
 
-TEST(ASessionOfCaptures, SeesEveryWakeUp) {
+TEST_F(ASessionOfNaps, SeesEveryWakeUp) {
     Naps naps;
     TargetThread target([&](const std::atomic<bool>& stop) {
         while (!stop) {

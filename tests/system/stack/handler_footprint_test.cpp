@@ -11,6 +11,8 @@
 namespace ThreadUtilities {
 namespace {
 
+using TheHandler = WithPromptSignals;
+
 // An alternate stack that shows how far down it was used.
 class MeasuredStack {
  public:
@@ -57,7 +59,7 @@ bool isOutOfTheHandler() {
     return eventually([&] { return turns > before + 1; });
 }
 
-TEST(TheHandler, NeedsLittleOfTheStackOfItsThread) {
+TEST_F(TheHandler, NeedsLittleOfTheStackOfItsThread) {
     std::atomic<MeasuredStack*> measured{nullptr};
     TargetThread target([&](const std::atomic<bool>& stop) {
         MeasuredStack stack;

@@ -25,6 +25,12 @@
 namespace ThreadUtilities {
 namespace {
 
+using AGarbageStackPointer = WithPromptSignals;
+using Descriptors = WithPromptSignals;
+using AProcessThatMayNotBeDumped = WithPromptSignals;
+using AForkedChild = WithPromptSignals;
+using AMainThreadThatEndedFirst = WithPromptSignals;
+
 constexpr unsigned long long untouched = 0xDEAD;
 
 unsigned long long capture(unsigned int threadId, std::vector<unsigned long long>& frames) {
@@ -170,7 +176,7 @@ void spinWithStackPointer(std::uint64_t stackPointer, const std::atomic<bool>& s
     sigaltstack(&stack, nullptr);
 }
 
-TEST(AGarbageStackPointer, EndsTheWalkAndNothingElse) {
+TEST_F(AGarbageStackPointer, EndsTheWalkAndNothingElse) {
     for (const std::uint64_t garbage :
          {0x0ULL, 0x8ULL, 0xdeadbeefULL, 0x7fffffffffffULL, 0xdeadbeef00000000ULL, ~0ULL}) {
         std::atomic<bool> isGarbage{false};
@@ -192,7 +198,7 @@ std::size_t openDescriptors() {
     return count;
 }
 
-TEST(Descriptors, AreNotLeakedWhateverTheHostDoesToThem) {
+TEST_F(Descriptors, AreNotLeakedWhateverTheHostDoesToThem) {
     const Child child([] {
         TargetThread spinning(spinUntil);
         TargetThread blocked(blockUntil);
@@ -246,7 +252,7 @@ struct Sandbox {
     bool blockedThreadsAreSeen = true;
 };
 
-class InASandbox : public testing::TestWithParam<Sandbox> {};
+class InASandbox : public WithPromptSignals, public testing::WithParamInterface<Sandbox> {};
 
 TEST_P(InASandbox, WhatCannotBeDoneIsLeftOutQuietly) {
     const Child child([] {
@@ -285,7 +291,7 @@ INSTANTIATE_TEST_SUITE_P(Denied, InASandbox,
                                                  false}),
                          [](const auto& sandbox) { return sandbox.param.name; });
 
-TEST(AProcessThatMayNotBeDumped, CapturesItself) {
+TEST_F(AProcessThatMayNotBeDumped, CapturesItself) {
     const Child child([] {
         constexpr uid_t nobody = 65534;
         if (geteuid() == 0 && setuid(nobody) != 0) {
@@ -300,7 +306,7 @@ TEST(AProcessThatMayNotBeDumped, CapturesItself) {
     EXPECT_TRUE(child.endedWell());
 }
 
-TEST(AForkedChild, CapturesItsOwnThreadsWhileCapturesWereUnderWay) {
+TEST_F(AForkedChild, CapturesItsOwnThreadsWhileCapturesWereUnderWay) {
     TargetThread spinning(spinUntil);
     std::atomic<bool> stop{false};
     std::thread capturer([&] {
@@ -320,7 +326,7 @@ TEST(AForkedChild, CapturesItsOwnThreadsWhileCapturesWereUnderWay) {
     capturer.join();
 }
 
-TEST(AMainThreadThatEndedFirst, IsNoThreadAnyMore) {
+TEST_F(AMainThreadThatEndedFirst, IsNoThreadAnyMore) {
     const Child child([] {
         static const auto mainThread = static_cast<unsigned int>(gettid());
         std::thread([] {

@@ -158,7 +158,7 @@ struct Scenario {
     void (*stay)(Spot&);
 };
 
-class CapturedAt : public testing::TestWithParam<Scenario> {
+class CapturedAt : public WithPromptSignals, public testing::WithParamInterface<Scenario> {
  protected:
     static void interruptPoll(TargetThread& target) {
         struct sigaction action {};
@@ -196,6 +196,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Scenario{"BlockedInACoroutine", blockInCoroutine}),
     [](const auto& scenario) { return scenario.param.name; });
 
+using StackTraceOfEndingThreads = WithPromptSignals;
+
 TEST(StackTraceOfSelf, BeginsInTheFunctionItselfAndGoesOnWithItsCallers) {
     std::array<void*, 64> callers{};
     const int callerCount = backtrace(callers.data(), static_cast<int>(callers.size()));
@@ -216,7 +218,7 @@ TEST(StackTraceOfSelf, BeginsInTheFunctionItselfAndGoesOnWithItsCallers) {
     EXPECT_EQ(frames.size(), unsuspended.size());
 }
 
-TEST(StackTraceOfEndingThreads, IsShortOrWholeAndNeverHangs) {
+TEST_F(StackTraceOfEndingThreads, IsShortOrWholeAndNeverHangs) {
     std::atomic<bool> stop{false};
     std::atomic<unsigned int> latest{0};
     std::thread source([&] {

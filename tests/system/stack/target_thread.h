@@ -2,6 +2,7 @@
 
 // Threads to be captured, and what tests wait with.
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -75,6 +76,23 @@ inline KernelView kernelViewOf(unsigned int threadId) {
     }
     return view;
 }
+
+/// For tests that capture threads while they run.
+class WithPromptSignals : public testing::Test {
+ protected:
+    void SetUp() override {
+        if (signalsAreHeldBack()) {
+            GTEST_SKIP() << "signals reach no thread that runs: ThreadSanitizer holds them back";
+        }
+    }
+    static constexpr bool signalsAreHeldBack() {
+#if defined(__SANITIZE_THREAD__)
+        return true;
+#else
+        return false;
+#endif
+    }
+};
 
 inline void spinUntil(const std::atomic<bool>& stop) {
     while (!stop) {

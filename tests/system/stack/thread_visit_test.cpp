@@ -20,6 +20,8 @@ using platform::VisitorAnswer;
 using platform::VisitResult;
 using platform::visitThreadContext;
 
+using ThreadVisit = WithPromptSignals;
+
 struct Seen {
     int visits = 0;
     unsigned int visitedOn = 0;
@@ -83,7 +85,7 @@ void installHostHandler(void (*plain)(int), void (*withInfo)(int, siginfo_t*, vo
     ASSERT_EQ(sigaction(SIGURG, &action, &hostPrevious), 0);
 }
 
-TEST(ThreadVisit, ARunningThreadIsSeenWhereItRuns) {
+TEST_F(ThreadVisit, ARunningThreadIsSeenWhereItRuns) {
     TargetThread target(spinUntil);
     Seen seen;
     ASSERT_EQ(visit(target.id(), seen), VisitResult::Visited);
@@ -93,7 +95,7 @@ TEST(ThreadVisit, ARunningThreadIsSeenWhereItRuns) {
     EXPECT_EQ(seen.context.knownRegisters, platform::allRegisters);
 }
 
-TEST(ThreadVisit, WithoutSuspensionTheRegistersAreLookedAtFromOutside) {
+TEST_F(ThreadVisit, WithoutSuspensionTheRegistersAreLookedAtFromOutside) {
     TargetThread target(spinUntil);
     Seen seen;
     ASSERT_EQ(visit(target.id(), seen, false), VisitResult::Visited);
@@ -103,7 +105,7 @@ TEST(ThreadVisit, WithoutSuspensionTheRegistersAreLookedAtFromOutside) {
     EXPECT_NE(seen.context.registers[platform::Rsp], 0U);
 }
 
-TEST(ThreadVisit, ThreadsThatAreNotOursDoNotExist) {
+TEST_F(ThreadVisit, ThreadsThatAreNotOursDoNotExist) {
     unsigned int ended = 0;
     {
         TargetThread target([](const auto&) {});
@@ -116,7 +118,7 @@ TEST(ThreadVisit, ThreadsThatAreNotOursDoNotExist) {
     }
 }
 
-TEST(ThreadVisit, AThreadThatBlocksTheSignalIsGivenUpAndNeverVisitedLate) {
+TEST_F(ThreadVisit, AThreadThatBlocksTheSignalIsGivenUpAndNeverVisitedLate) {
     std::atomic<bool> blocked{false};
     std::atomic<bool> unblock{false};
     std::atomic<bool> unblocked{false};
@@ -141,7 +143,7 @@ TEST(ThreadVisit, AThreadThatBlocksTheSignalIsGivenUpAndNeverVisitedLate) {
     EXPECT_EQ(seen.visits, 1);
 }
 
-TEST(ThreadVisit, ThreadsVisitEachOther) {
+TEST_F(ThreadVisit, ThreadsVisitEachOther) {
     constexpr int rounds = 2000;
     std::array<std::atomic<unsigned int>, 2> ids{};
     std::array<int, 2> visited{};
@@ -164,7 +166,7 @@ TEST(ThreadVisit, ThreadsVisitEachOther) {
     EXPECT_EQ(visited[1], rounds);
 }
 
-TEST(ThreadVisit, SeveralVisitorsOfOneThreadAllSucceed) {
+TEST_F(ThreadVisit, SeveralVisitorsOfOneThreadAllSucceed) {
     TargetThread target(spinUntil);
     constexpr int visitors = 4;
     constexpr int rounds = 500;
@@ -184,7 +186,7 @@ TEST(ThreadVisit, SeveralVisitorsOfOneThreadAllSucceed) {
     EXPECT_EQ(visited, visitors * rounds);
 }
 
-TEST(ThreadVisit, SignalsOfTheHostReachItsHandlerAndOursDoNot) {
+TEST_F(ThreadVisit, SignalsOfTheHostReachItsHandlerAndOursDoNot) {
     const KeptSignalAction kept;
     TargetThread target(spinUntil);
     using Install = void (*)();
@@ -202,7 +204,7 @@ TEST(ThreadVisit, SignalsOfTheHostReachItsHandlerAndOursDoNot) {
     EXPECT_TRUE(hostSawInfo);
 }
 
-TEST(ThreadVisit, AHostThatChainsToItsPredecessorEndsInNoLoop) {
+TEST_F(ThreadVisit, AHostThatChainsToItsPredecessorEndsInNoLoop) {
     const KeptSignalAction kept;
     TargetThread target(spinUntil);
     for (int round = 1; round <= 3; ++round) {
@@ -218,7 +220,7 @@ TEST(ThreadVisit, AHostThatChainsToItsPredecessorEndsInNoLoop) {
     }
 }
 
-TEST(ThreadVisit, AHostThatResetsAllSignalsIsNoticed) {
+TEST_F(ThreadVisit, AHostThatResetsAllSignalsIsNoticed) {
     const KeptSignalAction kept;
     TargetThread target(spinUntil);
     for (int round = 0; round < 100; ++round) {
@@ -228,7 +230,7 @@ TEST(ThreadVisit, AHostThatResetsAllSignalsIsNoticed) {
     }
 }
 
-TEST(ThreadVisit, TheHostsHandlerRunsWithItsOwnMaskAndMayJumpAway) {
+TEST_F(ThreadVisit, TheHostsHandlerRunsWithItsOwnMaskAndMayJumpAway) {
     const KeptSignalAction kept;
     static sigjmp_buf jump;
     static std::atomic<int> jumps{0};
@@ -256,7 +258,7 @@ TEST(ThreadVisit, TheHostsHandlerRunsWithItsOwnMaskAndMayJumpAway) {
     }
 }
 
-TEST(ThreadVisit, AForkedChildVisitsItsOwnThreads) {
+TEST_F(ThreadVisit, AForkedChildVisitsItsOwnThreads) {
     TargetThread target(spinUntil);
     Seen seen;
     ASSERT_EQ(visit(target.id(), seen), VisitResult::Visited);
@@ -273,7 +275,7 @@ TEST(ThreadVisit, AForkedChildVisitsItsOwnThreads) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
-TEST(ThreadVisit, ErrnoAndVectorRegistersOfTheVisitedThreadStayIntact) {
+TEST_F(ThreadVisit, ErrnoAndVectorRegistersOfTheVisitedThreadStayIntact) {
     std::atomic<bool> intact{true};
     TargetThread target([&](const std::atomic<bool>& stop) {
         errno = 4711;
