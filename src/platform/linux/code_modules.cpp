@@ -11,6 +11,7 @@
 #include "platform/linux/module_identity.h"
 #include "platform/linux/module_table.h"
 #include "platform/memory.h"
+#include "platform/process_copy.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -44,6 +45,14 @@ struct PermanentModules {
     std::size_t count = 0;
 };
 PermanentModules permanentModules;
+
+// The thread that prepared may not be there any more.
+RestartInCopy prepareAnew([] {
+    if (!isPrepared.load(std::memory_order_relaxed)) {
+        permanentModules.count = 0;
+        isBeingPrepared.store(false, std::memory_order_relaxed);
+    }
+});
 
 std::uint64_t addressOf(const void* pointer) noexcept {
     return reinterpret_cast<std::uint64_t>(pointer);
@@ -124,18 +133,18 @@ void prepareModuleLookup() noexcept {
         }
         return;
     }
-    // Whoever comes while another thread is here goes on without: his lookups find nothing yet that
-    // is permanent, and are right all the same.
-    if (isBeingPrepared.exchange(true, std::memory_order_acquire)) {
-        return;
-    }
+    // Any number of threads may come this far; all store the same.
     findObject.store(reinterpret_cast<FindObject>(dlsym(RTLD_DEFAULT, "_dl_find_object")),
                      std::memory_order_relaxed);
     if (findObject.load(std::memory_order_relaxed) == nullptr) {
         refreshModuleTable();
     }
-    findPermanentModules();
-    isPrepared.store(true, std::memory_order_release);
+    // Whoever finds another thread here goes on without: to his lookups no module is permanent yet,
+    // and what they find is right all the same.
+    if (!isBeingPrepared.exchange(true, std::memory_order_acquire)) {
+        findPermanentModules();
+        isPrepared.store(true, std::memory_order_release);
+    }
 }
 
 bool findCodeModule(std::uint64_t address, bool staysLoaded, CodeModule& module) noexcept {
