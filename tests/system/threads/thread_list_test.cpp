@@ -21,6 +21,14 @@
 #include "child_process.h"
 #include "parked_thread.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+// A cancelled thread leaves its frames marked, and AddressSanitizer trips over its own mark when it
+// takes the thread's alternate stack away.
+extern "C" const char* __asan_default_options() {
+    return "use_sigaltstack=0";
+}
+#endif
+
 // Allocation can be made to fail on one thread, as the start of a thread sees it.
 static thread_local bool outOfMemory = false;
 
@@ -42,6 +50,12 @@ using ::testing::UnorderedElementsAreArray;
 constexpr bool UnderThreadSanitizer = true;
 #else
 constexpr bool UnderThreadSanitizer = false;
+#endif
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool UnderAddressSanitizer = true;
+#else
+constexpr bool UnderAddressSanitizer = false;
 #endif
 
 unsigned int ownId() {
@@ -324,6 +338,9 @@ TEST(ThreadListOnLinux, IsRightUnderConcurrentStartsAndEnds) {
 }
 
 TEST(ThreadListOnLinux, ACopyOfTheProcessStartsAfreshWhateverOthersDid) {
+    if (UnderAddressSanitizer) {
+        GTEST_SKIP() << "AddressSanitizer's allocator may stay locked in such a copy";
+    }
     constexpr int Copies = UnderThreadSanitizer ? 20 : 150;
     std::atomic<bool> stop{false};
     std::vector<std::thread> hammers;
@@ -364,7 +381,7 @@ TEST(ThreadListOnLinux, ACopyOfTheProcessStartsAfreshWhateverOthersDid) {
             thread.end();
             return getThreadIds() == std::vector<unsigned int>{self} ? 0 : 6;
         });
-        ASSERT_EQ(result, 0);
+        EXPECT_EQ(result, 0);
     }
     stop = true;
     for (std::thread& hammer : hammers) {
