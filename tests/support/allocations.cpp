@@ -40,6 +40,15 @@ void* operator new(std::size_t size) {
     return block;
 }
 
+// Replaced as well, because a sanitizer's own would not be given back by the functions below.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return operator new(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
 void operator delete(void* block) noexcept {
     aliveBlocks -= block != nullptr;
     std::free(block);
