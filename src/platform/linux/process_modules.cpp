@@ -63,6 +63,7 @@ LiveTask findLiveTask(unsigned int processId) {
     const std::unique_ptr<DIR, int (*)(DIR*)> threads(opendir((folder + "/task").c_str()),
                                                       closedir);
     while (threads && task.mapText.empty()) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own
         const dirent* const entry = readdir(threads.get());
         if (entry == nullptr) {
             break;

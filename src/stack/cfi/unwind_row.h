@@ -24,6 +24,7 @@ class RegisterRule {
 
     constexpr RegisterRule() noexcept = default;
     /// Precondition: `ruleValue` fits 56 bits with its sign, as `fits` tells.
+    // NOLINTNEXTLINE(google-explicit-constructor): a kind alone is a rule
     constexpr RegisterRule(Kind ruleKind, std::int64_t ruleValue = 0) noexcept
         : packed(static_cast<std::int64_t>(static_cast<std::uint64_t>(ruleValue) << 8) |
                  static_cast<std::int64_t>(ruleKind)) {}
