@@ -142,7 +142,9 @@ Outcome run(const Storm& storm, std::chrono::milliseconds duration) {
         capturing[me] = std::thread([&, me] {
             asTargets[me].noteCallers(__builtin_return_address(0));
             asTargets[me].threadId = static_cast<unsigned int>(gettid());
-            while (Clock::now() < end) {
+            // On a machine that is busy with other things the time may be over before the first
+            // one.
+            while (Clock::now() < end || capturers[me].outcome().captures == 0) {
                 for (const auto& target : targets) {
                     capturers[me].capture(*target);
                 }
