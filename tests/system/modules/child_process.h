@@ -40,6 +40,12 @@ class ChildProcess {
         }
     }
 
+    /// Waits until its last thread has ended, which may not be the first one.
+    void waitForEnd() const {
+        siginfo_t end;
+        waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOWAIT);
+    }
+
  private:
     pid_t pid;
 };

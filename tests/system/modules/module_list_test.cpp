@@ -169,7 +169,7 @@ TEST(ProcessModules, AreEmptyWhereThereIsNothingToInspect) {
     EXPECT_TRUE(platform::listModules(0xFFFFFFFF).empty());
     EXPECT_TRUE(platform::listModules(0x7FFFFFFF).empty());
     const ChildProcess ended([] { _exit(0); });
-    ended.waitForState('Z');
+    ended.waitForEnd();
     EXPECT_TRUE(platform::listModules(ended.id()).empty());
     EXPECT_EQ(getFrameDetails(ended.id(), 0x401000), L"");
 }
