@@ -17,6 +17,7 @@
 #include "capture_targets.h"
 #include "deep_stack.h"
 #include "platform/debugger.h"
+#include "platform/linux/blocked_thread.h"
 #include "platform/linux/capture_requests.h"
 #include "platform/linux/handler/capture_handler.h"
 #include "platform/linux/thread_stacks.h"
@@ -130,18 +131,28 @@ void RunningThreadAgainstBareSignal(benchmark::State& state) {
 }
 BENCHMARK(RunningThreadAgainstBareSignal)->Unit(benchmark::kMicrosecond);
 
+// After a signal the target needs a processor before it is back in its wait.
+void waitUntilBlocked(unsigned int threadId) {
+    const auto look = [](const platform::ThreadContext&, void*) noexcept {
+        return platform::VisitorAnswer::Enough;
+    };
+    while (platform::visitBlockedThread(threadId, true, look, nullptr) !=
+           platform::BlockedVisit::Visited) {
+        usleep(100);
+    }
+}
+
 void BlockedThreadAgainstBareSignal(benchmark::State& state) {
     capture_targets::stayOnProcessor(0);
     Target target(Target::Work::Block);
+    waitUntilBlocked(target.id());
     BareSignal bare(SIGUSR1);
     std::array<unsigned long long, room> frames;
     Duel duel;
     for (auto _ : state) {
         duel.turn([&] { visitAndWalk(target.id(), frames.data()); },
                   [&] { bare.roundTrip(target.handle()); });
-        // The target needs a moment to fall asleep again; what we do then finds our code cold.
-        usleep(100);
-        visitAndWalk(target.id(), frames.data());
+        waitUntilBlocked(target.id());
     }
     duel.report(state);
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 
 #include "platform/linux/capture_requests.h"
 #include "platform/linux/capture_signal.h"
@@ -11,6 +12,7 @@
 #include "platform/linux/stack_layout.h"
 #include "platform/linux/thread_stacks.h"
 #include "platform/linux/thread_status.h"
+#include "platform/thread_clock.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -50,15 +52,24 @@ void sleepUntil(PostedRequest& request, Clock::time_point end) {
     }
 }
 
-milliseconds patienceWith(Answerability answerability) {
-    switch (answerability) {
+// Whether a thread that blocks the signal will go on doing so: it waits for something with the
+// signal blocked, or used its processor for a while without unblocking it. One that got no
+// processor meanwhile may only have been stopped in the middle of a handler.
+bool blocksForLong(const ThreadStatus& status, std::uint64_t ranSince) {
+    constexpr std::uint64_t longRun = 2'000'000;
+    return status.sleeps || ranSince >= longRun;
+}
+
+milliseconds patienceWith(const ThreadStatus& status, std::uint64_t ranSince) {
+    switch (status.answerability) {
         case Answerability::CanAnswer:
             return longestWait;
+        case Answerability::BlocksSignal:
+            return blocksForLong(status, ranSince) ? milliseconds(0) : longestWait;
         case Answerability::Uninterruptible:
             return longestUninterruptibleWait;
         case Answerability::Unknown:
             return longestBlindWait;
-        case Answerability::BlocksSignal:
         case Answerability::Gone:
             break;
     }
@@ -72,6 +83,7 @@ VisitResult awaitAnswer(PostedRequest& request, unsigned int threadId, Waiting w
         spin(request);
     }
     const auto start = Clock::now();
+    const std::uint64_t ranAtStart = threadRunTime(threadId).value_or(0);
     milliseconds pause = firstLook;
     for (;;) {
         sleepUntil(request, Clock::now() + pause);
@@ -79,7 +91,8 @@ VisitResult awaitAnswer(PostedRequest& request, unsigned int threadId, Waiting w
             return VisitResult::Visited;
         }
         const ThreadStatus status = readThreadStatus(threadId);
-        if (Clock::now() - start >= patienceWith(status.answerability)) {
+        const std::uint64_t ranSince = threadRunTime(threadId).value_or(0) - ranAtStart;
+        if (Clock::now() - start >= patienceWith(status, ranSince)) {
             const bool answeredAtLast = !request.cancel();
             const bool gone = status.answerability == Answerability::Gone;
             return answeredAtLast ? VisitResult::Visited

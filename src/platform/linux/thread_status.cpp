@@ -52,6 +52,7 @@ ThreadStatus readThreadStatus(unsigned int threadId) noexcept {
         std::uint64_t signals = 0;
         if (line.starts_with(stateName) && line.size() > stateName.size()) {
             status.answerability = answerabilityIn(line[stateName.size()]);
+            status.sleeps = line[stateName.size()] == 'S';
         } else if (parseField(line, "SigPnd:", 16, signals)) {
             status.signalIsPending = contains(signals, captureSignal);
         } else if (parseField(line, "SigBlk:", 16, signals)) {

@@ -15,6 +15,7 @@ enum class Answerability {
 struct ThreadStatus {
     Answerability answerability = Answerability::Unknown;
     bool signalIsPending = false;
+    bool sleeps = false;  ///< waits in the kernel, interruptibly
 };
 
 ThreadStatus readThreadStatus(unsigned int threadId) noexcept;
