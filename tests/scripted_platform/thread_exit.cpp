@@ -1,5 +1,7 @@
 #include "platform/thread_exit.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
 #include <utility>
@@ -13,7 +15,7 @@ std::atomic<bool> isRefusing{false};
 
 /// Of one thread; the library has few of them, and asking must not allocate.
 struct Requests {
-    std::array<void (*)() noexcept, 8> functions;
+    std::array<void (*)() noexcept, 8> functions{};
     int count = 0;
 
     int run() {
@@ -24,11 +26,20 @@ struct Requests {
         }
         return calls;
     }
-
-    ~Requests() { run(); }
 };
 
-thread_local Requests requests;
+constinit thread_local Requests requests;
+
+/// Its value is set on every thread that asked. Made before all other keys, because the cross
+/// compiler keeps `thread_local` variables in blocks that a key of its own releases, and the keys
+/// of an ending thread are worked off there in the order in which they were made.
+struct Key {
+    Key() {
+        pthread_key_create(&key, [](void*) { requests.run(); });
+    }
+    pthread_key_t key{};
+};
+__attribute__((init_priority(101))) const Key ending;
 
 }  // namespace
 
@@ -50,7 +61,7 @@ ThreadExitCall::ThreadExitCall(void (*exitFunction)() noexcept) noexcept
     : function(exitFunction), systemKey(0) {}
 
 bool ThreadExitCall::request() noexcept {
-    if (isRefusing) {
+    if (isRefusing || pthread_setspecific(ending.key, &requests) != 0) {
         return false;
     }
     requests.functions.at(requests.count++) = function;
