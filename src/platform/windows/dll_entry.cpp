@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "platform/notices.h"
+#include "platform/windows/hand_on.h"
 
 // The loader calls this under its lock, on the thread that the notice concerns, one notice at a
 // time; the library's static objects are ready before the first. It reports success whatever the
@@ -11,13 +12,13 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD notice, LPVOID) {
     using namespace ThreadUtilities::platform;
     switch (notice) {
         case DLL_PROCESS_ATTACH:
-            onProcessAttach();
+            handOn(onProcessAttach);
             break;
         case DLL_THREAD_ATTACH:
-            onThreadAttach();
+            handOn(onThreadAttach);
             break;
         case DLL_THREAD_DETACH:
-            onThreadDetach();
+            handOn(onThreadDetach);
             break;
         default:
             break;

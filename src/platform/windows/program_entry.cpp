@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include "platform/notices.h"
+#include "platform/windows/hand_on.h"
 
 namespace {
 
@@ -14,7 +15,7 @@ using namespace ThreadUtilities::platform;
 // the library that need a constructor here, mutexes for example.
 struct ProcessAttach {
     ProcessAttach() {
-        onProcessAttach();
+        handOn(onProcessAttach);
         isAttached = true;
     }
     static constinit inline bool isAttached = false;
@@ -26,9 +27,9 @@ void NTAPI onNotice(PVOID, DWORD notice, PVOID) {
         return;
     }
     if (notice == DLL_THREAD_ATTACH) {
-        onThreadAttach();
+        handOn(onThreadAttach);
     } else if (notice == DLL_THREAD_DETACH) {
-        onThreadDetach();
+        handOn(onThreadDetach);
     }
 }
 

@@ -106,12 +106,11 @@ VisitResult stopAndShow(HANDLE thread, unsigned int threadId, ContextVisitor vis
     if (!beginVisit(visit, threadId)) {
         return VisitResult::NotAnswering;
     }
-    // Declared behind the visit, so that the thread runs again before the visit ends.
+    // Declared behind the visit, so that the thread runs again before the visit ends. A suspension
+    // that failed does not end the visit: a thread that others suspended as often as the system
+    // counts stands still all the same, and one that has ended has no context.
     const Suspension suspension(thread);
-    if (!suspension.isInForce()) {
-        return VisitResult::NoSuchThread;
-    }
-    return readAndShow(thread, true, visitor, state);
+    return readAndShow(thread, suspension.isInForce(), visitor, state);
 }
 
 }  // namespace
