@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <utility>
 
 #include "scripted_platform/thread_exit_script.h"
 
@@ -18,13 +17,10 @@ struct Requests {
     std::array<void (*)() noexcept, 8> functions{};
     int count = 0;
 
-    int run() {
-        const std::array<void (*)() noexcept, 8> called = functions;
-        const int calls = std::exchange(count, 0);
-        for (int i = 0; i < calls; ++i) {
-            called[i]();
+    ~Requests() {
+        for (int i = 0; i < count; ++i) {
+            functions[i]();
         }
-        return calls;
     }
 };
 
@@ -47,10 +43,6 @@ namespace scripted {
 
 void refuseThreadExitCalls(bool refuse) {
     isRefusing = refuse;
-}
-
-int runThreadExitCalls() {
-    return requests.run();
 }
 
 }  // namespace scripted

@@ -6,9 +6,7 @@
 #include <gtest/gtest.h>
 #include <link.h>
 #include <pthread.h>
-#include <sys/auxv.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -16,12 +14,13 @@
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "foundation/guid_text.h"
 #include "foundation/text_conversion.h"
 #include "platform/linux/process_map.h"
 #include "platform/modules.h"
-#include "system/modules/child_process.h"
+#include "support/copied_process.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -101,18 +100,11 @@ TEST(OwnModules, CoverEveryMappedCodeOfAFile) {
         if (!range.isExecutable || range.name.empty() || range.name == "[vsyscall]") {
             continue;
         }
-        const auto owner = std::find_if(modules.begin(), modules.end(), [&](const auto& module) {
+        covered += 1;
+        EXPECT_TRUE(std::any_of(modules.begin(), modules.end(), [&](const auto& module) {
             return module.imageBase <= range.begin &&
                    range.end <= module.imageBase + module.imageSize;
-        });
-        ASSERT_NE(owner, modules.end()) << range.name;
-        if (range.name == "[vdso]") {
-            EXPECT_EQ(textOf(owner->path), "linux-vdso.so.1");
-            EXPECT_EQ(owner->imageBase, getauxval(AT_SYSINFO_EHDR));
-        } else {
-            EXPECT_EQ(fs::canonical(textOf(owner->path)).string(), range.name);
-        }
-        ++covered;
+        })) << range.name;
     }
     EXPECT_GE(covered, 5) << "program, C library, C++ library, loader, kernel image";
 }
@@ -134,7 +126,7 @@ TEST(OwnModules, GuidsAreTheBuildIdsOfTheFiles) {
 }
 
 TEST(ProcessModules, AChildsListEqualsTheOwnOne) {
-    const ChildProcess child([] { pause(); });
+    const CopiedProcess child([] { pause(); });
     std::map<std::uint64_t, LoadedModule> own;
     for (LoadedModule& module : platform::listModules(ownId())) {
         own.emplace(module.imageBase, std::move(module));
@@ -153,13 +145,16 @@ TEST(ProcessModules, AChildsListEqualsTheOwnOne) {
 }
 
 TEST(ProcessModules, AreReadWhereTheFirstThreadHasEnded) {
-    const ChildProcess child([] {
+    const CopiedProcess child([] {
         pthread_t thread;
         pthread_create(
             &thread, nullptr, [](void*) -> void* { return pause(), nullptr; }, nullptr);
         syscall(SYS_exit, 0);
     });
-    child.waitForState('Z');
+    while (readAll("/proc/" + std::to_string(child.id()) + "/stat").find(") Z") ==
+           std::string::npos) {
+        std::this_thread::yield();
+    }
     const auto modules = platform::listModules(child.id());
     EXPECT_EQ(modules.size(), platform::listModules(ownId()).size());
 }
@@ -168,7 +163,7 @@ TEST(ProcessModules, AreEmptyWhereThereIsNothingToInspect) {
     EXPECT_TRUE(platform::listModules(0).empty());
     EXPECT_TRUE(platform::listModules(0xFFFFFFFF).empty());
     EXPECT_TRUE(platform::listModules(0x7FFFFFFF).empty());
-    const ChildProcess ended([] { _exit(0); });
+    const CopiedProcess ended([] { _exit(0); });
     ended.waitForEnd();
     EXPECT_TRUE(platform::listModules(ended.id()).empty());
     EXPECT_EQ(getFrameDetails(ended.id(), 0x401000), L"");
@@ -177,26 +172,16 @@ TEST(ProcessModules, AreEmptyWhereThereIsNothingToInspect) {
 TEST(FrameDetails, DescribeTheSameCodeInEveryProcess) {
     // A function that no sanitizer puts its own in front of.
     const auto address = reinterpret_cast<unsigned long long>(&gnu_get_libc_version) + 1;
-    const std::wstring text = getFrameDetails(0, address);
-    EXPECT_EQ(text.substr(0, 12), L"libc.so.6+0x");
-    EXPECT_EQ(text.substr(text.size() - 2), L"};");
-    EXPECT_EQ(getFrameDetails(ownId(), address), text);
-    const ChildProcess child([] { pause(); });
-    EXPECT_EQ(getFrameDetails(child.id(), address), text);
-
     Dl_info symbol;
     ASSERT_NE(dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &symbol), 0);
     const auto offset = address - reinterpret_cast<unsigned long long>(symbol.dli_fbase);
     std::wstringstream expected;
     expected << L"libc.so.6+0x" << std::hex << std::uppercase << offset << L'{';
+    const std::wstring text = getFrameDetails(0, address);
     EXPECT_EQ(text.substr(0, text.find(L'{') + 1), expected.str());
-}
-
-TEST(FrameDetails, AddressesInNoModuleAreEmpty) {
-    const auto heap = std::make_unique<int>();
-    EXPECT_EQ(getFrameDetails(0, reinterpret_cast<unsigned long long>(heap.get())), L"");
-    EXPECT_EQ(getFrameDetails(0, reinterpret_cast<unsigned long long>(&heap)), L"");
-    EXPECT_EQ(getFrameDetails(0, 0), L"");
+    const CopiedProcess child([] { pause(); });
+    EXPECT_EQ(getFrameDetails(child.id(), address), text);
+    EXPECT_EQ(getFrameDetails(0, reinterpret_cast<unsigned long long>(&symbol)), L"");
     EXPECT_EQ(getFrameDetails(0, ~0ull), L"");
 }
 

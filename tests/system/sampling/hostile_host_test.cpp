@@ -5,12 +5,11 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <system_error>
 
+#include "support/copied_process.h"
 #include "system/sampling/sampled_threads.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -23,20 +22,6 @@ namespace ThreadUtilities {
 namespace {
 
 using namespace std::chrono_literals;
-
-/// Runs `body` in a copy of this process; its result is the copy's exit code. A copy that hangs is
-/// ended by the alarm clock.
-template <typename Body>
-int inCopy(Body body) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        alarm(60);
-        _exit(body());
-    }
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return status;
-}
 
 std::size_t ownThreadCount() {
     return getThreadIds(static_cast<unsigned int>(getpid())).size();
@@ -54,7 +39,7 @@ TEST(HostileHost, ACopyMadeDuringASamplingCallCanSampleItself) {
     const int rounds = isSanitized ? 5 : 50;
     for (int round = 0; round < rounds; ++round) {
         const bool takesTime = round % 25 == 0;
-        const int status = inCopy([takesTime] {
+        const int status = runInCopy([takesTime] {
             const std::string report = sampleAllThreads(takesTime ? 1s : 0s, 100ms);
             const std::string self = "\n\nThread " + std::to_string(getThreadId()) + " [";
             const bool isSampled = report.find(self) != std::string::npos;
@@ -68,7 +53,7 @@ TEST(HostileHost, AWorkerThatCannotBeStartedIsAnException) {
     if (isSanitized) {
         GTEST_SKIP() << "sanitizers want more address space than the limit leaves";
     }
-    const int status = inCopy([] {
+    const int status = runInCopy([] {
         // Stacks that the address space has no room for.
         constexpr std::size_t stackSize = std::size_t{1} << 32;
         pthread_attr_t attributes;

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -12,11 +10,13 @@
 #include <ThreadUtilities/ScopedThreadName.h>
 #include <ThreadUtilities/Threads.h>
 
+#include "support/copied_process.h"
 #include "support/fresh_thread.h"
 
 namespace {
 
 using ThreadUtilities::IScopedThreadCallback;
+using ThreadUtilities::runInCopy;
 using ThreadUtilities::ScopedThreadName;
 using vesko::external_input::hint;
 using vesko::source::location;
@@ -53,32 +53,17 @@ class Counter : public IScopedThreadCallback {
     std::atomic<int> ends{0};
 };
 
-/// Runs `body` in a copy of this process and returns its exit status.
-template <typename Body>
-int inCopy(Body body) {
-    const pid_t copy = fork();
-    if (copy == 0) {
-        alarm(60);
-        _exit(body());
-    }
-    int status = 0;
-    waitpid(copy, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 TEST(ScopedThreadNameTest, GoesOnInACopiedProcess) {
     const auto counter = std::make_shared<Counter>();
     ScopedThreadName::registerCallback(counter);
     std::optional<ScopedThreadName> scope(std::in_place, "before", true);
     hint("h", "own").setAsExternalInputHint();
-    EXPECT_EQ(inCopy([&] {
+    EXPECT_EQ(runInCopy([&] {
                   const bool isWhole = hint::getExternalInputHintName() == "own" &&
                                        ThreadUtilities::getThreadName() == "before";
                   scope.reset();
                   return isWhole && counter->starts == 1 && counter->ends == 1 &&
-                                 ThreadUtilities::getThreadName().empty()
-                             ? 0
-                             : 1;
+                         ThreadUtilities::getThreadName().empty();
               }),
               0);
     scope.reset();
@@ -89,34 +74,29 @@ TEST(ScopedThreadNameTest, GoesOnInACopiedProcess) {
 // The copies are made while other threads hold the observers' lock and change their list.
 TEST(ScopedThreadNameTest, FindsTheObserversFreeInACopiedProcess) {
     const auto counter = std::make_shared<Counter>();
-    std::atomic<bool> isOver{false};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int i = 0; i < 2; ++i) {
-        threads.emplace_back([&] {
-            while (!isOver) {
+        threads.emplace_back([&](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
                 ScopedThreadName::registerCallback(counter);
                 ScopedThreadName::unRegisterCallback(counter);
             }
         });
     }
     for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(inCopy([] {
+        EXPECT_EQ(runInCopy([] {
                       const auto own = std::make_shared<Counter>();
                       ScopedThreadName::registerCallback(own);
                       { ScopedThreadName scope("x", true); }
                       ScopedThreadName::unRegisterCallback(own);
-                      return own->starts == 1 && own->ends == 1 ? 0 : 1;
+                      return own->starts == 1 && own->ends == 1;
                   }),
                   0);
-    }
-    isOver = true;
-    for (std::thread& thread : threads) {
-        thread.join();
     }
 }
 
 TEST(ScopedThreadNameTest, OutlivesTheEndOfMain) {
-    EXPECT_EQ(inCopy([] {
+    EXPECT_EQ(runInCopy([] {
                   const auto counter = std::make_shared<Counter>();
                   ScopedThreadName::registerCallback(counter);
                   for (int i = 0; i < 4; ++i) {

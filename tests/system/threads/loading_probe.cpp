@@ -12,7 +12,6 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -112,23 +111,6 @@ void checkStartsAndEnds(const Library& library, Ids expected) {
     expectList(library, expected, "all ended");
 }
 
-void checkCopy(const Library& library) {
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(60);
-        expect(library.mainThreadId() == ownId(), "main thread of a copy");
-        expectList(library, {ownId()}, "a copy's only thread");
-        ParkedThread thread;
-        expectList(library, {ownId(), thread.id()}, "a copy's thread");
-        thread.end();
-        expectList(library, {ownId()}, "a copy's thread ended");
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    expect(WIFEXITED(status) && WEXITSTATUS(status) == 0, "the copy");
-}
-
 // The C library serves a timer from threads that it makes behind everybody's back.
 std::atomic<bool> timerThreadListed{false};
 std::atomic<unsigned int> timerThread{0};
@@ -174,30 +156,20 @@ void checkEndOfFirstThread(const Library& library) {
             const auto first = static_cast<unsigned int>(getpid());
             expect(std::count(ids.begin(), ids.end(), ownId()) == 1, "the last thread");
             expect(std::count(ids.begin(), ids.end(), first) == 0, "the first thread ended");
-            {
-                ParkedThread thread;
-                const Ids more = used.threadIds();
-                expect(more.size() == ids.size() + 1 &&
-                           std::count(more.begin(), more.end(), thread.id()) == 1,
-                       "a thread without the first one");
-            }
-            expect(used.threadIds() == ids, "without the first one again");
             _exit(0);
         },
         nullptr);
     pthread_exit(nullptr);
 }
 
-// Ends the program. ThreadSanitizer has no state for a copy's threads, for those of timers, nor for
-// a first thread that is joined.
+// Ends the program. ThreadSanitizer has no state for the threads of timers, nor for a first thread
+// that is joined.
 void checkUncommon(const Library& library) {
 #if !defined(__SANITIZE_THREAD__)
-    checkCopy(library);
     checkTimerThread(library);
     checkEndOfFirstThread(library);
 #else
     expectList(library, {ownId()}, "the first thread alone");
-    (void)checkCopy;
     (void)checkTimerThread;
     (void)checkEndOfFirstThread;
     _exit(0);

@@ -1,17 +1,14 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 
-#include <array>
 #include <atomic>
 #include <fstream>
-#include <iterator>
 
 #include <ThreadUtilities/Threads.h>
 
-#include "child_process.h"
 #include "parked_thread.h"
+#include "support/copied_process.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -30,20 +27,15 @@ TEST(ThreadNamesOnLinux, AreKeptWholeWhileTheKernelGetsWholeCharacters) {
     };
     const std::string u = "\xC3\xBC";             // 2 bytes
     const std::string face = "\xF0\x9F\x98\x80";  // 4 bytes
-    for (const Case& oneCase : {Case{"short", "short"}, Case{"exactly15bytes!", "exactly15bytes!"},
-                                Case{"sixteen bytes ok", "sixteen bytes o"},
+    for (const Case& oneCase : {Case{"exactly15bytes!", "exactly15bytes!"},
                                 Case{"12345678901234" + u + "end", "12345678901234"},
                                 Case{"1234567890123" + u + u, "1234567890123" + u},
                                 Case{"123456789012" + face, "123456789012"},
-                                Case{"12345678901" + face + "x", "12345678901" + face},
-                                Case{face + face + face + face, face + face + face},
                                 Case{std::string(10000, 'n'), std::string(15, 'n')}}) {
-        std::string inside;
-        ParkedThread thread([&] {
+        const ParkedThread thread([&] {
             setThreadName(oneCase.name);
-            inside = getThreadName();
+            EXPECT_EQ(getThreadName(), oneCase.name);
         });
-        EXPECT_EQ(inside, oneCase.name);
         EXPECT_EQ(getThreadName(thread.id()), oneCase.name);
         EXPECT_EQ(kernelName(thread.id()), oneCase.inKernel);
     }
@@ -51,40 +43,23 @@ TEST(ThreadNamesOnLinux, AreKeptWholeWhileTheKernelGetsWholeCharacters) {
 
 TEST(ThreadNamesOnLinux, OneThatNobodyGaveReadsEmpty) {
     EXPECT_EQ(getThreadName(), "");
-    const std::string programName = kernelName(getThreadId());
-    ParkedThread unnamed;
-    EXPECT_EQ(kernelName(unnamed.id()), programName);
-    EXPECT_EQ(getThreadName(unnamed.id()), "");
-
-    std::string ofGrandchild = "not read";
-    std::string inKernel;
     ParkedThread named([&] {
+        const std::string before = kernelName(getThreadId());
         setThreadName("creator");
-        ParkedThread child([&] { ofGrandchild = getThreadName(); });
-        inKernel = kernelName(child.id());
+        const ParkedThread child([] { EXPECT_EQ(getThreadName(), ""); });
+        EXPECT_EQ(kernelName(child.id()), "creator") << "inherited";
         EXPECT_EQ(getThreadName(child.id()), "");
+        setThreadName("");
+        EXPECT_EQ(getThreadName(), "");
+        EXPECT_EQ(kernelName(getThreadId()), before);
+        setThreadName("again");
     });
-    EXPECT_EQ(ofGrandchild, "");
-    EXPECT_EQ(inKernel, "creator");
-    EXPECT_EQ(getThreadName(named.id()), "creator");
-    EXPECT_EQ(getThreadName(0), "");
-    EXPECT_EQ(getThreadName(0xFFFFFFFF), "");
     const unsigned int ended = named.id();
+    EXPECT_EQ(getThreadName(ended), "again");
     named.end();
     EXPECT_EQ(getThreadName(ended), "");
-}
-
-TEST(ThreadNamesOnLinux, AnEmptyOneTakesTheNameAway) {
-    std::string before;
-    std::string after;
-    ParkedThread thread([&] {
-        before = kernelName(getThreadId());
-        setThreadName("for a while");
-        setThreadName("");
-        after = kernelName(getThreadId());
-    });
-    EXPECT_EQ(getThreadName(thread.id()), "");
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(getThreadName(0), "");
+    EXPECT_EQ(getThreadName(0xFFFFFFFF), "");
 }
 
 TEST(ThreadNamesOnLinux, ThoseThatOtherCodeGivesAreSeen) {
@@ -92,14 +67,8 @@ TEST(ThreadNamesOnLinux, ThoseThatOtherCodeGivesAreSeen) {
     ASSERT_EQ(pthread_setname_np(thread.handle(), "by others"), 0);
     EXPECT_EQ(getThreadName(thread.id()), "by others");
     // Cut within a character by the kernel.
-    std::string inside;
-    ParkedThread cut([&] {
-        prctl(PR_SET_NAME, "12345678901234\xC3\xBC");
-        inside = getThreadName();
-        setThreadName("own again");
-    });
-    EXPECT_EQ(inside, "12345678901234\xEF\xBF\xBD");
-    EXPECT_EQ(getThreadName(cut.id()), "own again");
+    const ParkedThread cut([] { prctl(PR_SET_NAME, "12345678901234\xC3\xBC"); });
+    EXPECT_EQ(getThreadName(cut.id()), "12345678901234\xEF\xBF\xBD");
 }
 
 // The creator may name a thread before that thread has run at all.
@@ -117,81 +86,43 @@ TEST(ThreadNamesOnLinux, ANameGivenRightAfterTheStartIsNotTakenForAnInheritedOne
     }
 }
 
-TEST(ThreadNamesOnLinux, OtherProcessesShowTheKernels) {
-    std::array<int, 2> ready;
-    ASSERT_EQ(pipe(ready.data()), 0);
-    std::array<int, 2> leave;
-    ASSERT_EQ(pipe(leave.data()), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(60);
-        close(leave[1]);
-        setThreadName("a child's name beyond the kernel's");
-        char byte = 0;
-        (void)!write(ready[1], &byte, 1);
-        (void)!read(leave[0], &byte, 1);
-        _exit(0);
-    }
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
-    EXPECT_EQ(getThreadName(static_cast<unsigned int>(child)), "a child's name ");
-    for (const int end : {leave[0], leave[1], ready[0], ready[1]}) {
-        close(end);
-    }
-    waitpid(child, nullptr, 0);
-}
-
-TEST(ThreadNamesOnLinux, ACopyKeepsTheNameOfItsOnlyThread) {
+TEST(ThreadNamesOnLinux, OtherProcessesShowTheKernelsAndKeepTheirOwn) {
     int result = -1;
-    ParkedThread other([] { setThreadName("does not come along"); });
-    ParkedThread thread([&] {
+    const ParkedThread thread([&] {
         setThreadName("the thread that forks, by its whole name");
-        result = runInCopy([&] {
-            if (getThreadName() != "the thread that forks, by its whole name") {
-                return 1;
-            }
-            return getThreadName(static_cast<unsigned int>(gettid())) == getThreadName() &&
-                           getThreadIds().size() == 1
-                       ? 0
-                       : 2;
+        CopiedProcess child([] {
+            return getThreadName() == "the thread that forks, by its whole name" &&
+                   getThreadName(getThreadId()) == getThreadName();
         });
+        EXPECT_EQ(getThreadName(child.id()), "the thread that");
+        result = child.result();
     });
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(getThreadName(other.id()), "does not come along");
 }
 
 // A reader gets one of the names that the thread gave itself, whole, or that of none.
 TEST(ThreadNamesOnLinux, ReadersSeeTheNameBeforeOrAfterAChange) {
     const std::string even(40, 'e');
     const std::string odd(70, 'o');
-    std::atomic<bool> stop{false};
     std::promise<unsigned int> started;
-    std::thread changing([&] {
+    std::jthread changing([&](const std::stop_token& stop) {
         setThreadName(even);
         started.set_value(getThreadId());
-        while (!stop) {
+        while (!stop.stop_requested()) {
             setThreadName(odd);
             setThreadName(even);
         }
     });
     const unsigned int id = started.get_future().get();
-    std::vector<std::thread> readers;
-    std::atomic<int> wrong{0};
+    std::vector<std::jthread> readers;
     for (int reader = 0; reader < 2; ++reader) {
         readers.emplace_back([&] {
             for (int count = 0; count < 3000; ++count) {
                 const std::string name = getThreadName(id);
-                wrong += name == even || name == odd ? 0 : 1;
+                EXPECT_TRUE(name == even || name == odd) << name;
             }
         });
     }
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
-    stop = true;
-    changing.join();
-    EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(getThreadName(id), "");
 }
 
 }  // namespace

@@ -27,19 +27,17 @@ using vesko::source::location;
 const location here = location::current("C:\\work\\net/Worker.cpp", 57, "Worker::run");
 
 /// A location made on a thread with a hint of this id and name, and with a store.
-location postedWith(const hint& posted, std::shared_ptr<context_store>& store) {
+location postedWith(const hint& posted, std::shared_ptr<context_store>* store = nullptr) {
     location result = here;
     onFreshThread([&] {
         posted.setAsExternalInputHint();
-        store = context_store::getOrCreateStore();
+        const auto made = context_store::getOrCreateStore();
+        if (store != nullptr) {
+            *store = made;
+        }
         result = location::current("Worker.cpp", 57, "Worker::run");
     });
     return result;
-}
-
-location postedWith(const hint& posted) {
-    std::shared_ptr<context_store> store;
-    return postedWith(posted, store);
 }
 
 TEST(ScopedThreadNameTest, NamesTheThreadUntilItEnds) {
@@ -112,7 +110,7 @@ TEST(ScopedThreadNameTest, LeavesTheNameAloneWithoutFileOrFunction) {
 
 TEST(ScopedThreadNameTest, HandsTheHintOverAndPutsItBack) {
     std::shared_ptr<context_store> store;
-    const location posted = postedWith(hint("k", "posted"), store);
+    const location posted = postedWith(hint("k", "posted"), &store);
     onFreshThread([&] {
         {
             ScopedThreadName scope(posted);
@@ -140,20 +138,16 @@ TEST(ScopedThreadNameTest, HandsTheHintOverAndPutsItBack) {
 
 TEST(ScopedThreadNameTest, EndsTheHintWhereNoneIsTakenOver) {
     const location posted = postedWith(hint("k", "posted"));
-    onFreshThread([&] {
-        std::optional<ScopedThreadName> scope;
-        hint("h", "own").setAsExternalInputHint();
-        scope.emplace(typeid(int), posted);
-        EXPECT_EQ(hint::getExternalInputHintId(), "h");
-        scope.reset();
-        EXPECT_EQ(hint::getExternalInputHint(), nullptr);
-
-        hint("h", "own").setAsExternalInputHint();
-        scope.emplace("name", true);
-        EXPECT_EQ(hint::getExternalInputHintId(), "h");
-        scope.reset();
-        EXPECT_EQ(hint::getExternalInputHint(), nullptr);
-    });
+    for (const bool hasType : {true, false}) {
+        onFreshThread([&] {
+            std::optional<ScopedThreadName> scope;
+            hint("h", "own").setAsExternalInputHint();
+            hasType ? scope.emplace(typeid(int), posted) : scope.emplace("name", true);
+            EXPECT_EQ(hint::getExternalInputHintId(), "h");
+            scope.reset();
+            EXPECT_EQ(hint::getExternalInputHint(), nullptr);
+        });
+    }
 }
 
 TEST(ScopedThreadNameTest, CopiesPutBackOnceMore) {

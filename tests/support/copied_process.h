@@ -1,0 +1,66 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <type_traits>
+
+namespace ThreadUtilities {
+
+/// A copy of this process that runs `body`, for what a test must not do to its own process. It ends
+/// with the body's result (well, where that is nothing or true), with an alarm when it hangs, and
+/// with this object at the latest.
+class CopiedProcess {
+ public:
+    template <typename Body>
+    explicit CopiedProcess(Body body) : pid(fork()) {
+        if (pid == 0) {
+            alarm(120);
+            if constexpr (std::is_void_v<decltype(body())>) {
+                body();
+                _exit(0);
+            } else if constexpr (std::is_same_v<decltype(body()), bool>) {
+                _exit(body() ? 0 : 1);
+            } else {
+                _exit(body());
+            }
+        }
+    }
+    ~CopiedProcess() {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+    CopiedProcess(const CopiedProcess&) = delete;
+    CopiedProcess& operator=(const CopiedProcess&) = delete;
+
+    unsigned int id() const { return static_cast<unsigned int>(pid); }
+
+    /// Waits for its end; its exit code, or -1 where a signal ended it.
+    int result() {
+        int status = 0;
+        EXPECT_EQ(waitpid(pid, &status, 0), pid);
+        pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    bool endedWell() { return result() == 0; }
+
+    /// Waits until it has ended, and leaves it unburied.
+    void waitForEnd() const {
+        siginfo_t info;
+        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    }
+
+ private:
+    pid_t pid;
+};
+
+template <typename Body>
+int runInCopy(Body body) {
+    return CopiedProcess(body).result();
+}
+
+}  // namespace ThreadUtilities
