@@ -265,6 +265,9 @@ void setOwnThreadName(std::string_view name) {
     prctl(PR_SET_NAME, record->current.inKernel.data());
     const std::lock_guard lock(bucket.mutex);
     record->changing = false;
+    // Because a reader may have read the kernel's name before that line and comes here after it,
+    // the end counts as a change too; otherwise the previous name would look like somebody else's.
+    ++record->changes;
 }
 
 std::string readThreadName(unsigned int threadId) {
