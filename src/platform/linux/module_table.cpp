@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 
+#include "platform/linux/loader_list.h"
 #include "platform/process_copy.h"
 
 namespace ThreadUtilities::platform {
@@ -95,7 +96,7 @@ void refreshModuleTable() noexcept {
         return;
     }
     std::size_t count = 0;
-    dl_iterate_phdr(addModule, &count);
+    walkLoaderList(addModule, &count);
     if (count != 0) {
         entryCount.store(count, std::memory_order_relaxed);
         version.store((version.load(std::memory_order_relaxed) | 1) + 1, std::memory_order_release);

@@ -14,6 +14,7 @@
 #include "foundation/ascii.h"
 #include "foundation/text_conversion.h"
 #include "platform/linux/elf_image.h"
+#include "platform/linux/loader_list.h"
 #include "platform/linux/process_map.h"
 #include "platform/linux/process_modules.h"
 
@@ -104,15 +105,17 @@ int collectModule(dl_phdr_info* info, std::size_t, void* state) noexcept {
 }
 
 /// Walks until everything fits. Only modules that are loaded between two walks cost another one.
-LoaderWalk walkLoaderList() {
+std::optional<LoaderWalk> collectModules() {
     LoaderWalk walk;
-    dl_iterate_phdr(collectModule, &walk);
+    if (!walkLoaderList(collectModule, &walk)) {
+        return std::nullopt;
+    }
     while (!walk.fits()) {
         walk.modules.resize(std::max(walk.modules.size(), walk.moduleCount + 16));
         walk.names.resize(std::max(walk.names.size(), walk.nameBytes + PATH_MAX));
         walk.moduleCount = 0;
         walk.nameBytes = 0;
-        dl_iterate_phdr(collectModule, &walk);
+        walkLoaderList(collectModule, &walk);
     }
     return walk;
 }
@@ -147,10 +150,11 @@ WideString pathOf(const FoundModule& module, std::string_view loaderName) {
 }  // namespace
 
 std::optional<std::vector<LoadedModule>> listOwnModules() {
-    const LoaderWalk walk = walkLoaderList();
-    if (walk.loadedModules > walk.moduleCount) {
+    const std::optional<LoaderWalk> collected = collectModules();
+    if (!collected || collected->loadedModules > collected->moduleCount) {
         return std::nullopt;
     }
+    const LoaderWalk& walk = *collected;
     std::vector<LoadedModule> modules;
     modules.reserve(walk.moduleCount);
     std::size_t nameBegin = 0;
@@ -168,7 +172,7 @@ std::optional<std::vector<LoadedModule>> listOwnModules() {
 
 std::optional<ModuleListVersion> ownModuleListVersion() noexcept {
     std::optional<ModuleListVersion> version;
-    dl_iterate_phdr(
+    walkLoaderList(
         [](dl_phdr_info* info, std::size_t size, void* state) noexcept {
             constexpr std::size_t countsEnd =
                 offsetof(dl_phdr_info, dlpi_subs) + sizeof(info->dlpi_subs);

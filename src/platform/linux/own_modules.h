@@ -10,10 +10,11 @@
 namespace ThreadUtilities::platform {
 
 /// The modules in the loader's order. None when the loader does not show all of them (it hides
-/// those of other link-map namespaces).
+/// those of other link-map namespaces), or none at all in a copy of a process.
 std::optional<std::vector<LoadedModule>> listOwnModules();
 
-/// The loader's counts of modules loaded and unloaded since the start of the process.
+/// The loader's counts of modules loaded and unloaded since the start of the process, where it can
+/// be asked.
 std::optional<ModuleListVersion> ownModuleListVersion() noexcept;
 
 }  // namespace ThreadUtilities::platform
