@@ -47,12 +47,5 @@ TEST(SystemLibraryOnLinux, BindsWhatTheSystemHasAndRefusesTheRest) {
     }
 }
 
-TEST(SystemLibraryOnLinux, PathsAreAbsoluteFromTheRootOnly) {
-    EXPECT_TRUE(platform::isAbsolutePath(wide<"/lib">));
-    EXPECT_FALSE(platform::isAbsolutePath(wide<"lib">));
-    EXPECT_FALSE(platform::isAbsolutePath({}));
-    EXPECT_EQ(withTrailingBackslash(wideFromAscii("/lib")), wide<"/lib/">);
-}
-
 }  // namespace
 }  // namespace ThreadUtilities

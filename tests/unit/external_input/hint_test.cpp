@@ -142,6 +142,7 @@ TEST(LocationTest, CapturesHintAndStoreOfItsThread) {
             allocations::FailAfter fail(0);
             EXPECT_EQ(location::current().externalInputHint, nullptr) << "without memory";
         }
+        hint::clearExternalInputHint();
         store.reset();
         EXPECT_EQ(full.contextStore.lock(), nullptr) << "a location keeps no store alive";
         const std::weak_ptr<context_store> empty;

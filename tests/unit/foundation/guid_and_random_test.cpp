@@ -3,8 +3,6 @@
 #include <limits>
 #include <map>
 #include <set>
-#include <tuple>
-#include <vector>
 
 #include "foundation/ascii.h"
 #include "foundation/guid_text.h"
@@ -46,23 +44,6 @@ TEST_F(Random, DrawsEveryValueOfTheRangeAndNoOther) {
         // Far outside of chance: 2000 is expected, and the standard deviation is 42.
         EXPECT_GT(count, 1500) << value;
     }
-}
-
-TEST_F(Random, SignsAreDrawnThroughTheHook) {
-    std::vector<std::tuple<int, int, bool>> asked;
-    int sign = 2;
-    randomIntHook = [&](int lo, int hi, bool randomSign) {
-        asked.emplace_back(lo, hi, randomSign);
-        return sign;
-    };
-    EXPECT_EQ(randomInt(5, 5, true), 5) << "nothing is drawn where there is no choice";
-    EXPECT_TRUE(asked.empty());
-    const int negative = randomInt(1, 10, true);
-    EXPECT_TRUE(negative >= -10 && negative <= -1) << negative;
-    sign = 1;
-    const int positive = randomInt(1, 10, true);
-    EXPECT_TRUE(positive >= 1 && positive <= 10) << positive;
-    EXPECT_EQ(asked, (std::vector{std::tuple(1, 2, false), std::tuple(1, 2, false)}));
 }
 
 TEST_F(Random, TheWholeRangeOfIntIsAllowed) {

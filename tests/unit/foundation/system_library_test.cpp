@@ -61,13 +61,5 @@ TEST_F(SystemLibrary, WhereThePathSyntaxUsesSlashesOnlyTheFileNameIsTested) {
     EXPECT_EQ(script.opened.size(), 1u) << "without a folder the root must not stand in for it";
 }
 
-TEST_F(SystemLibrary, PathPieces) {
-    EXPECT_TRUE(isSafeLibraryPath(wide<"C:\\x.dll">));
-    EXPECT_FALSE(isSafeLibraryPath({}));
-    EXPECT_EQ(withTrailingBackslash({}), wide<"\\">);
-    EXPECT_EQ(withTrailingBackslash(wideFromAscii("C:\\")), wide<"C:\\">);
-    EXPECT_EQ(withTrailingBackslash(wideFromAscii("C:")), wide<"C:\\">);
-}
-
 }  // namespace
 }  // namespace ThreadUtilities

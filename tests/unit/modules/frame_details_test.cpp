@@ -56,13 +56,6 @@ TEST_F(FrameDetailsTest, TheFileNameIsTheLastPieceThatIsNotEmpty) {
     }
 }
 
-TEST_F(FrameDetailsTest, ProcessZeroIsTheCallingProcess) {
-    scripted::setCurrentProcessId(process);
-    load(wideFromAscii("/a"), std::nullopt);
-    EXPECT_FALSE(describeFrame(0, 0x400001).empty());
-    EXPECT_EQ(describeFrame(0, 0x400001), describeFrame(process, 0x400001));
-}
-
 TEST_F(FrameDetailsTest, TheExportedTextHasWholeCharacters) {
     load(WideString{'/', 0xD83D, 0xDE00, 0x00E9, 0xD83D}, std::nullopt);
     const std::wstring text = getFrameDetails(process, 0x400001);

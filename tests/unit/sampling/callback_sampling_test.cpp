@@ -124,25 +124,6 @@ TEST_F(CallbackSampling, FocusThreadIsSampledOncePerIntervalAndSleptFor) {
     EXPECT_EQ(recorder.calls[2].room, 1u) << "the worker keeps its vector";
 }
 
-TEST_F(CallbackSampling, AWaitIsCutToWholeMilliseconds) {
-    scripted::setAdvancePerReading(300us);
-    sampleFocus(1s, 10ms);
-    for (const milliseconds sleep : scripted::sleeps()) {
-        EXPECT_GT(sleep, 0ms) << "less than a millisecond is no sleep at all";
-        EXPECT_LT(sleep, 10ms);
-    }
-}
-
-TEST_F(CallbackSampling, TheLastSleepMayPassTheDeadline) {
-    const auto before = scripted::sleeps().size();
-    EXPECT_EQ(sampleFocus(1s, 1min).substr(0, 22), "Total sample count: 1\n");
-    milliseconds slept{};
-    for (std::size_t index = before; index < scripted::sleeps().size(); ++index) {
-        slept += scripted::sleeps()[index];
-    }
-    EXPECT_EQ(slept, milliseconds(1min));
-}
-
 TEST_F(CallbackSampling, NothingCapturedIsDroppedForTheFocusThreadOnly) {
     recorder.answer = [](unsigned int, auto&) { return 0ull; };
     scripted::setAdvancePerReading(10ms);

@@ -84,15 +84,6 @@ class StackTrace : public testing::Test {
     }
 };
 
-TEST_F(StackTrace, UnderADebuggerNothingIsWrittenAndNobodyIsVisited) {
-    scripted::setVisit(other, {{contextOf(3, 10, true)}});
-    scripted::setDebuggerAttached(true);
-    EXPECT_EQ(capture(self, 8), 0U);
-    EXPECT_EQ(capture(other, 8), 0U);
-    EXPECT_TRUE(untouchedFrom(0));
-    EXPECT_TRUE(scripted::visits().empty());
-}
-
 TEST_F(StackTrace, WithoutRoomForFramesNothingIsWrittenAndNobodyIsVisited) {
     scripted::setVisit(other, {{contextOf(3, 10, true)}});
     for (const unsigned int thread : {self, other}) {

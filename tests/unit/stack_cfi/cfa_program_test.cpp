@@ -33,34 +33,6 @@ class CfaProgram : public testing::Test {
     UnwindRow row;
 };
 
-TEST_F(CfaProgram, StartsWithTheRulesOfTheCommonPart) {
-    ASSERT_TRUE(run({}));
-    EXPECT_EQ(row.frameAddress.base, platform::Rsp);
-    EXPECT_EQ(row.frameAddress.offset, 8);
-    EXPECT_EQ(rule(platform::Rip), RegisterRule(Kind::AtOffset, -8));
-    EXPECT_EQ(rule(platform::Rbp), RegisterRule(Kind::SameValue));
-}
-
-TEST_F(CfaProgram, EndsBeforeTheFirstLocationBeyondTheAddress) {
-    // advance 1; cfa offset 16; rbp at -16; advance 3; cfa register rbp; then by 1, 2 and 4 bytes
-    const Bytes pushFrame = {0x41, 0x0E, 16, 0x86, 2,  0x43, 0x0D, 6, 0x02, 0x10, 0x0E, 24,
-                             0x03, 0,    1,  0x0E, 32, 0x04, 0,    0, 1,    0,    0x0E, 40};
-    struct Expected {
-        std::uint64_t address;
-        int base;
-        std::int64_t offset;
-    };
-    for (const Expected& expected :
-         {Expected{0x1000, platform::Rsp, 8}, Expected{0x1001, platform::Rsp, 16},
-          Expected{0x1003, platform::Rsp, 16}, Expected{0x1004, platform::Rbp, 16},
-          Expected{0x1014, platform::Rbp, 24}, Expected{0x1114, platform::Rbp, 32},
-          Expected{0x11114, platform::Rbp, 40}}) {
-        ASSERT_TRUE(run(pushFrame, expected.address));
-        EXPECT_EQ(row.frameAddress.base, expected.base) << std::hex << expected.address;
-        EXPECT_EQ(row.frameAddress.offset, expected.offset) << std::hex << expected.address;
-    }
-}
-
 TEST_F(CfaProgram, KnowsEveryInstruction) {
     struct Case {
         Bytes program;
@@ -100,18 +72,6 @@ TEST_F(CfaProgram, RemembersTheFrameAddressAsWell) {
     EXPECT_EQ(row.frameAddress.offset, 16);
     ASSERT_TRUE(run({0x13, 0x7D}));
     EXPECT_EQ(row.frameAddress.offset, 24);
-}
-
-TEST_F(CfaProgram, KeepsExpressionsWhereTheyStand) {
-    ASSERT_TRUE(run({0x0F, 2, 0x77, 8, 0x10, 6, 1, 0x30, 0x16, 3, 1, 0x31}));
-    EXPECT_TRUE(row.frameAddress.isExpression);
-    EXPECT_EQ(row.frameAddress.expression, program.data() + 1);
-    EXPECT_EQ(rule(platform::Rbp).kind(), Kind::AtExpression);
-    EXPECT_EQ(rule(platform::Rbp).expression(), program.data() + 6);
-    EXPECT_EQ(rule(platform::Rbx).kind(), Kind::IsExpression);
-    // A plain rule takes its place again.
-    ASSERT_TRUE(run({0x0F, 2, 0x77, 8, 0x0C, 7, 16}));
-    EXPECT_FALSE(row.frameAddress.isExpression);
 }
 
 TEST_F(CfaProgram, RefusesWhatMakesNoSense) {
