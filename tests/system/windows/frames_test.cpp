@@ -199,6 +199,26 @@ TEST(Frames, AFaultEndsTheWalkAndKeepsTheFramesBeforeIt) {
     }
 }
 
+// The thread stands at a place that is not its own while it is captured.
+TEST(Frames, AThreadRunsOnAfterAFaultInItsWalk) {
+    const EdgeOfMemory memory;
+    TargetThread target(TargetThread::spin);
+    SuspendThread(target.handle());
+    CONTEXT context{};
+    context.ContextFlags = CONTEXT_FULL;
+    ASSERT_NE(GetThreadContext(target.handle(), &context), 0);
+    CONTEXT damaged = context;
+    damaged.Rip = reinterpret_cast<std::uint64_t>(framesTestKnownFunction) + 6;
+    damaged.Rsp = reinterpret_cast<std::uint64_t>(memory.end());
+    ASSERT_NE(SetThreadContext(target.handle(), &damaged), 0);
+    Frames frames{};
+    frames[0] = 0x5555;
+    EXPECT_EQ(getStackTrace(target.id(), frames.data(), frames.size(), true), 0u);
+    EXPECT_EQ(frames[0], 0u);
+    SetThreadContext(target.handle(), &context);
+    EXPECT_EQ(ResumeThread(target.handle()), 1u);
+}
+
 /// The first address behind the prologue of every function of ntdll: there all of its unwind
 /// entry applies. (In the middle of an instruction Wine's unwinder has been seen to run forever.)
 std::vector<std::uint64_t> addressesBehindPrologues() {

@@ -52,14 +52,21 @@ TEST(ThreadContext, AThreadStandsExactlyForTheVisit) {
     }
 }
 
+// The second thread is suspended as often as the system counts: a visit finds it at a standstill,
+// and must not resume what it could not suspend.
 TEST(ThreadContext, AVisitEndsOnlyItsOwnSuspension) {
-    TargetThread target(TargetThread::block);
-    SuspendThread(target.handle());
-    Sight sight;
-    sight.thread = target.handle();
-    EXPECT_EQ(visitThreadContext(target.id(), true, look, &sight), VisitResult::Visited);
-    EXPECT_EQ(sight.suspendCount, 2u);
-    EXPECT_EQ(ResumeThread(target.handle()), 1u) << "the suspension from before";
+    for (const unsigned int suspensions : {1u, static_cast<unsigned int>(MAXIMUM_SUSPEND_COUNT)}) {
+        TargetThread target(TargetThread::block);
+        for (unsigned int count = 0; count < suspensions; ++count) {
+            SuspendThread(target.handle());
+        }
+        Sight sight;  // without the thread, whose count the visitor would change
+        EXPECT_EQ(visitThreadContext(target.id(), true, look, &sight), VisitResult::Visited);
+        EXPECT_EQ(sight.visits, 1);
+        for (unsigned int count = suspensions; count > 0; --count) {
+            EXPECT_EQ(ResumeThread(target.handle()), count);
+        }
+    }
 }
 
 TEST(ThreadContext, WhatIsNoThreadOfThisProcessIsNotVisited) {

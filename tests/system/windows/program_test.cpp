@@ -1,0 +1,187 @@
+// The DLL as a program uses it, linked through its import library.
+
+#include <gtest/gtest.h>
+#include <process.h>
+#include <windows.h>
+
+#include <ThreadUtilities/ThreadUtilities.h>
+
+#include <atomic>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "windows_support/target_thread.h"
+
+namespace ThreadUtilities {
+namespace {
+
+using namespace std::chrono_literals;
+using tests::TargetThread;
+using vesko::external_input::context_store;
+using vesko::external_input::hint;
+
+/// The lines of the block of a sampled thread, its heading first; none without such a block.
+std::vector<std::string> blockOf(unsigned int threadId, const std::string& report) {
+    std::vector<std::string> block;
+    std::istringstream lines(report);
+    const std::string heading = "Thread " + std::to_string(threadId) + " [";
+    for (std::string line; std::getline(lines, line) && (block.empty() || !line.empty());) {
+        if (!block.empty() || line.starts_with(heading)) {
+            block.push_back(line);
+        }
+    }
+    return block;
+}
+
+bool matches(const std::string& text, const std::string& pattern) {
+    return std::regex_search(text, std::regex(pattern));
+}
+
+const std::string guid = "\\{[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\\};";
+
+/// A thread with a name and a body.
+template <TargetThread::Body body>
+void named(TargetThread& self) {
+    setThreadName("target");
+    body(self);
+}
+
+TEST(Program, ReportsTellEveryThreadByIdNameAndModules) {
+    TargetThread target(named<TargetThread::block>);
+    const auto [report, error] = getAllThreadStackTrace({});
+    EXPECT_EQ(error, "");
+    const std::string trace = "(\\S+\\+0x[0-9A-F]+" + guid + ")+";
+    std::istringstream lines(report);
+    std::size_t count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        EXPECT_TRUE(matches(line, "^\\[\\d+\\]\\[[^\\]]*\\]" + trace + "$")) << line;
+    }
+    EXPECT_EQ(count, getThreadIds().size());
+    EXPECT_TRUE(matches(report, "\\[" + getThreadIdString(target.id()) +
+                                    "\\]\\[target\\].*program_test\\.exe\\+0x.*ntdll\\.dll\\+0x"))
+        << report;
+    EXPECT_TRUE(matches(report, "\\[" + getThreadIdString() + "\\]\\[\\]ThreadUtilities\\.dll\\+"))
+        << report;
+    EXPECT_TRUE(matches(getStackTrace({}, target.id()), "^" + trace + "$"));
+    EXPECT_EQ(getStackTrace({}, 0xFFFFFFFC), "");
+    EXPECT_EQ(target.suspendCount(), 0u);
+}
+
+TEST(Program, ASampledThreadIsShownFromItsStartInward) {
+    TargetThread target(named<TargetThread::spin>);
+    const std::string report = sampleAllThreads(1s, 10ms);
+    EXPECT_TRUE(matches(report,
+                        "^Total sample count: [1-9]\\d*\nIteration count: [1-9]\\d*\n"
+                        "Parallelism: [1-9]\\d*\n\nThread " +
+                            getThreadIdString(getMainThreadId()) + " \\["))
+        << report;
+    const auto block = blockOf(target.id(), report);
+    ASSERT_GE(block.size(), 3u) << report;
+    EXPECT_TRUE(matches(block[0], "\\[[1-9]\\d*\\]: target$"));
+    EXPECT_TRUE(matches(block[1], "^  \\[[1-9]\\d*\\]: ntdll\\.dll\\+0x[0-9A-F]+" + guid));
+    EXPECT_TRUE(matches(report, "\n {3,}\\[[1-9]\\d*\\]: windows_program_test\\.exe\\+0x"));
+    EXPECT_EQ(target.suspendCount(), 0u);
+}
+
+TEST(Program, AThreadIsSampledThroughTheProgramsOwnCapture) {
+    TargetThread target(named<TargetThread::block>);
+    const unsigned int processId = GetCurrentProcessId();
+    const auto capture = [](unsigned int, const unsigned int& threadId,
+                            std::vector<unsigned long long>& frames, unsigned long long most) {
+        frames.resize(most);
+        return getStackTrace(threadId, frames.data(), most, true);
+    };
+    const std::string one = sampleProcessThread(processId, target.id(), 1s, 100ms, capture);
+    EXPECT_TRUE(matches(one, "^Total sample count: [1-9]\\d*\nParallelism: [1-9]\\d*\n\nThread "));
+    EXPECT_GE(blockOf(target.id(), one).size(), 3u) << one;
+    EXPECT_TRUE(blockOf(getThreadId(), one).empty()) << one;
+    const std::string all =
+        sampleProcessAllThread(processId, target.id(), 0s, 100ms, 100ms, capture);
+    EXPECT_TRUE(matches(all, "^Total sample count: 0\nIteration count: 0\nParallelism: "));
+    EXPECT_EQ(sampleProcessThread(processId, target.id(), 1s, 100ms, {}), "");
+}
+
+TEST(Program, ThreadsThatComeAndGoDisturbNoSampling) {
+    std::atomic<bool> stop = false;
+    std::thread starter([&stop] {
+        while (!stop) {
+            std::thread([] { setThreadName("brief"); }).join();
+        }
+    });
+    const std::string report = sampleAllThreads(1s, 0ms);
+    stop = true;
+    starter.join();
+    EXPECT_FALSE(blockOf(getMainThreadId(), report).empty()) << report;
+}
+
+std::atomic<int> controlBlocks = 0;
+
+/// Counts the blocks that shared and weak references to a store keep.
+template <typename Value>
+struct CountingAllocator : std::allocator<Value> {
+    template <typename Other>
+    struct rebind {
+        using other = CountingAllocator<Other>;
+    };
+    CountingAllocator() = default;
+    template <typename Other>
+    explicit CountingAllocator(const CountingAllocator<Other>&) {}
+
+    Value* allocate(std::size_t count) {
+        ++controlBlocks;
+        return std::allocator<Value>::allocate(count);
+    }
+    void deallocate(Value* values, std::size_t count) {
+        --controlBlocks;
+        std::allocator<Value>::deallocate(values, count);
+    }
+};
+
+/// Gives the calling thread a name, a hint and a store.
+void beginValues() {
+    const std::shared_ptr<context_store> store(new context_store,
+                                               std::default_delete<context_store>(),
+                                               CountingAllocator<context_store>());
+    vesko::source::location posted = vesko::source::location::current();
+    posted.contextStore = store;
+    hint::copyThreadStorageIfNecessary(posted);
+    EXPECT_EQ(context_store::getStore().lock(), store);
+    hint("id", "name").setAsExternalInputHint();
+    EXPECT_EQ(hint::getExternalInputHintName(), "name");
+    const ScopedThreadName scope("scope", false);
+    EXPECT_EQ(getThreadName(), "scope");
+}
+
+DWORD WINAPI beginValuesInThread(void*) {
+    beginValues();
+    return 0;
+}
+
+unsigned __stdcall beginValuesInThreadOfCRuntime(void*) {
+    beginValues();
+    return 0;
+}
+
+// What is left of the store then is the reference of the thread.
+TEST(Program, TheValuesOfAThreadEndWithItHoweverItWasStarted) {
+    for (int round = 0; round < 50; ++round) {
+        std::thread ofTheStandardLibrary(beginValues);
+        const HANDLE ofTheSystem =
+            CreateThread(nullptr, 0, beginValuesInThread, nullptr, 0, nullptr);
+        const auto ofTheCRuntime = reinterpret_cast<HANDLE>(
+            _beginthreadex(nullptr, 0, beginValuesInThreadOfCRuntime, nullptr, 0, nullptr));
+        ofTheStandardLibrary.join();
+        for (const HANDLE thread : {ofTheSystem, ofTheCRuntime}) {
+            WaitForSingleObject(thread, INFINITE);
+            CloseHandle(thread);
+        }
+        EXPECT_EQ(controlBlocks, 0);
+    }
+    beginValues();
+    EXPECT_EQ(controlBlocks, 1) << "this thread still has its own";
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
