@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <utility>
 
 #include "scripted_platform/thread_exit_script.h"
 
@@ -17,9 +18,9 @@ struct Requests {
     std::array<void (*)() noexcept, 8> functions{};
     int count = 0;
 
-    ~Requests() {
-        for (int i = 0; i < count; ++i) {
-            functions[i]();
+    void run() {
+        for (int i = std::exchange(count, 0); i > 0; --i) {
+            functions[i - 1]();
         }
     }
 };
