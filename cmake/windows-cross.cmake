@@ -11,7 +11,8 @@ set(CMAKE_FIND_ROOT_PATH /usr/${triplet})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# A package of the user's, this library's for one, may be installed anywhere.
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
 # -static and not just -static-libgcc -static-libstdc++: the thread library of the compiler would
 # stay a DLL of its own otherwise. System libraries are import libraries either way.
