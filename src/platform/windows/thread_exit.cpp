@@ -41,8 +41,8 @@ struct Keys {
         : areMade(pthread_key_create(&requests, [](void* value) { callRequested(value); }) == 0),
           callsMade(TlsAlloc()) {}
 
-    bool areMade;
     pthread_key_t requests = 0;
+    bool areMade;
     DWORD callsMade;
 };
 
