@@ -4,21 +4,15 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "platform/linux/elf_image.h"
 
 namespace {
 
 using namespace ThreadUtilities;
 using namespace ThreadUtilities::platform;
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 /// The id's bytes stand in the segment, as far as they are not padding.
 void checkBuildId(const std::vector<std::uint8_t>& bytes, std::uint64_t alignment) {

@@ -2,18 +2,12 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 
+#include "fuzz/require.h"
 #include "stack/cfi/apply_row.h"
 #include "stack/cfi/compiled_rule.h"
 
 namespace ThreadUtilities::cfi {
-
-inline void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 /// A stack of a few words, and registers that mostly point into it.
 class MadeUpFrame {

@@ -3,11 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "foundation/text_conversion.h"
+#include "fuzz/require.h"
 
 namespace {
 
@@ -15,12 +15,6 @@ using ThreadUtilities::utf8ToWide;
 using ThreadUtilities::WideChar;
 using ThreadUtilities::WideString;
 using ThreadUtilities::wideToUtf8;
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 bool surrogatesArePaired(const WideString& text) {
     bool highBefore = false;

@@ -1,5 +1,6 @@
 #include "platform/clock.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -14,8 +15,7 @@ using std::chrono::nanoseconds;
 // Far from zero, so that code may look back from it.
 constexpr nanoseconds startOfTime = std::chrono::hours(1000);
 
-std::atomic<nanoseconds> currentTime = startOfTime;
-std::atomic<nanoseconds> perYield = nanoseconds(0);
+std::atomic<nanoseconds::rep> currentTime = startOfTime.count();
 std::atomic<nanoseconds> perReading = nanoseconds(0);
 std::atomic<unsigned int> hardwareThreadCount = 4;
 std::atomic<unsigned long long> yields = 0;
@@ -23,20 +23,12 @@ std::atomic<unsigned long long> yields = 0;
 std::mutex sleepMutex;
 std::vector<std::chrono::milliseconds> sleepRecord;
 
-nanoseconds moveTime(nanoseconds by) {
-    nanoseconds before = currentTime;
-    while (!currentTime.compare_exchange_weak(before, before + by)) {
-    }
-    return before;
-}
-
 }  // namespace
 
 namespace scripted {
 
 void resetClock() {
-    currentTime = startOfTime;
-    perYield = nanoseconds(0);
+    currentTime = startOfTime.count();
     perReading = nanoseconds(0);
     hardwareThreadCount = 4;
     yields = 0;
@@ -45,11 +37,7 @@ void resetClock() {
 }
 
 void advanceClock(nanoseconds duration) {
-    moveTime(duration);
-}
-
-void setAdvancePerYield(nanoseconds duration) {
-    perYield = duration;
+    currentTime += duration.count();
 }
 
 void setAdvancePerReading(nanoseconds duration) {
@@ -74,7 +62,8 @@ unsigned long long yieldCount() {
 namespace platform {
 
 std::chrono::steady_clock::time_point steadyNow() noexcept {
-    return std::chrono::steady_clock::time_point(moveTime(perReading));
+    return std::chrono::steady_clock::time_point(
+        nanoseconds(currentTime.fetch_add(perReading.load().count())));
 }
 
 void sleepFor(std::chrono::milliseconds duration) {
@@ -82,15 +71,12 @@ void sleepFor(std::chrono::milliseconds duration) {
         const std::lock_guard lock(sleepMutex);
         sleepRecord.push_back(duration);
     }
-    if (duration.count() > 0) {
-        moveTime(duration);
-    }
+    scripted::advanceClock(std::max(duration, std::chrono::milliseconds(0)));
     std::this_thread::yield();
 }
 
 void yieldProcessor() noexcept {
     ++yields;
-    moveTime(perYield);
     std::this_thread::yield();
 }
 

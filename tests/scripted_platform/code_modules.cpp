@@ -1,31 +1,13 @@
 #include "platform/code_modules.h"
 
-#include <vector>
-
 #include "scripted_platform/code_modules_script.h"
 
-namespace ThreadUtilities {
-namespace {
-
-std::vector<platform::CodeModule> modules;
-
-}  // namespace
-
-namespace scripted {
-void addCodeModule(const platform::CodeModule& module) {
-    modules.push_back(module);
-}
-void removeAllCodeModules() {
-    modules.clear();
-}
-}  // namespace scripted
-
-namespace platform {
+namespace ThreadUtilities::platform {
 
 void prepareModuleLookup() noexcept {}
 
 bool findCodeModule(std::uint64_t address, bool, CodeModule& module) noexcept {
-    for (const CodeModule& known : modules) {
+    for (const CodeModule& known : scripted::codeModules) {
         if (address - known.begin < known.size) {
             module = known;
             return true;
@@ -40,5 +22,4 @@ ReadableRange readableSegment(const CodeModule& module, std::uint64_t address) n
                : ReadableRange{};
 }
 
-}  // namespace platform
-}  // namespace ThreadUtilities
+}  // namespace ThreadUtilities::platform

@@ -1,11 +1,12 @@
 #pragma once
 
+#include <vector>
+
 #include "platform/code_modules.h"
 
 namespace ThreadUtilities::scripted {
 
-/// Adds a module of which all bytes can be read.
-void addCodeModule(const platform::CodeModule& module);
-void removeAllCodeModules();
+/// All bytes of these can be read.
+inline std::vector<platform::CodeModule> codeModules;
 
 }  // namespace ThreadUtilities::scripted

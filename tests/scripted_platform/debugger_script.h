@@ -2,7 +2,6 @@
 
 namespace ThreadUtilities::scripted {
 
-/// What `platform::isDebuggerAttached` answers; false at first.
-void setDebuggerAttached(bool attached);
+inline bool debuggerAttached = false;
 
 }  // namespace ThreadUtilities::scripted

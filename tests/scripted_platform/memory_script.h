@@ -1,15 +1,15 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <vector>
 
 namespace ThreadUtilities::scripted {
 
-/// Makes `bytes` readable at `address` through `platform::readOwnMemory`; nothing else is.
-void mapMemory(std::uint64_t address, std::vector<std::byte> bytes);
-/// The same for 64-bit words.
-void mapWords(std::uint64_t address, const std::vector<std::uint64_t>& words);
-void unmapAllMemory();
+/// What `platform::readOwnMemory` finds, by address; nothing else can be read.
+inline std::map<std::uint64_t, std::vector<std::uint8_t>> memory;
+
+/// The bytes of 64-bit words.
+std::vector<std::uint8_t> bytesOf(const std::vector<std::uint64_t>& words);
 
 }  // namespace ThreadUtilities::scripted

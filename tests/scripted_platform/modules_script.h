@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -7,15 +8,14 @@
 
 namespace ThreadUtilities::scripted {
 
-/// The modules of one process; a process without a script has none. `version` is what
-/// `moduleListVersion` answers.
-void setModules(unsigned int processId, std::vector<platform::LoadedModule> modules,
-                std::optional<platform::ModuleListVersion> version = std::nullopt);
+struct ProcessModules {
+    std::vector<platform::LoadedModule> modules;
+    std::optional<platform::ModuleListVersion> version = std::nullopt;
+};
 
+/// By process; one that is not here has no modules.
+inline std::map<unsigned int, ProcessModules> processModules;
 /// How often `listModules` was called, for any process.
-int moduleListings();
-
-/// Takes all scripts away and sets the count to 0.
-void resetModules();
+inline int moduleListings = 0;
 
 }  // namespace ThreadUtilities::scripted

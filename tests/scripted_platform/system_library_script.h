@@ -1,29 +1,23 @@
 #pragma once
 
 #include <map>
-#include <string>
 #include <vector>
 
 #include "platform/system_library.h"
 
 namespace ThreadUtilities::scripted {
 
-/// A system with drive paths, backslashes and no libraries until the test says otherwise.
+/// A system with no folder and no libraries until the test says otherwise.
 struct SystemLibraryScript {
     platform::SystemFolder folder;
     WideChar separator = '\\';
-    bool (*isAbsolute)(WideStringView path) = nullptr;  ///< null: a letter, a colon, a backslash
-    /// What each full path loads as, and what each entry point of each library is.
-    std::map<WideString, platform::LibraryHandle> libraries;
-    std::map<std::pair<platform::LibraryHandle, std::string>, void*> entryPoints;
-
-    std::vector<WideString> opened;  ///< every path asked for, loaded or not
-    std::vector<platform::LibraryHandle> closed;
+    bool (*isAbsolute)(WideStringView path) = [](WideStringView path) {
+        return path.size() >= 3 && path[0] >= 'A' && path[0] <= 'Z' && path[1] == ':' &&
+               path[2] == '\\';
+    };
+    std::map<WideString, platform::LibraryHandle> libraries;  ///< by the full path
+    std::vector<WideString> opened;                           ///< every path asked for
 };
-
-/// The script in force. Not to be changed while another thread loads libraries.
-SystemLibraryScript& systemLibraryScript();
-/// Puts the default script back, with the folder C:\Windows\system32.
-void resetSystemLibraryScript();
+inline SystemLibraryScript systemLibrary;
 
 }  // namespace ThreadUtilities::scripted

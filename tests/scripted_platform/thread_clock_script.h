@@ -1,11 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 
 namespace ThreadUtilities::scripted {
 
-/// What `platform::threadRunTime` answers for a thread from now on; for all others it has none.
-void setThreadRunTime(unsigned int threadId, std::uint64_t time);
-void resetThreadRunTimes();
+/// What `platform::threadRunTime` answers for a thread; for all others it has none.
+inline std::map<unsigned int, std::uint64_t> threadRunTimes;
 
 }  // namespace ThreadUtilities::scripted

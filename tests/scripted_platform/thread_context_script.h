@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <vector>
 
 #include "platform/thread_context.h"
@@ -13,21 +14,8 @@ struct VisitScript {
     platform::VisitResult result = platform::VisitResult::Visited;
 };
 
-/// Threads without a script do not exist.
-void setVisit(unsigned int threadId, VisitScript script);
-
-struct VisitRecord {
-    unsigned int threadId;
-    bool suspend;
-    std::vector<platform::VisitorAnswer> answers;
-};
-
-/// The visits so far.
-const std::vector<VisitRecord>& visits();
-
-void setCurrentStackRange(const platform::ReadableRange& range);
-
-/// Forgets scripts, visits and range.
-void resetVisits();
+/// By thread; those that are not here do not exist.
+inline std::map<unsigned int, VisitScript> visitScripts;
+inline int visits = 0;
 
 }  // namespace ThreadUtilities::scripted

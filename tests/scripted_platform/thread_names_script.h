@@ -1,18 +1,17 @@
 #pragma once
 
+#include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace ThreadUtilities::scripted {
 
-/// Gives a thread the name that the system then tells, malformed ones included. Empty takes it
-/// away.
-void setThreadName(unsigned int threadId, const std::string& name);
-
-/// Every name that the library gave to any thread, in order, as it reached the system.
-std::vector<std::string> namesGiven();
-
-/// Forgets all names.
-void clearThreadNames();
+struct ThreadNames {
+    std::mutex mutex;
+    std::map<unsigned int, std::string> byThread;  ///< as the system tells them, malformed or not
+    std::vector<std::string> given;  ///< every name that the library gave, as it reached the system
+};
+inline ThreadNames threadNames;
 
 }  // namespace ThreadUtilities::scripted

@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/mman.h>
 
 #include <array>
-#include <atomic>
 #include <thread>
 #include <vector>
 
 #include "foundation/random.h"
+#include "support/copied_process.h"
 
 namespace vesko {
 namespace {
@@ -22,44 +21,27 @@ Numbers drawNumbers() {
     return numbers;
 }
 
-/// What a fork child draws; all zero when it did not get that far within the watchdog's time.
+/// What a fork child draws.
 Numbers numbersOfAChild() {
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(30);
-        const Numbers numbers = drawNumbers();
-        const bool written = write(ends[1], numbers.data(), sizeof(numbers)) == sizeof(numbers);
-        _exit(written ? 0 : 1);
-    }
-    close(ends[1]);
-    Numbers numbers = {};
-    EXPECT_EQ(read(ends[0], numbers.data(), sizeof(numbers)), ssize_t{sizeof(numbers)});
-    close(ends[0]);
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status)) << "the child hung";
-    return numbers;
+    static auto* const shared = static_cast<Numbers*>(
+        mmap(nullptr, sizeof(Numbers), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    EXPECT_EQ(ThreadUtilities::runInCopy([] { *shared = drawNumbers(); }), 0);
+    return *shared;
 }
 
 TEST(RandomAcrossFork, TheChildDrawsAtOnceAndOtherNumbers) {
-    drawNumbers();
-    std::atomic<bool> stop = false;
-    std::vector<std::thread> drawers;
-    for (int count = 0; count < 3; ++count) {
-        drawers.emplace_back([&] {
-            while (!stop) {
-                randomInt(0, 1000, true);
-            }
-        });
-    }
-    for (int forks = 0; forks < 30 && !HasFailure(); ++forks) {
-        numbersOfAChild();
-    }
-    stop = true;
-    for (std::thread& drawer : drawers) {
-        drawer.join();
+    {
+        std::vector<std::jthread> drawers;
+        for (int count = 0; count < 3; ++count) {
+            drawers.emplace_back([](const std::stop_token& stop) {
+                while (!stop.stop_requested()) {
+                    randomInt(0, 1000, true);
+                }
+            });
+        }
+        for (int forks = 0; forks < 30; ++forks) {
+            numbersOfAChild();
+        }
     }
     // Nobody draws between these three, so that only a seed of their own keeps them apart.
     const Numbers first = numbersOfAChild();

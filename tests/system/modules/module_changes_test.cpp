@@ -14,6 +14,7 @@
 #include "platform/linux/image_reader.h"
 #include "platform/modules.h"
 #include "support/copied_process.h"
+#include "support/sanitizers.h"
 
 extern "C" {
 // What the plugin's initialiser calls.
@@ -127,6 +128,9 @@ TEST(ModuleChanges, NamesAndIdentityAreThoseOfTheMappedFile) {
 }
 
 TEST(ModuleChanges, ModulesOfOtherLinkMapNamespacesAreListed) {
+    if (underAddressSanitizer) {
+        GTEST_SKIP() << "AddressSanitizer does not work in a second link-map namespace";
+    }
     const Plugin plugin(MODULES_TEST_PLUGIN, LM_ID_NEWLM);
     if (!plugin.isLoaded()) {
         GTEST_SKIP() << "no second link-map namespace: " << dlerror();
@@ -161,9 +165,9 @@ TEST(ModuleChanges, LookupsFromAModulesInitialiserDoNotWaitForTheLoader) {
 }
 
 TEST(ModuleChanges, ACopyOfTheProcessCanLookUpWhateverLocksWereHeld) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer's own locks may be held in a copy";
-#endif
+    if (underAddressSanitizer || underThreadSanitizer) {
+        GTEST_SKIP() << copiesMayHang;
+    }
     const std::jthread busy([](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
             getFrameDetails(static_cast<unsigned int>(getppid()), 1);  // slow: a map is read

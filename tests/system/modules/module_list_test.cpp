@@ -4,19 +4,17 @@
 #include <dlfcn.h>
 #include <gnu/libc-version.h>
 #include <gtest/gtest.h>
-#include <link.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
 #include <thread>
 
-#include "foundation/guid_text.h"
 #include "foundation/text_conversion.h"
 #include "platform/linux/process_map.h"
 #include "platform/modules.h"
@@ -43,55 +41,6 @@ std::string readAll(const std::string& path) {
     return text.str();
 }
 
-/// The build-id of a file as readelf prints it, in lower-case digits; empty without one.
-std::string buildIdByReadelf(const std::string& path) {
-    const std::string command = "readelf -nW '" + path + "' 2>/dev/null";
-    FILE* const pipe = popen(command.c_str(), "r");
-    std::string id;
-    char line[4096];
-    while (fgets(line, sizeof(line), pipe) != nullptr) {
-        const std::string_view view(line);
-        const auto mark = view.find("Build ID: ");
-        if (mark != std::string_view::npos) {
-            id = view.substr(mark + 10);
-            id.erase(id.find_last_not_of(" \n") + 1);
-        }
-    }
-    pclose(pipe);
-    return id;
-}
-
-std::string hexOf(const std::optional<platform::DebugGuid>& guid) {
-    std::string text;
-    for (const std::uint8_t byte : guid.value_or(platform::DebugGuid{})) {
-        char digits[3];
-        std::snprintf(digits, sizeof(digits), "%02x", byte);
-        text += digits;
-    }
-    return text;
-}
-
-TEST(OwnModules, EqualTheLoadersList) {
-    std::vector<std::pair<std::uint64_t, std::string>> expected;
-    dl_iterate_phdr(
-        [](dl_phdr_info* info, std::size_t, void* state) {
-            static_cast<decltype(expected)*>(state)->emplace_back(info->dlpi_addr, info->dlpi_name);
-            return 0;
-        },
-        &expected);
-    const auto modules = platform::listModules(ownId());
-    ASSERT_EQ(modules.size(), expected.size());
-    for (std::size_t index = 0; index < modules.size(); ++index) {
-        const std::string path = textOf(modules[index].path);
-        if (expected[index].second.empty()) {
-            EXPECT_EQ(path, fs::read_symlink("/proc/self/exe").string());
-        } else {
-            EXPECT_EQ(path, expected[index].second);
-        }
-        EXPECT_EQ(modules[index].imageBase, expected[index].first) << path;
-    }
-}
-
 TEST(OwnModules, CoverEveryMappedCodeOfAFile) {
     const auto modules = platform::listModules(ownId());
     const std::string text = readAll("/proc/self/maps");
@@ -107,22 +56,6 @@ TEST(OwnModules, CoverEveryMappedCodeOfAFile) {
         })) << range.name;
     }
     EXPECT_GE(covered, 5) << "program, C library, C++ library, loader, kernel image";
-}
-
-TEST(OwnModules, GuidsAreTheBuildIdsOfTheFiles) {
-    int compared = 0;
-    for (const LoadedModule& module : platform::listModules(ownId())) {
-        const std::string path = textOf(module.path);
-        if (!fs::exists(path)) {
-            continue;
-        }
-        std::string id = buildIdByReadelf(path);
-        EXPECT_EQ(module.debugGuid.has_value(), !id.empty()) << path;
-        id.resize(32, '0');
-        EXPECT_EQ(hexOf(module.debugGuid), id) << path;
-        ++compared;
-    }
-    EXPECT_GE(compared, 4);
 }
 
 TEST(ProcessModules, AChildsListEqualsTheOwnOne) {

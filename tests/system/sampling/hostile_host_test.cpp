@@ -1,22 +1,18 @@
 // What a host may do while it is sampled.
 
 #include <ThreadUtilities/Sampling.h>
-#include <ThreadUtilities/StackTrace.h>
+#include <ThreadUtilities/Threads.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <string>
 #include <system_error>
+#include <thread>
 
 #include "support/copied_process.h"
-#include "system/sampling/sampled_threads.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool isSanitized = true;
-#else
-constexpr bool isSanitized = false;
-#endif
+#include "support/sanitizers.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -28,15 +24,15 @@ std::size_t ownThreadCount() {
 }
 
 TEST(HostileHost, ACopyMadeDuringASamplingCallCanSampleItself) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer's own locks may be held in a copy";
-#endif
+    if (underThreadSanitizer) {
+        GTEST_SKIP() << copiesMayHang;
+    }
     const std::jthread sampler([](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
             sampleAllThreads(1s, 0ms);
         }
     });
-    const int rounds = isSanitized ? 5 : 50;
+    const int rounds = underAddressSanitizer ? 5 : 50;
     for (int round = 0; round < rounds; ++round) {
         const bool takesTime = round % 25 == 0;
         const int status = runInCopy([takesTime] {
@@ -50,7 +46,7 @@ TEST(HostileHost, ACopyMadeDuringASamplingCallCanSampleItself) {
 }
 
 TEST(HostileHost, AWorkerThatCannotBeStartedIsAnException) {
-    if (isSanitized) {
+    if (underAddressSanitizer || underThreadSanitizer) {
         GTEST_SKIP() << "sanitizers want more address space than the limit leaves";
     }
     const int status = runInCopy([] {
@@ -73,9 +69,9 @@ TEST(HostileHost, AWorkerThatCannotBeStartedIsAnException) {
 }
 
 TEST(HostileHost, ACancelledCallEndsWithItsWorkers) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer cannot join a thread again whose join was cancelled";
-#endif
+    if (underThreadSanitizer) {
+        GTEST_SKIP() << "ThreadSanitizer cannot join a thread again whose join was cancelled";
+    }
     const std::size_t before = ownThreadCount();
     pthread_t thread;
     pthread_create(

@@ -2,7 +2,9 @@
 
 #include <ThreadUtilities/Sampling.h>
 #include <ThreadUtilities/StackTrace.h>
+#include <ThreadUtilities/Threads.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -11,12 +13,14 @@
 #include <sstream>
 
 #include "support/copied_process.h"
-#include "system/sampling/sampled_threads.h"
+#include "support/target_thread.h"
 
 namespace ThreadUtilities {
 namespace {
 
 using namespace std::chrono_literals;
+
+using Sampling = WithPromptSignals;
 
 struct ThreadBlock {
     std::string name;
@@ -56,8 +60,29 @@ std::optional<unsigned long long> offsetIn(const std::string& module, const std:
     return std::stoull(line.substr(place + mark.size()), nullptr, 16);
 }
 
-TEST(Sampling, AReportShowsWhereEachThreadIs) {
-    const SampledThreads threads;
+// Both kept whole, so that a sample of the spinning thread has a return address in `spinInTurns`.
+[[gnu::noinline, gnu::noclone]] void spinABit() {
+    for (int turn = 0; turn < 100'000; ++turn) {
+        asm volatile("");
+    }
+}
+[[gnu::noinline, gnu::noclone]] void spinInTurns(const std::atomic<bool>& stop) {
+    while (!stop) {
+        spinABit();
+    }
+}
+
+TEST_F(Sampling, AReportShowsWhereEachThreadIs) {
+    TargetThread spinning([](const std::atomic<bool>& stop) {
+        setThreadName("spinner");
+        spinInTurns(stop);
+    });
+    TargetThread polling([](const std::atomic<bool>& stop) {
+        setThreadName("poller");
+        while (!stop) {
+            poll(nullptr, 0, 20);
+        }
+    });
     const std::string report = sampleAllThreads(1s, 5ms);
     std::vector<unsigned int> order;
     const auto blocks = blocksOf(report, order);
@@ -77,11 +102,11 @@ TEST(Sampling, AReportShowsWhereEachThreadIs) {
     }
     EXPECT_EQ(report.find("Total sample count: " + std::to_string(total) + "\n"), 0u);
 
-    ASSERT_TRUE(blocks.contains(threads.spinnerId()));
-    const ThreadBlock& spinner = blocks.at(threads.spinnerId());
+    ASSERT_TRUE(blocks.contains(spinning.id()));
+    const ThreadBlock& spinner = blocks.at(spinning.id());
     EXPECT_EQ(spinner.name, "spinner");
     const std::wstring function =
-        getFrameDetails(0, reinterpret_cast<unsigned long long>(&spinUntil));
+        getFrameDetails(0, reinterpret_cast<unsigned long long>(&spinInTurns));
     const auto begin =
         offsetIn("sampling_system_test", "]: " + std::string(function.begin(), function.end()));
     ASSERT_TRUE(begin);
@@ -98,7 +123,7 @@ TEST(Sampling, AReportShowsWhereEachThreadIs) {
     }
 }
 
-TEST(Sampling, SeveralRunsAtOnceShareNothingWhileThreadsComeAndGo) {
+TEST(SamplingOfThisProcess, SeveralRunsAtOnceShareNothingWhileThreadsComeAndGo) {
     const std::jthread starter([](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
             std::jthread([] { setThreadName("brief"); }).join();
@@ -119,7 +144,7 @@ TEST(Sampling, SeveralRunsAtOnceShareNothingWhileThreadsComeAndGo) {
     }
 }
 
-TEST(Sampling, AnotherProcessIsDescribedByItsOwnModules) {
+TEST(SamplingOfProcesses, AnotherProcessIsDescribedByItsOwnModules) {
     const CopiedProcess child([] { pause(); });
     const unsigned int id = child.id();
     const auto address = reinterpret_cast<unsigned long long>(&pause) + 3;

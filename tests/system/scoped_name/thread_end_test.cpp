@@ -14,11 +14,13 @@
 
 #include "platform/thread_exit.h"
 #include "support/allocations.h"
-#include "support/fresh_thread.h"
+#include "support/posted_location.h"
+#include "support/sanitizers.h"
 
 namespace {
 
 using ThreadUtilities::ScopedThreadName;
+using ThreadUtilities::underThreadSanitizer;
 using vesko::external_input::context_store;
 using vesko::external_input::hint;
 using vesko::source::location;
@@ -26,18 +28,10 @@ using vesko::source::location;
 // Longer than what a string keeps in itself.
 const std::string longText = "a text that is too long for the string object itself";
 
-/// A thread that posted work with a hint and a store, so that there is something to adopt.
+/// What another thread has posted with a hint and a store, so that there is something to adopt.
 struct Posted {
-    Posted() : from(location::current()) {
-        onFreshThread([this] {
-            hint("posted", longText).setAsExternalInputHint();
-            store = context_store::getOrCreateStore();
-            from = location::current();
-        });
-    }
-
-    location from;
     std::shared_ptr<context_store> store;
+    location from = postedFrom(hint("posted", longText), &store);
 };
 
 /// Everything that a thread can do, and that has to give back what it takes.
@@ -59,12 +53,8 @@ void useAll(const Posted& posted) {
 
 /// Runs `body` when the thread that it was made on ends.
 struct AtEnd {
-    std::function<void()> body;
-    ~AtEnd() {
-        if (body) {
-            body();
-        }
-    }
+    std::function<void()> body = [] {};
+    ~AtEnd() { body(); }
 };
 
 /// An object of the calling thread for each number, made on its first use.
@@ -74,34 +64,17 @@ AtEnd& threadLocalObject() {
     return object;
 }
 
-/// A thread-specific value whose destructor runs `body` in so many of the system's rounds.
-class SpecificValue {
- public:
-    SpecificValue() { EXPECT_EQ(pthread_key_create(&key, run), 0); }
-    ~SpecificValue() { pthread_key_delete(key); }
+/// A thread-specific value whose destructor runs `inDestructor` in so many of the system's rounds.
+pthread_key_t key;
+std::function<void()> inDestructor;
+int roundsLeft = 0;
 
-    SpecificValue(const SpecificValue&) = delete;
-    SpecificValue& operator=(const SpecificValue&) = delete;
-
-    void set(int rounds, std::function<void()> body) {
-        toRun = std::move(body);
-        roundsLeft = rounds;
-        pthread_setspecific(key, this);
+void runInDestructor(void* value) {
+    inDestructor();
+    if (--roundsLeft > 0) {
+        pthread_setspecific(key, value);
     }
-
- private:
-    static void run(void* self) {
-        auto* value = static_cast<SpecificValue*>(self);
-        value->toRun();
-        if (--value->roundsLeft > 0) {
-            pthread_setspecific(value->key, value);
-        }
-    }
-
-    pthread_key_t key{};
-    std::function<void()> toRun;
-    int roundsLeft = 0;
-};
+}
 
 /// Blocks that a thread running `body` leaves behind, once everything that is made only once is.
 template <typename Body>
@@ -134,18 +107,20 @@ TEST(ThreadEndTest, DestructorsOfThreadLocalObjectsFindTheValues) {
 // Keys made before and after those of the library, and values that come back in every round that
 // the system grants, the last one included.
 TEST(ThreadEndTest, DestructorsOfSpecificValuesLeaveNothing) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer takes a thread for ended before all destructors ran";
-#endif
+    if (underThreadSanitizer) {
+        GTEST_SKIP() << "ThreadSanitizer takes a thread for ended before all destructors ran";
+    }
     const Posted posted;
-    SpecificValue value;
+    ASSERT_EQ(pthread_key_create(&key, runInDestructor), 0);
     for (const bool isUsedBefore : {true, false}) {
         int runs = 0;
+        inDestructor = [&] {
+            useAll(posted);
+            ++runs;
+        };
         EXPECT_EQ(leftBehind([&] {
-                      value.set(PTHREAD_DESTRUCTOR_ITERATIONS, [&] {
-                          useAll(posted);
-                          ++runs;
-                      });
+                      roundsLeft = PTHREAD_DESTRUCTOR_ITERATIONS;
+                      pthread_setspecific(key, &key);
                       if (isUsedBefore) {
                           useAll(posted);
                       }
@@ -154,6 +129,7 @@ TEST(ThreadEndTest, DestructorsOfSpecificValuesLeaveNothing) {
             << isUsedBefore;
         EXPECT_EQ(runs, 11 * PTHREAD_DESTRUCTOR_ITERATIONS);
     }
+    pthread_key_delete(key);
 }
 
 int exitCalls = 0;
@@ -164,8 +140,8 @@ void countExitCall() noexcept {
 TEST(ThreadEndTest, ExitCallsAreMadeWithAndWithoutAKey) {
     std::vector<pthread_key_t> allKeys;
     for (const bool hasKey : {true, false}) {
-        for (pthread_key_t key; !hasKey && pthread_key_create(&key, nullptr) == 0;) {
-            allKeys.push_back(key);
+        for (pthread_key_t taken; !hasKey && pthread_key_create(&taken, nullptr) == 0;) {
+            allKeys.push_back(taken);
         }
         ThreadUtilities::platform::ThreadExitCall call(countExitCall);
         exitCalls = 0;
@@ -178,8 +154,8 @@ TEST(ThreadEndTest, ExitCallsAreMadeWithAndWithoutAKey) {
         });
         EXPECT_EQ(exitCalls, 2);
     }
-    for (const pthread_key_t key : allKeys) {
-        pthread_key_delete(key);
+    for (const pthread_key_t taken : allKeys) {
+        pthread_key_delete(taken);
     }
 }
 

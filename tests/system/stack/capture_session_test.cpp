@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "system/stack/target_thread.h"
+#include "support/target_thread.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -28,6 +28,9 @@ std::atomic<int> naps{0};
 }
 
 TEST_F(ASessionOfNaps, SeesEveryWakeUp) {
+    if (underAddressSanitizer) {
+        GTEST_SKIP() << framePointersAreKept;
+    }
     TargetThread target([](const std::atomic<bool>& stop) {
         while (!stop) {
             ((naps & 1) == 0 ? napOnEvenTurns : napOnOddTurns)();
@@ -57,6 +60,9 @@ TEST_F(ASessionOfNaps, SeesEveryWakeUp) {
 }
 
 TEST(ASessionOfCaptures, NeverTouchesAThousandThreadsThatSleep) {
+    if (underAddressSanitizer) {
+        GTEST_SKIP() << framePointersAreKept;
+    }
     constexpr std::size_t threadCount = 1000;
     std::atomic<std::size_t> asleep{0};
     std::atomic<bool> wake{false};

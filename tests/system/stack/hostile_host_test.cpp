@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "support/copied_process.h"
-#include "system/stack/target_thread.h"
+#include "support/target_thread.h"
 
 // What hosts do to themselves and to us.
 
@@ -91,6 +91,9 @@ TEST(UnderATracer, NothingIsCapturedAndNothingWritten) {
 }
 
 TEST(ABlockedThread, IsNeitherWokenNorInterrupted) {
+    if (underAddressSanitizer) {
+        GTEST_SKIP() << framePointersAreKept;
+    }
     Pipe end;
     int polled = 0;
     TargetThread target([&](const auto&) {
@@ -175,6 +178,9 @@ struct Sandbox {
 class InASandbox : public WithPromptSignals, public testing::WithParamInterface<Sandbox> {};
 
 TEST_P(InASandbox, WhatCannotBeDoneIsLeftOutQuietly) {
+    if (underAddressSanitizer && !GetParam().signalsArrive && GetParam().blockedThreadsAreSeen) {
+        GTEST_SKIP() << framePointersAreKept;
+    }
     CopiedProcess child([] {
         if (!denyCalls(GetParam().denied)) {
             return true;

@@ -4,7 +4,7 @@
 #include <csignal>
 
 #include "platform/thread_context.h"
-#include "system/stack/target_thread.h"
+#include "support/target_thread.h"
 
 // Visits to threads of a host that uses the signal, its mask and its own handlers as it likes.
 

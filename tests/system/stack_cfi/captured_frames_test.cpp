@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "stack/frame_walk.h"
+#include "support/sanitizers.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -109,7 +110,16 @@ void onACoroutineStack() {
     ASSERT_EQ(swapcontext(&outside, &inside), 0);
 }
 
-TEST(CapturedFrames, AreThoseOfTheCLibrary) {
+class CapturedFrames : public testing::Test {
+ protected:
+    void SetUp() override {
+        if (underAddressSanitizer) {
+            GTEST_SKIP() << "AddressSanitizer has a `backtrace` of its own";
+        }
+    }
+};
+
+TEST_F(CapturedFrames, AreThoseOfTheCLibrary) {
     for (const Function place : {inDeepRecursion, calledByTheCLibrary, whileAnExceptionUnwinds,
                                  inASignalHandler, onACoroutineStack}) {
         // The second time with rules that the first has left in the cache.
@@ -122,7 +132,7 @@ TEST(CapturedFrames, AreThoseOfTheCLibrary) {
 
 /// A call through a null pointer: the interrupted function is none, and its caller is found by the
 /// word that the call left on the stack.
-TEST(CapturedFrames, AreFoundBelowANullFunction) {
+TEST_F(CapturedFrames, AreFoundBelowANullFunction) {
     static sigjmp_buf back;
     signal(SIGSEGV, [](int) {
         captured = capture();
@@ -158,7 +168,7 @@ unsigned long long captureThrough(const std::string& path) {
 }
 
 /// Rules in the cache never outlive their module: two libraries that take each other's place.
-class ReplacedLibrary : public testing::TestWithParam<const char*> {};
+class ReplacedLibrary : public CapturedFrames, public testing::WithParamInterface<const char*> {};
 
 TEST_P(ReplacedLibrary, IsWalkedByItsOwnTables) {
     const std::string prefix = std::string(REPLACED_LIBRARIES) + GetParam();

@@ -17,6 +17,7 @@
 
 #include "stack/frame_walk.h"
 #include "stack_cfi/stepped_code.h"
+#include "support/sanitizers.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -193,9 +194,9 @@ bool isJumping(const WrongWalk& wrong) {
 class SingleStep : public testing::Test {
  protected:
     void SetUp() override {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-        GTEST_SKIP() << "needs code that is not instrumented";
-#endif
+        if (underAddressSanitizer || underThreadSanitizer) {
+            GTEST_SKIP() << "needs code that is not instrumented";
+        }
         prepareFrameWalks();
         static char alternateStack[64 << 10];
         const stack_t alternate{alternateStack, 0, sizeof(alternateStack)};
@@ -207,9 +208,7 @@ class SingleStep : public testing::Test {
         stepping = {};
     }
 
-    void TearDown() override {
-        sigaction(SIGTRAP, &previousAction, nullptr);
-    }
+    void TearDown() override { sigaction(SIGTRAP, &previousAction, nullptr); }
 
     /// Steps through `body`; every walk on the way must find the callers.
     template <class Body>

@@ -1,15 +1,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <latch>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <thread>
 #include <vector>
 
 #include <ThreadUtilities/StackTrace.h>
 #include <ThreadUtilities/Threads.h>
+
+#include "support/parked_thread.h"
 
 namespace {
 
@@ -19,6 +20,7 @@ using ThreadUtilities::getAllThreadStackTrace;
 using ThreadUtilities::getStackTrace;
 using ThreadUtilities::getThreadId;
 using ThreadUtilities::getThreadIds;
+using ThreadUtilities::ParkedThread;
 
 struct Line {
     std::string name;
@@ -44,66 +46,27 @@ std::map<unsigned int, Line> linesOf(const std::string& report) {
     return lines;
 }
 
-/// Threads that wait until the object ends; the first `named` of them bear "w" and their number.
-class WaitingThreads {
- public:
-    WaitingThreads(int count, int named) : ready(count + 1), ids(count) {
-        for (int i = 0; i < count; ++i) {
-            threads.emplace_back([this, i, named] {
-                if (i < named) {
-                    ThreadUtilities::setThreadName("w" + std::to_string(i));
-                }
-                ids[i] = getThreadId();
-                ready.arrive_and_wait();
-                isOver.wait(false);
-            });
-        }
-        ready.arrive_and_wait();
-    }
-    ~WaitingThreads() {
-        isOver = true;
-        isOver.notify_all();
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-    }
-
-    WaitingThreads(const WaitingThreads&) = delete;
-    WaitingThreads& operator=(const WaitingThreads&) = delete;
-
-    unsigned int id(int number) const { return ids[number]; }
-
- private:
-    std::latch ready;
-    std::vector<unsigned int> ids;
-    std::atomic<bool> isOver{false};
-    std::vector<std::thread> threads;
-};
-
 TEST(StackReportTest, TellsNamedAndUnnamedThreadsAndTheCaller) {
-    const WaitingThreads waiting(3, 2);
+    const ParkedThread named([] { ThreadUtilities::setThreadName("worker"); });
+    const ParkedThread unnamed;
     const auto [report, error] = getAllThreadStackTrace({});
     EXPECT_EQ(error, "");
     auto lines = linesOf(report);
-    EXPECT_EQ(lines[waiting.id(0)].name, "w0");
-    EXPECT_EQ(lines[waiting.id(1)].name, "w1");
-    EXPECT_EQ(lines[waiting.id(2)].name, "");
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_THAT(lines[waiting.id(i)].trace, HasSubstr("stack_report_system_test+0x"));
-    }
-    EXPECT_THAT(getStackTrace({}, waiting.id(2)), HasSubstr("stack_report_system_test+0x"));
+    EXPECT_EQ(lines[named.id()].name, "worker");
+    EXPECT_EQ(lines[unnamed.id()].name, "");
+    EXPECT_THAT(lines[unnamed.id()].trace, HasSubstr("stack_report_system_test+0x"));
     EXPECT_THAT(lines[getThreadId()].trace, StartsWith("libThreadUtilities.so"));
+    EXPECT_THAT(getStackTrace({}, named.id()), HasSubstr("stack_report_system_test+0x"));
     EXPECT_EQ(getStackTrace({}, 0), "");
 }
 
 // Threads that hold the heap's and the module list's locks most of the time: a report that
 // described a frame while one of them stood still would wait for itself.
 TEST(StackReportTest, NeverWaitsForAThreadThatItStopped) {
-    std::atomic<bool> isOver{false};
-    std::vector<std::thread> busy;
+    std::vector<std::jthread> busy;
     for (int i = 0; i < 2; ++i) {
-        busy.emplace_back([&] {
-            while (!isOver) {
+        busy.emplace_back([](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
                 delete[] new char[100000];
                 ThreadUtilities::getFrameDetails(0, 1);
             }
@@ -112,19 +75,21 @@ TEST(StackReportTest, NeverWaitsForAThreadThatItStopped) {
     for (int i = 0; i < 100; ++i) {
         linesOf(getAllThreadStackTrace({}).first);
     }
-    isOver = true;
-    for (std::thread& thread : busy) {
-        thread.join();
-    }
 }
 
 TEST(StackReportTest, TellsAThousandThreads) {
-    constexpr int count = 1000;
-    const WaitingThreads waiting(count, count);
+    std::map<unsigned int, std::string> names;
+    std::vector<std::unique_ptr<ParkedThread>> threads;
+    for (int i = 0; i < 1000; ++i) {
+        const std::string name = "w" + std::to_string(i);
+        threads.push_back(
+            std::make_unique<ParkedThread>([&] { ThreadUtilities::setThreadName(name); }));
+        names[threads.back()->id()] = name;
+    }
     auto lines = linesOf(getAllThreadStackTrace({}).first);
     EXPECT_EQ(lines.size(), getThreadIds().size());
-    for (int i = 0; i < count; ++i) {
-        EXPECT_EQ(lines[waiting.id(i)].name, "w" + std::to_string(i));
+    for (const auto& [id, name] : names) {
+        EXPECT_EQ(lines[id].name, name);
     }
 }
 

@@ -17,8 +17,9 @@
 
 #include <ThreadUtilities/Threads.h>
 
-#include "parked_thread.h"
 #include "support/copied_process.h"
+#include "support/parked_thread.h"
+#include "support/sanitizers.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 // A cancelled thread leaves its frames marked, and AddressSanitizer trips over its own mark when it
@@ -41,12 +42,6 @@ namespace {
 using ::testing::Contains;
 using ::testing::IsEmpty;
 using ::testing::Not;
-
-#if defined(__SANITIZE_THREAD__)
-constexpr bool UnderThreadSanitizer = true;
-#else
-constexpr bool UnderThreadSanitizer = false;
-#endif
 
 unsigned int ownId() {
     return static_cast<unsigned int>(gettid());
@@ -102,7 +97,7 @@ TEST(ThreadListOnLinux, HearsOfEveryKindOfStartAndEnd) {
     pthread_attr_t small;
     pthread_attr_init(&small);
     // ThreadSanitizer's own frames want more.
-    ASSERT_EQ(pthread_attr_setstacksize(&small, UnderThreadSanitizer ? 1 << 20 : 32 << 10), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&small, underThreadSanitizer ? 1 << 20 : 32 << 10), 0);
     checkStartAndEnd("small stack", &small, noteSelfAndReturn);
     static std::array<char, 1 << 20> ownStack;
     ASSERT_EQ(pthread_attr_setstack(&small, ownStack.data() + 80, (1 << 20) - 4096), 0);
@@ -114,7 +109,7 @@ TEST(ThreadListOnLinux, HearsOfEveryKindOfStartAndEnd) {
     while (detached == 0 || countOf(detached) != 0) {
         std::this_thread::yield();
     }
-    if (UnderThreadSanitizer) {
+    if (underThreadSanitizer) {
         return;  // which does not know of thrd_create
     }
     std::atomic<unsigned int> id{0};
@@ -176,7 +171,7 @@ TEST(ThreadListOnLinuxDeathTest, AnExceptionEndsTheProgramWhereItWasThrown) {
 
 // Threads of the kernel that nobody announces.
 TEST(ThreadListOnLinux, SeesThreadsThatWereMadeBehindTheLibrary) {
-    if (UnderThreadSanitizer) {
+    if (underThreadSanitizer) {
         GTEST_SKIP() << "a bare thread has no state for ThreadSanitizer";
     }
     alignas(16) static std::array<char, 64 << 10> stack;
@@ -208,7 +203,7 @@ TEST(ThreadListOnLinux, SeesThreadsThatWereMadeBehindTheLibrary) {
 
 TEST(ThreadListOnLinux, IsRightUnderConcurrentStartsAndEnds) {
     constexpr int Starters = 3;
-    constexpr int Rounds = UnderThreadSanitizer ? 60 : 600;
+    constexpr int Rounds = underThreadSanitizer ? 60 : 600;
     const unsigned int mainId = ownId();
     std::atomic<int> starting{Starters};
     std::vector<std::jthread> threads;
@@ -242,11 +237,9 @@ TEST(ThreadListOnLinux, IsRightUnderConcurrentStartsAndEnds) {
 }
 
 TEST(ThreadListOnLinux, ACopyOfTheProcessStartsAfreshWhateverOthersDid) {
-#if defined(__SANITIZE_ADDRESS__)
-    GTEST_SKIP() << "AddressSanitizer's allocator may stay locked in such a copy";
-#elif defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer lets no thread start in such a copy";
-#endif
+    if (underAddressSanitizer || underThreadSanitizer) {
+        GTEST_SKIP() << copiesMayHang;
+    }
     std::vector<std::jthread> hammers;
     for (int hammer = 0; hammer < 3; ++hammer) {
         hammers.emplace_back([](const std::stop_token& stop) {
@@ -279,9 +272,9 @@ TEST(ThreadListOnLinux, ACopyOfTheProcessStartsAfreshWhateverOthersDid) {
 
 // Another library's exit destructor runs after the library's own.
 TEST(ThreadListOnLinux, ServesExitDestructorsOfOthers) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer takes a thread for ended before all destructors ran";
-#endif
+    if (underThreadSanitizer) {
+        GTEST_SKIP() << "ThreadSanitizer takes a thread for ended before all destructors ran";
+    }
     static std::atomic<int> calls;
     static pthread_key_t key;
     calls = 0;
@@ -306,9 +299,9 @@ TEST(ThreadListOnLinux, ServesExitDestructorsOfOthers) {
 }
 
 TEST(ThreadListOnLinux, AnotherProcessIsListedByItsOwnIdOnly) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "ThreadSanitizer lets no thread start in a copy";
-#endif
+    if (underThreadSanitizer) {
+        GTEST_SKIP() << "ThreadSanitizer lets no thread start in a copy";
+    }
     const CopiedProcess child([] {
         const ParkedThread one;
         const ParkedThread two;

@@ -7,8 +7,8 @@
 
 #include <ThreadUtilities/Threads.h>
 
-#include "parked_thread.h"
 #include "support/copied_process.h"
+#include "support/parked_thread.h"
 
 namespace ThreadUtilities {
 namespace {

@@ -6,8 +6,8 @@
 
 #include <array>
 
-#include "parked_thread.h"
 #include "support/copied_process.h"
+#include "support/parked_thread.h"
 
 namespace ThreadUtilities::platform {
 namespace {

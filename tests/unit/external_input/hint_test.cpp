@@ -8,7 +8,7 @@
 #include "foundation/random.h"
 #include "scripted_platform/thread_exit_script.h"
 #include "support/allocations.h"
-#include "support/fresh_thread.h"
+#include "support/posted_location.h"
 
 namespace {
 
@@ -150,19 +150,6 @@ TEST(LocationTest, CapturesHintAndStoreOfItsThread) {
         EXPECT_FALSE(expired.contextStore.owner_before(empty) ||
                      empty.owner_before(expired.contextStore));
     });
-}
-
-/// A location made on a thread with this hint, and with `store` as its store.
-location postedFrom(const hint& posted, std::shared_ptr<context_store>* store = nullptr) {
-    location result = location::current();
-    onFreshThread([&] {
-        posted.setAsExternalInputHint();
-        if (store != nullptr) {
-            *store = context_store::getOrCreateStore();
-        }
-        result = location::current("a.cpp", 1, "f");
-    });
-    return result;
 }
 
 TEST(LocationTest, HandsHintAndStoreOver) {

@@ -10,11 +10,12 @@ namespace {
 
 struct SystemLibrary : testing::Test {
     SystemLibrary() {
-        scripted::resetSystemLibraryScript();
+        script = {};
+        script.folder.path = wideFromAscii("C:\\Windows\\system32");
         script.libraries[wideFromAscii("C:\\Windows\\system32\\Ntdll.dll")] = &library;
     }
 
-    scripted::SystemLibraryScript& script = scripted::systemLibraryScript();
+    scripted::SystemLibraryScript& script = scripted::systemLibrary;
     int library = 0;
 };
 

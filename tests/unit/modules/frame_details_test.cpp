@@ -16,10 +16,10 @@ constexpr platform::DebugGuid guid{0xE7, 0x3E, 0x88, 0xB5, 0x7B, 0xD2, 0xB7, 0x2
 
 class FrameDetailsTest : public testing::Test {
  protected:
-    FrameDetailsTest() { scripted::resetModules(); }
+    FrameDetailsTest() { scripted::processModules.clear(); }
 
     static void load(const WideString& path, std::optional<platform::DebugGuid> debugGuid) {
-        scripted::setModules(process, {{path, 0x400000, 0x100000, debugGuid}});
+        scripted::processModules[process] = {{{path, 0x400000, 0x100000, debugGuid}}};
         describeFrame(process + 1, 1);  // makes the manager forget what it has
     }
 };

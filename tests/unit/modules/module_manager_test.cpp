@@ -23,7 +23,7 @@ LoadedModule moduleAt(std::uint64_t base, std::uint64_t size, std::string_view p
 
 class ModuleManagerTest : public testing::Test {
  protected:
-    ModuleManagerTest() { scripted::resetModules(); }
+    ModuleManagerTest() { scripted::processModules.clear(); }
 
     std::string findPath(unsigned int processId, unsigned long long address) {
         const WideString path = manager.findModule(processId, address).path;
@@ -32,9 +32,9 @@ class ModuleManagerTest : public testing::Test {
 
     /// Renewals that one lookup costs.
     int renewals(unsigned int processId, unsigned long long address) {
-        const int before = scripted::moduleListings();
+        const int before = scripted::moduleListings;
         manager.findModule(processId, address);
-        return scripted::moduleListings() - before;
+        return scripted::moduleListings - before;
     }
 
     ModuleManager manager;
@@ -42,8 +42,9 @@ class ModuleManagerTest : public testing::Test {
 
 TEST_F(ModuleManagerTest, BothBoundsAreStrict) {
     constexpr std::uint64_t top = ~std::uint64_t{0};
-    scripted::setModules(process, {moduleAt(0x1000, 0x2000, "/a"), moduleAt(0x3000, 0x10, "/b"),
-                                   moduleAt(top - 0xFFF, 0x1000, "/top")});
+    scripted::processModules[process] = {{moduleAt(0x1000, 0x2000, "/a"),
+                                          moduleAt(0x3000, 0x10, "/b"),
+                                          moduleAt(top - 0xFFF, 0x1000, "/top")}};
     const struct {
         unsigned long long address;
         const char* path;
@@ -58,15 +59,15 @@ TEST_F(ModuleManagerTest, BothBoundsAreStrict) {
 }
 
 TEST_F(ModuleManagerTest, TheFirstOfOverlappingModulesAnswers) {
-    scripted::setModules(process,
-                         {moduleAt(0x2000, 0x1000, "/first"), moduleAt(0x1000, 0x5000, "/wide")});
+    scripted::processModules[process] = {
+        {moduleAt(0x2000, 0x1000, "/first"), moduleAt(0x1000, 0x5000, "/wide")}};
     EXPECT_EQ(findPath(process, 0x2800), "/first");
     EXPECT_EQ(findPath(process, 0x2000), "/wide");
 }
 
 TEST_F(ModuleManagerTest, RenewsForAnotherProcessAndOnAMissOnly) {
-    scripted::setModules(process, {moduleAt(0x1000, 0x1000, "/a")});
-    scripted::setModules(otherProcess, {moduleAt(0x1000, 0x1000, "/b")});
+    scripted::processModules[process] = {{moduleAt(0x1000, 0x1000, "/a")}};
+    scripted::processModules[otherProcess] = {{moduleAt(0x1000, 0x1000, "/b")}};
     EXPECT_EQ(renewals(process, 0x1800), 1);
     EXPECT_EQ(renewals(process, 0x1801), 0);
     EXPECT_EQ(renewals(process, 0x9000), 1) << "a miss renews once and is final";
@@ -79,22 +80,22 @@ TEST_F(ModuleManagerTest, RenewsForAnotherProcessAndOnAMissOnly) {
 }
 
 TEST_F(ModuleManagerTest, AListOfTheSameVersionStays) {
-    scripted::setModules(process, {moduleAt(0x1000, 0x1000, "/a")}, {{5, 0}});
+    scripted::processModules[process] = {{moduleAt(0x1000, 0x1000, "/a")}, {{5, 0}}};
     EXPECT_EQ(renewals(process, 0x1800), 1);
     EXPECT_EQ(renewals(process, 0x9000), 0);
-    scripted::setModules(process, {moduleAt(0x9000, 0x1000, "/b")}, {{6, 1}});
+    scripted::processModules[process] = {{moduleAt(0x9000, 0x1000, "/b")}, {{6, 1}}};
     EXPECT_EQ(findPath(process, 0x9800), "/b");
     EXPECT_EQ(findPath(process, 0x1800), "");
     // The version is the process's own: an equal one of another process says nothing.
-    scripted::setModules(otherProcess, {moduleAt(0x1000, 0x1000, "/c")}, {{6, 1}});
+    scripted::processModules[otherProcess] = {{moduleAt(0x1000, 0x1000, "/c")}, {{6, 1}}};
     EXPECT_EQ(findPath(otherProcess, 0x1800), "/c");
     EXPECT_EQ(findPath(process, 0x9800), "/b");
 }
 
 TEST_F(ModuleManagerTest, AnUnloadedModuleIsFoundUntilTheNextRenewal) {
-    scripted::setModules(process, {moduleAt(0x1000, 0x1000, "/gone")});
+    scripted::processModules[process] = {{moduleAt(0x1000, 0x1000, "/gone")}};
     const ModuleRecord record = manager.findModule(process, 0x1800);
-    scripted::setModules(process, {});
+    scripted::processModules[process] = {};
     EXPECT_EQ(findPath(process, 0x1800), "/gone");
     EXPECT_EQ(findPath(process, 0x9000), "");
     EXPECT_EQ(findPath(process, 0x1800), "");

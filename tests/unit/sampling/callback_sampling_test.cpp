@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
@@ -14,6 +12,7 @@
 #include <vector>
 
 #include "scripted_platform/clock_script.h"
+#include "support/sanitizers.h"
 #include "unit/sampling/lower_layers.h"
 
 namespace ThreadUtilities {
@@ -25,42 +24,7 @@ using std::chrono::milliseconds;
 constexpr unsigned int process = 77;
 constexpr unsigned int focus = 5;
 
-/// A callback that remembers its calls. What it does beside that is `answer`.
-class Recorder {
- public:
-    struct Call {
-        unsigned int thread;
-        std::size_t room;  ///< entries in the frame vector before the call
-    };
-
-    std::function<unsigned long long(unsigned int, std::vector<unsigned long long>&)> answer =
-        [](unsigned int, std::vector<unsigned long long>& frames) {
-            frames.resize(std::max<std::size_t>(frames.size(), 1));
-            frames[0] = 10;
-            return 1ull;
-        };
-
-    StackCaptureCallback callback() {
-        return [this](unsigned int processId, const unsigned int& threadId,
-                      std::vector<unsigned long long>& frames, unsigned long long limit) {
-            EXPECT_EQ(processId, process);
-            EXPECT_EQ(limit, 256u);
-            {
-                const std::lock_guard lock(mutex);
-                calls.push_back({threadId, frames.size()});
-            }
-            return answer(threadId, frames);
-        };
-    }
-
-    std::size_t callsFor(unsigned int threadId) const {
-        return static_cast<std::size_t>(std::count_if(
-            calls.begin(), calls.end(), [&](const Call& call) { return call.thread == threadId; }));
-    }
-
-    std::mutex mutex;
-    std::vector<Call> calls;
-};
+using Answer = std::function<unsigned long long(unsigned int, std::vector<unsigned long long>&)>;
 
 class CallbackSampling : public testing::Test {
  protected:
@@ -71,25 +35,42 @@ class CallbackSampling : public testing::Test {
     }
 
     std::string sampleFocus(std::chrono::seconds duration, milliseconds interval) {
-        return sampleProcessThread(process, focus, duration, interval, recorder.callback());
+        return sampleProcessThread(process, focus, duration, interval, callback());
     }
     std::string sampleAll(std::chrono::seconds duration, milliseconds focusInterval,
                           milliseconds listInterval) {
         return sampleProcessAllThread(process, focus, duration, focusInterval, listInterval,
-                                      recorder.callback());
+                                      callback());
     }
 
-    /// An answer of `frameCount` frames that lets time stand still until each of the three threads
-    /// was captured more than `enough` times during the run.
-    std::function<unsigned long long(unsigned int, std::vector<unsigned long long>&)> endAfter(
-        unsigned long long frameCount, int enough) {
-        captures[4] = -1;  // the first capture is before the run
-        captures[focus] = captures[6] = 0;
-        return [this, frameCount, enough](unsigned int thread,
-                                          std::vector<unsigned long long>& frames) {
+    /// Remembers each call, and answers it by `answer`.
+    StackCaptureCallback callback() {
+        return [this](unsigned int processId, const unsigned int& threadId,
+                      std::vector<unsigned long long>& frames, unsigned long long limit) {
+            EXPECT_EQ(processId, process);
+            EXPECT_EQ(limit, 256u);
+            {
+                const std::lock_guard lock(mutex);
+                calls.push_back(threadId);
+                rooms.push_back(frames.size());
+            }
+            return answer(threadId, frames);
+        };
+    }
+
+    std::ptrdiff_t callsFor(unsigned int threadId) {
+        const std::lock_guard lock(mutex);
+        return std::count(calls.begin(), calls.end(), threadId);
+    }
+
+    /// An answer that lets time stand still until each of the three threads was captured more often
+    /// than `enough` times from here on.
+    Answer endAfter(unsigned long long frameCount, std::ptrdiff_t enough) {
+        calls.clear();
+        return [this, frameCount, enough](unsigned int, std::vector<unsigned long long>& frames) {
             frames.resize(256);
-            ++captures.at(thread);
-            if (captures[4] > enough && captures[focus] > enough && captures[6] > enough) {
+            // The first capture of thread 4 is before the run.
+            if (callsFor(4) > enough + 1 && callsFor(focus) > enough && callsFor(6) > enough) {
                 scripted::advanceClock(1h);
             }
             return frameCount;
@@ -97,8 +78,14 @@ class CallbackSampling : public testing::Test {
     }
 
     scripted::LowerLayers& layers;
-    Recorder recorder;
-    std::array<std::atomic<int>, 7> captures{};
+    Answer answer = [](unsigned int, std::vector<unsigned long long>& frames) {
+        frames.resize(std::max<std::size_t>(frames.size(), 1));
+        frames[0] = 10;
+        return 1ull;
+    };
+    std::mutex mutex;
+    std::vector<unsigned int> calls;  ///< for which thread
+    std::vector<std::size_t> rooms;   ///< entries in the frame vector before the call
 };
 
 TEST_F(CallbackSampling, AnEmptyCallbackGivesAnEmptyReport) {
@@ -118,21 +105,19 @@ TEST_F(CallbackSampling, FocusThreadIsSampledOncePerIntervalAndSleptFor) {
         EXPECT_GT(sleep, 0ms);
     }
     EXPECT_EQ(slept, 1000ms);
-    ASSERT_EQ(recorder.calls.size(), 5u) << "one before the start";
-    EXPECT_EQ(recorder.calls[0].room, 256u);
-    EXPECT_EQ(recorder.calls[1].room, 0u);
-    EXPECT_EQ(recorder.calls[2].room, 1u) << "the worker keeps its vector";
+    EXPECT_EQ(rooms, (std::vector<std::size_t>{256, 0, 1, 1, 1}))
+        << "one call before the start; the worker keeps its vector";
 }
 
 TEST_F(CallbackSampling, NothingCapturedIsDroppedForTheFocusThreadOnly) {
-    recorder.answer = [](unsigned int, auto&) { return 0ull; };
+    answer = [](unsigned int, auto&) { return 0ull; };
     scripted::setAdvancePerReading(10ms);
     EXPECT_EQ(sampleFocus(1s, 0ms), "Total sample count: 0\nParallelism: 1\n\n");
-    EXPECT_GT(recorder.calls.size(), 10u);
+    EXPECT_GT(calls.size(), 10u);
 
     scripted::resetClock();
     scripted::setHardwareThreads(8);
-    recorder.answer = endAfter(0, 0);
+    answer = endAfter(0, 0);
     const std::string report = sampleAll(1s, 0ms, 0ms);
     EXPECT_EQ(report.find("Thread 5"), std::string::npos);
     EXPECT_NE(report.find("Thread 4 ["), std::string::npos) << report;
@@ -141,14 +126,14 @@ TEST_F(CallbackSampling, NothingCapturedIsDroppedForTheFocusThreadOnly) {
 
 TEST_F(CallbackSampling, NoMoreFramesAreReadThanThereAre) {
     scripted::setAdvancePerReading(400ms);
-    recorder.answer = [](unsigned int, std::vector<unsigned long long>& frames) {
+    answer = [](unsigned int, std::vector<unsigned long long>& frames) {
         frames.assign(3, 7);
         return ~0ull;
     };
     EXPECT_EQ(sampleFocus(1s, 0ms),
               "Total sample count: 1\nParallelism: 1\n\n"
               "Thread 5 [1]: \n  [1]: frame 77/7\n   [1]: frame 77/7\n    [1]: frame 77/7\n\n");
-    recorder.answer = [](unsigned int, std::vector<unsigned long long>& frames) {
+    answer = [](unsigned int, std::vector<unsigned long long>& frames) {
         frames.clear();
         return 5ull;
     };
@@ -156,11 +141,12 @@ TEST_F(CallbackSampling, NoMoreFramesAreReadThanThereAre) {
 }
 
 TEST_F(CallbackSampling, NoMoreFramesAreReadThanTheLimit) {
-#if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the printout holds a lock per level, and ThreadSanitizer follows 64 at most";
-#endif
+    if (underThreadSanitizer) {
+        GTEST_SKIP()
+            << "the printout holds a lock per level, and ThreadSanitizer follows 64 at most";
+    }
     scripted::setAdvancePerReading(400ms);
-    recorder.answer = [](unsigned int, std::vector<unsigned long long>& frames) {
+    answer = [](unsigned int, std::vector<unsigned long long>& frames) {
         frames.assign(1000, 7);
         return 1000ull;
     };
@@ -173,13 +159,13 @@ TEST_F(CallbackSampling, OtherThreadsAreSampledFromFourWorkersOn) {
     scripted::setHardwareThreads(6);
     scripted::setAdvancePerReading(1ms);
     const std::string few = sampleAll(1s, 50ms, 50ms);
-    EXPECT_EQ(recorder.calls[0].thread, 4u) << "the first capture goes to the first of the list";
-    EXPECT_EQ(recorder.callsFor(focus), recorder.calls.size() - 1);
+    EXPECT_EQ(calls[0], 4u) << "the first capture goes to the first of the list";
+    EXPECT_EQ(callsFor(focus) + 1, std::ssize(calls));
     EXPECT_NE(few.find("\nIteration count: 0\nParallelism: 3\n\nThread 5 ["), std::string::npos);
 
     scripted::resetClock();
     scripted::setHardwareThreads(8);
-    recorder.answer = endAfter(1, 2);
+    answer = endAfter(1, 2);
     const std::string many = sampleAll(1s, 0ms, 0ms);
     for (const unsigned int thread : {4u, focus, 6u}) {
         EXPECT_NE(many.find("Thread " + std::to_string(thread) + " ["), std::string::npos);
@@ -190,16 +176,16 @@ TEST_F(CallbackSampling, OtherThreadsAreSampledFromFourWorkersOn) {
 
 TEST_F(CallbackSampling, WithoutTimeOnlyTheFirstCaptureIsMade) {
     EXPECT_EQ(sampleFocus(0s, 0ms), "Total sample count: 0\nParallelism: 1\n\n");
-    EXPECT_EQ(recorder.calls.size(), 1u);
+    EXPECT_EQ(calls.size(), 1u);
     EXPECT_EQ(sampleAll(-5s, 0ms, 0ms),
               "Total sample count: 0\nIteration count: 0\nParallelism: 1\n\n");
-    EXPECT_EQ(recorder.calls.size(), 2u);
+    EXPECT_EQ(calls.size(), 2u);
 }
 
 TEST_F(CallbackSampling, AnUnknownProcessHasNoFirstCaptureAndNoThreads) {
     layers.threads[process] = {};
     scripted::setHardwareThreads(8);
-    recorder.answer = [](unsigned int, auto&) -> unsigned long long {
+    answer = [](unsigned int, auto&) -> unsigned long long {
         // Time stands still until the two workers with nothing to do have ended.
         if (scripted::issuedThreadIds().size() == 4 && scripted::liveWorkers() == 2) {
             scripted::advanceClock(1h);
@@ -207,7 +193,7 @@ TEST_F(CallbackSampling, AnUnknownProcessHasNoFirstCaptureAndNoThreads) {
         return 0;
     };
     const std::string report = sampleAll(1s, 0ms, 0ms);
-    EXPECT_EQ(recorder.callsFor(4), 0u);
+    EXPECT_EQ(callsFor(4), 0);
     EXPECT_NE(report.find("\nIteration count: 2\nParallelism: 4\n\n"), std::string::npos)
         << "each of the two other-threads workers: " << report;
     EXPECT_EQ(report.find("Thread"), std::string::npos);
@@ -215,7 +201,7 @@ TEST_F(CallbackSampling, AnUnknownProcessHasNoFirstCaptureAndNoThreads) {
 
 TEST_F(CallbackSampling, WhatACallbackThrowsReachesTheCallerAfterAllWorkersEnded) {
     scripted::setHardwareThreads(16);
-    recorder.answer = [](unsigned int, auto&) -> unsigned long long {
+    answer = [](unsigned int, auto&) -> unsigned long long {
         if (scripted::issuedThreadIds().empty()) {
             return 0;  // the capture before the run
         }
@@ -231,20 +217,20 @@ TEST_F(CallbackSampling, WhatACallbackThrowsReachesTheCallerAfterAllWorkersEnded
     EXPECT_EQ(scripted::issuedThreadIds().size(), 8u);
     EXPECT_EQ(scripted::liveWorkers(), 0);
 
-    recorder.answer = [](unsigned int, auto&) -> unsigned long long { throw 42; };
+    answer = [](unsigned int, auto&) -> unsigned long long { throw 42; };
     EXPECT_THROW(sampleFocus(forever, 0ms), int) << "the first capture is the caller's own";
     EXPECT_EQ(scripted::issuedThreadIds().size(), 8u);
 }
 
-TEST_F(CallbackSampling, EndlessIntervalsAndDurationsAreNoOverflow) {
+TEST_F(CallbackSampling, EndlessIntervalsAreNoOverflow) {
     scripted::setAdvancePerReading(400ms);
     EXPECT_EQ(sampleFocus(1s, milliseconds::min()).substr(0, 22), "Total sample count: 1\n");
-    const milliseconds longTime = milliseconds::max();
-    recorder.answer = [](unsigned int, auto&) -> unsigned long long {
+    EXPECT_EQ(sampleFocus(1s, 1min).substr(0, 22), "Total sample count: 1\n");
+    answer = [](unsigned int, auto&) -> unsigned long long {
         scripted::advanceClock(1h);
         return 0;
     };
-    EXPECT_EQ(sampleFocus(1s, longTime).substr(0, 22), "Total sample count: 0\n");
+    EXPECT_EQ(sampleFocus(1s, milliseconds::max()).substr(0, 22), "Total sample count: 0\n");
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <ThreadUtilities/Threads.h>
 
 #include "support/allocations.h"
-#include "support/fresh_thread.h"
+#include "support/posted_location.h"
 
 namespace app {
 struct Task {};
@@ -25,20 +25,6 @@ using vesko::external_input::hint;
 using vesko::source::location;
 
 const location here = location::current("C:\\work\\net/Worker.cpp", 57, "Worker::run");
-
-/// A location made on a thread with a hint of this id and name, and with a store.
-location postedWith(const hint& posted, std::shared_ptr<context_store>* store = nullptr) {
-    location result = here;
-    onFreshThread([&] {
-        posted.setAsExternalInputHint();
-        const auto made = context_store::getOrCreateStore();
-        if (store != nullptr) {
-            *store = made;
-        }
-        result = location::current("Worker.cpp", 57, "Worker::run");
-    });
-    return result;
-}
 
 TEST(ScopedThreadNameTest, NamesTheThreadUntilItEnds) {
     struct Case {
@@ -101,7 +87,7 @@ TEST(ScopedThreadNameTest, LeavesTheNameAloneWithoutFileOrFunction) {
         }
         EXPECT_EQ(getThreadName(), "A");
 
-        location posted = postedWith(hint("k", "posted"));
+        location posted = postedFrom(hint("k", "posted"));
         posted.file = nullptr;
         ScopedThreadName scope(posted);
         EXPECT_EQ(hint::getExternalInputHintName(), "posted") << "hint and store come over";
@@ -110,7 +96,7 @@ TEST(ScopedThreadNameTest, LeavesTheNameAloneWithoutFileOrFunction) {
 
 TEST(ScopedThreadNameTest, HandsTheHintOverAndPutsItBack) {
     std::shared_ptr<context_store> store;
-    const location posted = postedWith(hint("k", "posted"), &store);
+    const location posted = postedFrom(hint("k", "posted"), &store);
     onFreshThread([&] {
         {
             ScopedThreadName scope(posted);
@@ -137,7 +123,7 @@ TEST(ScopedThreadNameTest, HandsTheHintOverAndPutsItBack) {
 }
 
 TEST(ScopedThreadNameTest, EndsTheHintWhereNoneIsTakenOver) {
-    const location posted = postedWith(hint("k", "posted"));
+    const location posted = postedFrom(hint("k", "posted"));
     for (const bool hasType : {true, false}) {
         onFreshThread([&] {
             std::optional<ScopedThreadName> scope;
@@ -151,7 +137,7 @@ TEST(ScopedThreadNameTest, EndsTheHintWhereNoneIsTakenOver) {
 }
 
 TEST(ScopedThreadNameTest, CopiesPutBackOnceMore) {
-    const location posted = postedWith(hint("k", "posted"));
+    const location posted = postedFrom(hint("k", "posted"));
     onFreshThread([&] {
         setThreadName("A");
         hint("h", "own").setAsExternalInputHint();
@@ -178,7 +164,7 @@ TEST(ScopedThreadNameTest, CopiesPutBackOnceMore) {
 // ends as any other: with the old name, and ready for the next scope.
 TEST(ScopedThreadNameTest, NeverThrowsFromALocation) {
     const std::string longName(100, 'n');
-    const location posted = postedWith(hint("k", longName));
+    const location posted = postedFrom(hint("k", longName));
     onFreshThread([&] {
         const std::string before(100, 'b');
         setThreadName(before);

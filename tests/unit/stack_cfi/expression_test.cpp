@@ -16,9 +16,9 @@ class Expression : public testing::Test {
     void SetUp() override {
         registers.set(platform::Rsp, 0x1000);
         registers.set(platform::Rbp, 0x2000);
-        scripted::mapWords(0x1008, {0x1122334455667788, 99});
+        scripted::memory[0x1008] = scripted::bytesOf({0x1122334455667788, 99});
     }
-    void TearDown() override { scripted::unmapAllMemory(); }
+    void TearDown() override { scripted::memory.clear(); }
 
     StepResult evaluate(const Bytes& operations) {
         StackWords words({});

@@ -18,7 +18,7 @@ struct Parameters {
 
 class FrameDescriptions : public testing::TestWithParam<Parameters> {
  protected:
-    void TearDown() override { scripted::unmapAllMemory(); }
+    void TearDown() override { scripted::memory.clear(); }
 
     /// Three functions, the last of them in a signal trampoline.
     void writeThree() {
@@ -42,9 +42,8 @@ class FrameDescriptions : public testing::TestWithParam<Parameters> {
             const platform::ReadableRange all{begin, begin + TableBuilder::moduleSize};
             return findBy(TableReader(all, all), offset);
         }
-        const auto* const first = reinterpret_cast<const std::byte*>(builder.memory.data());
-        scripted::unmapAllMemory();
-        scripted::mapMemory(begin, {first, first + TableBuilder::moduleSize});
+        scripted::memory.clear();
+        scripted::memory[begin] = builder.memory;
         return findBy(TableReader(copies), offset);
     }
 

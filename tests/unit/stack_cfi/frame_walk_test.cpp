@@ -39,11 +39,13 @@ class FrameWalk : public testing::Test {
         builder.finish();
     }
     void TearDown() override {
-        scripted::removeAllCodeModules();
-        scripted::unmapAllMemory();
+        scripted::codeModules.clear();
+        scripted::memory.clear();
     }
 
-    void addModule(bool isPermanent) { scripted::addCodeModule(builder.module(isPermanent)); }
+    void addModule(bool isPermanent) {
+        scripted::codeModules.push_back(builder.module(isPermanent));
+    }
 
     /// The address right behind a call in the function.
     std::uint64_t in(std::uint64_t function) const { return builder.address(function + 0x10); }
@@ -127,8 +129,7 @@ TEST_F(FrameWalk, ReadsTablesThroughTheSystemWhereTheThreadIsNotHeld) {
     context.standsStill = false;
     setStack({0, 0, 0, in(savesRbx), 0, 0, 0, in(outermost)});
     EXPECT_EQ(walk(in(byRbx), WalkEnd::Unreadable), Expected{});
-    const auto* const first = reinterpret_cast<const std::byte*>(builder.memory.data());
-    scripted::mapMemory(builder.address(), {first, first + cfi::TableBuilder::moduleSize});
+    scripted::memory[builder.address()] = builder.memory;
     EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack), (Expected{in(savesRbx), in(outermost)}));
 }
 

@@ -129,18 +129,9 @@ TEST(ProcessRecords, AsksAgainWithExactlyTheReportedLength) {
     EXPECT_THAT(enumerateThreadsFromSystemInformation(42, grows.function()), ElementsAre(1, 2, 3));
     EXPECT_THAT(grows.lengths, ElementsAre(FirstLength, 3U << 20, exact));
 
-    ScriptedQuery fits({{0, exact}});
-    EXPECT_THAT(enumerateThreadsFromSystemInformation(42, fits.function()), ElementsAre(1, 2, 3));
-    EXPECT_THAT(fits.lengths, ElementsAre(FirstLength));
-}
-
-TEST(ProcessRecords, AFailedQueryFindsNothing) {
-    ScriptedQuery denied({{AccessDenied, 0}});
+    ScriptedQuery denied({{LengthMismatch, 2 << 20}, {AccessDenied, 0}});
     EXPECT_THAT(enumerateThreadsFromSystemInformation(42, denied.function()), IsEmpty());
-
-    ScriptedQuery deniedLater({{LengthMismatch, 2 << 20}, {AccessDenied, 0}});
-    EXPECT_THAT(enumerateThreadsFromSystemInformation(42, deniedLater.function()), IsEmpty());
-    EXPECT_THAT(deniedLater.lengths, ElementsAre(FirstLength, 2U << 20));
+    EXPECT_THAT(denied.lengths, ElementsAre(FirstLength, 2U << 20));
 }
 
 }  // namespace

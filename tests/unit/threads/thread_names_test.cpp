@@ -11,7 +11,7 @@ using ::testing::ElementsAre;
 
 class ThreadNames : public ::testing::Test {
  protected:
-    void SetUp() override { scripted::clearThreadNames(); }
+    void SetUp() override { scripted::threadNames.given.clear(); }
 };
 
 TEST_F(ThreadNames, ReachTheSystemWellFormedAndWithoutNul) {
@@ -28,13 +28,13 @@ TEST_F(ThreadNames, ReachTheSystemWellFormedAndWithoutNul) {
     EXPECT_EQ(getThreadName(), "");
 
     EXPECT_THAT(
-        scripted::namesGiven(),
+        scripted::threadNames.given,
         ElementsAre("plain", valid, "lone \xEF\xBF\xBD, cut \xEF\xBF\xBD", "before", "", ""));
 }
 
 TEST_F(ThreadNames, ComeFromTheSystemWellFormed) {
-    scripted::setThreadName(7, "cut \xC3");
-    scripted::setThreadName(8, "na\xC3\xAFve");
+    scripted::threadNames.byThread[7] = "cut \xC3";
+    scripted::threadNames.byThread[8] = "na\xC3\xAFve";
     EXPECT_EQ(getThreadName(7), "cut \xEF\xBF\xBD");
     EXPECT_EQ(getThreadName(8), "na\xC3\xAFve");
     EXPECT_EQ(getThreadName(9), "");

@@ -12,6 +12,8 @@
 #include <string>
 #include <thread>
 
+#include "support/sanitizers.h"
+
 namespace ThreadUtilities {
 
 /// Waits until `condition` holds; false when that takes so long that something hangs.
@@ -81,16 +83,9 @@ inline KernelView kernelViewOf(unsigned int threadId) {
 class WithPromptSignals : public testing::Test {
  protected:
     void SetUp() override {
-        if (signalsAreHeldBack()) {
+        if (underThreadSanitizer) {
             GTEST_SKIP() << "signals reach no thread that runs: ThreadSanitizer holds them back";
         }
-    }
-    static constexpr bool signalsAreHeldBack() {
-#if defined(__SANITIZE_THREAD__)
-        return true;
-#else
-        return false;
-#endif
     }
 };
 

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <cstdlib>
+
+/// Ends the program where a fuzz target finds what must never be.
+inline void require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
