@@ -357,7 +357,7 @@ int main(int argc, char** argv) {
     host.sa_flags = SA_RESTART;
     sigaction(SIGURG, &host, nullptr);
 
-    const storm::Watchdog watchdog;
+    const std::jthread watchdog = storm::watchProgress();
     const std::chrono::milliseconds each(
         static_cast<long>(seconds * 1000 / static_cast<double>(chosen)));
     unsigned long long total = 0;

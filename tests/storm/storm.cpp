@@ -95,17 +95,12 @@ void Target::noteCallers(const void* firstCaller) {
     callerCount = static_cast<int>(std::copy(first, end, begin) - begin);
 }
 
-struct Watchdog::State {
-    std::atomic<bool> stop{false};
-    std::thread thread;
-};
-
-Watchdog::Watchdog() : state(new State) {
-    state->thread = std::thread([this] {
+std::jthread watchProgress() {
+    return std::jthread([](const std::stop_token& stop) {
         constexpr auto patience = std::chrono::seconds(60);
         unsigned long long seen = progress;
         auto since = Clock::now();
-        while (!state->stop) {
+        while (!stop.stop_requested()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             if (const unsigned long long now = progress; now != seen) {
                 seen = now;
@@ -116,12 +111,6 @@ Watchdog::Watchdog() : state(new State) {
             }
         }
     });
-}
-
-Watchdog::~Watchdog() {
-    state->stop = true;
-    state->thread.join();
-    delete state;
 }
 
 // The capturers are targets as well: they capture each other while they capture the rest.

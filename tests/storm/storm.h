@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace storm {
@@ -44,17 +45,7 @@ struct Outcome {
 };
 
 /// Ends the process, with a word on the storm, when nothing is captured for a minute.
-class Watchdog {
- public:
-    Watchdog();
-    ~Watchdog();
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
-
- private:
-    struct State;
-    State* state;
-};
+[[nodiscard]] std::jthread watchProgress();
 
 Outcome run(const Storm& storm, std::chrono::milliseconds duration);
 

@@ -117,7 +117,7 @@ TEST(ThreadNamesOnLinux, ReadersSeeTheNameBeforeOrAfterAChange) {
     std::vector<std::jthread> readers;
     for (int reader = 0; reader < 2; ++reader) {
         readers.emplace_back([&] {
-            for (int count = 0; count < 3000; ++count) {
+            for (int count = 0; count < 10000; ++count) {
                 const std::string name = getThreadName(id);
                 EXPECT_TRUE(name == even || name == odd) << name;
             }

@@ -21,24 +21,18 @@ class TableBuilder {
     /// Adds a CIE with the given augmentation (its data without the length) and program; returns
     /// where it stands.
     std::size_t addCommonPart(const std::string& augmentation, const Bytes& augmentationData,
-                              const Bytes& program, std::uint8_t version = 1) {
+                              const Bytes& program) {
         const std::size_t entry = beginEntry();
         put32(0);
-        put8(version);
+        put8(1);  // version
         for (const char letter : augmentation) {
             put8(static_cast<std::uint8_t>(letter));
         }
         put8(0);
-        if (version == 4) {
-            put8(8);
-            put8(0);
-        }
         put8(1);     // code alignment
         put8(0x78);  // data alignment: -8
         put8(16);    // the return address is in column 16
-        if (augmentation.starts_with('z')) {
-            put8(static_cast<std::uint8_t>(augmentationData.size()));
-        }
+        put8(static_cast<std::uint8_t>(augmentationData.size()));
         putAll(augmentationData);
         putAll(program);
         endEntry(entry);
@@ -48,36 +42,32 @@ class TableBuilder {
     /// Adds an FDE whose code is given by its offset in the module, as 32 bits relative to its
     /// place.
     void addFunction(std::size_t common, std::uint64_t code, std::uint32_t size,
-                     const Bytes& program, bool hasAugmentation = true) {
+                     const Bytes& program) {
         const std::size_t entry = beginEntry();
         put32(static_cast<std::uint32_t>(end - common));
         put32(static_cast<std::uint32_t>(code - end));
         put32(size);
-        if (hasAugmentation) {
-            put8(0);
-        }
+        put8(0);  // no augmentation data
         putAll(program);
         endEntry(entry);
         functions.push_back({static_cast<std::uint32_t>(code), static_cast<std::uint32_t>(entry)});
     }
 
     /// Ends the tables and writes the index.
-    void finish(bool withIndex = true) {
+    void finish() {
         put32(0);
         std::sort(functions.begin(), functions.end(),
                   [](const Function& one, const Function& other) { return one.code < other.code; });
         end = 0;
         put8(1);
-        put8(0x1B);                     // .eh_frame: 32 bits, relative to its place
-        put8(withIndex ? 0x03 : 0xFF);  // count: 32 bits
-        put8(withIndex ? 0x3B : 0xFF);  // pairs: 32 bits, relative to the header
+        put8(0x1B);  // .eh_frame: 32 bits, relative to its place
+        put8(0x03);  // count: 32 bits
+        put8(0x3B);  // pairs: 32 bits, relative to the header
         put32(static_cast<std::uint32_t>(framesOffset - 4));
-        if (withIndex) {
-            put32(static_cast<std::uint32_t>(functions.size()));
-            for (const Function& function : functions) {
-                put32(function.code);
-                put32(function.entry);
-            }
+        put32(static_cast<std::uint32_t>(functions.size()));
+        for (const Function& function : functions) {
+            put32(function.code);
+            put32(function.entry);
         }
     }
 

@@ -4,29 +4,10 @@
 #include <map>
 #include <set>
 
-#include "foundation/ascii.h"
-#include "foundation/guid_text.h"
 #include "foundation/random.h"
 
 namespace vesko {
 namespace {
-
-using ThreadUtilities::wide;
-
-TEST(Guid, Text) {
-    EXPECT_EQ(guidToWideString(guid()), wide<"00000000-0000-0000-0000-000000000000">);
-    guid value;
-    value.Data1 = 0x12345678;
-    value.Data2 = 0x9ABC;
-    value.Data3 = 0xDEF0;
-    value.Data4 = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
-    EXPECT_EQ(guidToWideString(value), wide<"12345678-9abc-def0-0123-456789abcdef">);
-    value.Data1 = 0xF;
-    value.Data2 = 0xAB;
-    value.Data3 = 1;
-    value.Data4[0] = 0;
-    EXPECT_EQ(guidToWideString(value), wide<"0000000f-00ab-0001-0023-456789abcdef">);
-}
 
 struct Random : testing::Test {
     std::function<int(int, int, bool)> original = randomIntHook;
