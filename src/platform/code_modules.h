@@ -1,10 +1,11 @@
 #pragma once
 
-// The loaded modules as an unwinder sees them.
+// The loaded modules as the library's own unwinder sees them. A system whose own unwinder is used
+// defines nothing of this.
 
 #include <cstdint>
 
-#include "platform/thread_context.h"
+#include "platform/memory.h"
 
 namespace ThreadUtilities::platform {
 

@@ -1,16 +1,28 @@
 #pragma once
 
-// Reads of this process's memory that may turn out not to be mapped.
+// This process's memory as the library's own unwinder reads it, which may turn out not to be
+// mapped. A system whose own unwinder is used defines no function of these.
 
 #include <cstddef>
 #include <cstdint>
 
 namespace ThreadUtilities::platform {
 
+/// A stretch of memory, [begin, end), that can be read without a fault for as long as the one who
+/// names it says. Empty when nothing is known.
+struct ReadableRange {
+    std::uint64_t begin = 0;
+    std::uint64_t end = 0;
+};
+
 /// Copies up to `size` bytes that begin at `address` of the calling process. Returns how many
 /// bytes were copied from the front: fewer than `size`, possibly 0, where the memory beyond is
 /// not readable. Never faults. No allocation, no lock; safe while the thread whose memory it is
 /// stands still, and in a signal handler.
 std::size_t readOwnMemory(std::uint64_t address, void* out, std::size_t size) noexcept;
+
+/// The readable part of the calling thread's own stack, from about the stack pointer upward; empty
+/// when the thread runs on another stack than its own.
+ReadableRange currentStackRange() noexcept;
 
 }  // namespace ThreadUtilities::platform

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/memory.h"
+
 namespace ThreadUtilities::platform {
 
 /// x86-64 registers in the numbering of the System V ABI's DWARF register map (figure 3.36);
@@ -26,21 +28,14 @@ constexpr std::uint32_t registerBit(Register number) {
 }
 inline constexpr std::uint32_t allRegisters = registerBit(RegisterCount) - 1;
 
-/// A stretch of memory, [begin, end), that can be read without a fault while the visitor that it
-/// was handed to runs. Empty when nothing is known.
-struct ReadableRange {
-    std::uint64_t begin = 0;
-    std::uint64_t end = 0;
-};
-
 /// What a visitor gets to see of a thread.
 struct ThreadContext {
     Registers registers{};
     /// One `registerBit` for each register whose value is known. Instruction and stack pointer
     /// always are; the others are 0 where unknown.
     std::uint32_t knownRegisters = allRegisters;
-    /// The part of the thread's own stack that is known to be readable. Words outside are read
-    /// through `readOwnMemory`.
+    /// The part of the thread's own stack that is known to be readable while the visitor runs.
+    /// Words outside are read through `readOwnMemory`.
     ReadableRange stack;
     /// What to add to an address inside `stack` (modulo 2^64) to find its word: 0 where the stack
     /// itself is read, something else where `stack` was copied beforehand.
@@ -77,9 +72,5 @@ enum class VisitResult {
 /// Allocates nothing. The visitor has ended when this returns and never runs later.
 VisitResult visitThreadContext(unsigned int threadId, bool suspend, ContextVisitor visitor,
                                void* state) noexcept;
-
-/// The readable part of the calling thread's own stack, from about the stack pointer upward; empty
-/// when the thread runs on another stack than its own.
-ReadableRange currentStackRange() noexcept;
 
 }  // namespace ThreadUtilities::platform

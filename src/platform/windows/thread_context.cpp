@@ -127,12 +127,4 @@ VisitResult visitThreadContext(unsigned int threadId, bool suspend, ContextVisit
                    : readAndShow(thread.get(), false, visitor, state);
 }
 
-ReadableRange currentStackRange() noexcept {
-    // The second word of the thread's own block (NT_TIB.StackBase), which the system finds through
-    // GS as well. A thread that runs as a fiber has the bounds of the fiber's stack there.
-    std::uint64_t stackBase = 0;
-    asm("movq %%gs:8, %0" : "=r"(stackBase));
-    return {reinterpret_cast<std::uint64_t>(__builtin_frame_address(0)), stackBase};
-}
-
 }  // namespace ThreadUtilities::platform

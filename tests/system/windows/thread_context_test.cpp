@@ -120,13 +120,5 @@ TEST(ThreadContext, ThreadsThatVisitEachOtherAllGoOn) {
     EXPECT_GT(visited, rounds);
 }
 
-TEST(ThreadContext, TheCallingThreadsStackReachesToItsBase) {
-    const ReadableRange range = currentStackRange();
-    const auto here = reinterpret_cast<std::uint64_t>(&range);
-    EXPECT_LT(range.begin, range.end);
-    EXPECT_GE(here + 4096, range.begin);
-    EXPECT_LT(here, range.end);
-}
-
 }  // namespace
 }  // namespace ThreadUtilities::platform
