@@ -6,9 +6,11 @@
 #include <ThreadUtilities/StackTrace.h>
 
 #include <algorithm>
+#include <numeric>
 #include <optional>
 #include <string>
 
+#include "platform/windows/module_handles.h"
 #include "windows_support/child_process.h"
 #include "windows_support/target_thread.h"
 
@@ -27,6 +29,24 @@ std::optional<LoadedModule> moduleNamed(const std::vector<LoadedModule>& modules
 // The build id that the plugin is linked with, as it stands in the file.
 constexpr DebugGuid pluginGuid = {0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66,
                                   0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
+
+// More modules than the first list has room for, and others loaded between two questions.
+TEST(Modules, AreAskedForUntilAListHoldsThemAll) {
+    const std::vector<std::uint32_t> counts = {1500, 1600, 1550};
+    std::vector<std::size_t> rooms;
+    const auto ask = [&](std::uint64_t* handles, std::uint32_t size, std::uint32_t& needed) {
+        EXPECT_EQ(needed, 0u);
+        const std::uint32_t count = counts.at(rooms.size());
+        rooms.push_back(size / sizeof(*handles));
+        std::iota(handles, handles + std::min<std::size_t>(rooms.back(), count), 1);
+        needed = count * sizeof(*handles);
+        return true;
+    };
+    std::vector<std::uint64_t> expected(1550);
+    std::iota(expected.begin(), expected.end(), 1);
+    EXPECT_EQ(askForHandles<std::uint64_t>(ask), expected);
+    EXPECT_EQ(rooms, (std::vector<std::size_t>{1024, 1500, 1600}));
+}
 
 TEST(Modules, OfThisProcess) {
     const HMODULE plugin = LoadLibraryA(TEST_PLUGIN);
