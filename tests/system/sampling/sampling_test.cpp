@@ -1,4 +1,4 @@
-// Reports of real programs: this one, and a child process.
+// Reports of a real program: this one.
 
 #include <ThreadUtilities/Sampling.h>
 #include <ThreadUtilities/StackTrace.h>
@@ -12,7 +12,6 @@
 #include <optional>
 #include <sstream>
 
-#include "support/copied_process.h"
 #include "support/target_thread.h"
 
 namespace ThreadUtilities {
@@ -142,25 +141,6 @@ TEST(SamplingOfThisProcess, SeveralRunsAtOnceShareNothingWhileThreadsComeAndGo) 
         EXPECT_GE(blocksOf(report, order).size(), 4u) << report;
         EXPECT_EQ(order.front(), getMainThreadId());
     }
-}
-
-TEST(SamplingOfProcesses, AnotherProcessIsDescribedByItsOwnModules) {
-    const CopiedProcess child([] { pause(); });
-    const unsigned int id = child.id();
-    const auto address = reinterpret_cast<unsigned long long>(&pause) + 3;
-    const auto capture = [&](unsigned int processId, const unsigned int& threadId,
-                             std::vector<unsigned long long>& frames, unsigned long long) {
-        EXPECT_EQ(processId, id);
-        EXPECT_EQ(threadId, id);
-        frames.assign({address});
-        return 1ull;
-    };
-    const std::string report = sampleProcessThread(id, id, 1s, 100ms, capture);
-    const std::wstring frame = getFrameDetails(id, address);
-    ASSERT_FALSE(frame.empty());
-    EXPECT_NE(report.find("]: " + std::string(frame.begin(), frame.end()) + "\n\n"),
-              std::string::npos)
-        << report;
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 // Scopes in a process that is copied or ends under them.
 
 #include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <thread>
 
 #include <ThreadUtilities/ScopedThreadName.h>
-#include <ThreadUtilities/Threads.h>
 
 #include "support/copied_process.h"
 #include "support/sanitizers.h"
@@ -16,7 +16,6 @@ namespace {
 using ThreadUtilities::IScopedThreadCallback;
 using ThreadUtilities::runInCopy;
 using ThreadUtilities::ScopedThreadName;
-using vesko::external_input::hint;
 
 class Counter : public IScopedThreadCallback {
  public:
@@ -26,24 +25,6 @@ class Counter : public IScopedThreadCallback {
     std::atomic<int> starts{0};
     std::atomic<int> ends{0};
 };
-
-TEST(ScopedThreadNameTest, GoesOnInACopiedProcess) {
-    const auto counter = std::make_shared<Counter>();
-    ScopedThreadName::registerCallback(counter);
-    std::optional<ScopedThreadName> scope(std::in_place, "before", true);
-    hint("h", "own").setAsExternalInputHint();
-    EXPECT_EQ(runInCopy([&] {
-                  const bool isWhole = hint::getExternalInputHintName() == "own" &&
-                                       ThreadUtilities::getThreadName() == "before";
-                  scope.reset();
-                  return isWhole && counter->starts == 1 && counter->ends == 1 &&
-                         ThreadUtilities::getThreadName().empty();
-              }),
-              0);
-    scope.reset();
-    EXPECT_EQ(counter->ends, 1);
-    ScopedThreadName::unRegisterCallback(counter);
-}
 
 // The copies are made while other threads hold the observers' lock and change their list.
 TEST(ScopedThreadNameTest, FindsTheObserversFreeInACopiedProcess) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <array>
 
@@ -61,17 +62,6 @@ TEST(ThreadStacks, AreTheThreadsOwnAndEndWithThem) {
     }
     ReadableRange stack;
     EXPECT_FALSE(findThreadStack(0, stack));
-}
-
-TEST(ThreadStacks, ACopyKnowsItsOnlyThread) {
-    const ParkedThread other;
-    const ParkedThread forking([&] {
-        EXPECT_EQ(runInCopy([&] {
-                      ReadableRange stack;
-                      return ownStackIsRight() && !findThreadStack(other.id(), stack);
-                  }),
-                  0);
-    });
 }
 
 }  // namespace

@@ -62,39 +62,6 @@ TEST(CheckedBytes, Leb128) {
     }
 }
 
-TEST(CheckedBytes, PiecesAndPositions) {
-    const Bytes bytes{'z', 'R', 0, 9, 1, 2, 3, 4, 5};
-    ByteCursor cursor = over(bytes);
-    EXPECT_EQ(cursor.cString(), "zR");
-    EXPECT_EQ(cursor.position(), 3u);
-    cursor.alignTo(4);
-    cursor.alignTo(4);
-    EXPECT_EQ(cursor.position(), 4u);
-    ByteCursor piece = cursor.sub(2);
-    EXPECT_EQ(piece.position(), 0u);
-    EXPECT_EQ(piece.read<std::uint16_t>(), 0x0201u);
-    EXPECT_EQ(piece.read<std::uint8_t>(), 0u) << "a piece ends where it was cut";
-    EXPECT_FALSE(piece.ok());
-    EXPECT_TRUE(cursor.ok());
-    EXPECT_EQ(cursor.read<std::uint8_t>(), 3u);
-    EXPECT_EQ(cursor.data(), bytes.data() + 7);
-
-    ByteCursor whole = over(bytes);
-    whole.seek(bytes.size());
-    EXPECT_TRUE(whole.ok() && whole.atEnd());
-    whole.seek(bytes.size() + 1);
-    EXPECT_FALSE(whole.ok());
-
-    const Bytes unterminated{'a', 'b'};
-    ByteCursor noEnd = over(unterminated);
-    EXPECT_EQ(noEnd.cString(), "");
-    EXPECT_FALSE(noEnd.ok());
-
-    ByteCursor huge = over(bytes);
-    huge.skip(~std::uint64_t{0});
-    EXPECT_FALSE(huge.ok());
-}
-
 TEST(CheckedBytes, AddressArithmeticNeverWraps) {
     constexpr std::uint64_t top = ~std::uint64_t{0};
     static_assert(checkedAdd(top - 1, 1) == top);
