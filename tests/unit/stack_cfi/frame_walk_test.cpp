@@ -123,6 +123,14 @@ TEST_F(FrameWalk, LooksUpInterruptedAddressesAsTheyStand) {
     }
 }
 
+TEST_F(FrameWalk, FindsFunctionsWithoutAnIndex) {
+    builder.memory[2] = builder.memory[3] =
+        0xFF;  // the encodings of count and pairs: there are none
+    addModule(true);
+    setStack({0, 0, 0, in(savesRbx), 0, 0, 0, in(outermost)});
+    EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack), (Expected{in(savesRbx), in(outermost)}));
+}
+
 /// Tables of a module that may go while the walk reads them are not touched in place.
 TEST_F(FrameWalk, ReadsTablesThroughTheSystemWhereTheThreadIsNotHeld) {
     addModule(false);
