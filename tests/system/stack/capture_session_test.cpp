@@ -73,9 +73,9 @@ TEST(ASessionOfCaptures, NeverTouchesAThousandThreadsThatSleep) {
             wake.wait(false);
         }));
     }
-    ASSERT_TRUE(eventually([&] { return asleep == threadCount; }));
+    EXPECT_TRUE(eventually([&] { return asleep == threadCount; }));
     for (const auto& thread : threads) {
-        ASSERT_TRUE(eventually([&] { return kernelViewOf(thread->id()).sleeps; }));
+        EXPECT_TRUE(eventually([&] { return kernelViewOf(thread->id()).sleeps; }));
     }
     const auto switches = [&] {
         unsigned long sum = 0;
@@ -86,9 +86,9 @@ TEST(ASessionOfCaptures, NeverTouchesAThousandThreadsThatSleep) {
     };
     const unsigned long atFirst = switches();
     CaptureSession session(64);
-    for (int round = 0; round < 20; ++round) {
+    for (int round = 0; round < 20 && !HasFailure(); ++round) {
         for (const auto& thread : threads) {
-            ASSERT_GT(session.capture(thread->id()), 2U);
+            EXPECT_GT(session.capture(thread->id()), 2U);
         }
     }
     EXPECT_EQ(switches(), atFirst);
