@@ -33,6 +33,11 @@ void prepareModuleLookup() noexcept;
 /// Context: target stopped, or signal handler; no allocation, no lock, no log.
 bool findCodeModule(std::uint64_t address, bool staysLoaded, CodeModule& module) noexcept;
 
+/// The identity that modules share which stay to the end of the process; 0 as long as no lookup
+/// gives it. The library's own code has it whenever it is not 0.
+/// Context: as `findCodeModule`.
+std::uint64_t permanentIdentity() noexcept;
+
 /// The stretch of the module's image around `address` that can be read without a fault for as
 /// long as the module is loaded, which it is now; empty when there is none.
 /// Context: as `findCodeModule`.

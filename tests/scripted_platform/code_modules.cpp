@@ -16,6 +16,11 @@ bool findCodeModule(std::uint64_t address, bool, CodeModule& module) noexcept {
     return false;
 }
 
+// Every module of a script can be replaced by another.
+std::uint64_t permanentIdentity() noexcept {
+    return 0;
+}
+
 ReadableRange readableSegment(const CodeModule& module, std::uint64_t address) noexcept {
     return address - module.begin < module.size
                ? ReadableRange{module.begin, module.begin + module.size}

@@ -36,7 +36,7 @@ std::atomic<bool> isBeingPrepared{false};
 
 /// Because no address of these ever belongs to another module, one identity does for all of them,
 /// and a walk from one to the next need not look up which it is in.
-constexpr std::uint64_t permanentIdentity = 0x5851F42D4C957F2D;
+constexpr std::uint64_t sharedIdentity = 0x5851F42D4C957F2D;
 
 /// The modules that are never unloaded: the program, the libraries that this one stands on, and
 /// this one itself, without which nobody asks. Constant once `isPrepared` is set.
@@ -106,7 +106,7 @@ void findPermanentModules() noexcept {
         CodeModule module;
         if (inside != 0 && findMapped(inside, module)) {
             module.isPermanent = true;
-            module.identity = permanentIdentity;
+            module.identity = sharedIdentity;
             permanentModules.modules[permanentModules.count++] = module;
         }
     }
@@ -160,6 +160,10 @@ bool findCodeModule(std::uint64_t address, bool staysLoaded, CodeModule& module)
                           ? moduleIdentity(module.begin, module.unwindHeader, firstPage(module))
                           : identityFromCopy(module);
     return true;
+}
+
+std::uint64_t permanentIdentity() noexcept {
+    return isPrepared.load(std::memory_order_acquire) ? sharedIdentity : 0;
 }
 
 ReadableRange readableSegment(const CodeModule& module, std::uint64_t address) noexcept {

@@ -54,6 +54,7 @@ class CfiUnwinder {
         : cache(ruleCache),
           memory(walkMemory),
           usesCache(keeps == Keeps::FramePointer),
+          permanentIdentity(platform::permanentIdentity()),
           stackEnd(stack.end),
           stackShift(shift) {
         at.instructionPointer = memory.start[platform::Rip];
@@ -66,6 +67,15 @@ class CfiUnwinder {
     std::uint64_t programCounter() const noexcept { return at.instructionPointer; }
     std::uint64_t stackPointer() const noexcept { return at.stackPointer; }
 
+    /// Lets the first step be one by a cached rule too. The walk starts behind a call, or at an
+    /// address that the tables describe like the byte before it, in a module that is never
+    /// unloaded; all its registers are known, and its stack pointer is in the readable range.
+    void startAsCaller() noexcept {
+        memory.callSize = 1;
+        at.identity = permanentIdentity;
+        at.predicted = cache.latest(at.instructionPointer - 1);
+    }
+
     /// Only from where the walk starts.
     void returnTo(std::uint64_t address, std::uint64_t stackPointer) noexcept {
         loadStart(memory);
@@ -76,14 +86,18 @@ class CfiUnwinder {
     }
 
     StepResult step(StackWords& words) noexcept {
-        if (stepByPredictedRule()) [[likely]] {
+        Prediction outcome = stepByPredictedRule();
+        if (outcome == Prediction::Made) [[likely]] {
             return StepResult::Made;
         }
-        if (at.identity != 0 && !covers(memory.module, at.instructionPointer - 1)) {
-            at.identity = identityOfModule(memory, at.instructionPointer - 1);
-            if (stepByPredictedRule()) {
+        if (outcome == Prediction::Wrong && at.identity != 0) {
+            outcome = stepInOtherModule();
+            if (outcome == Prediction::Made) {
                 return StepResult::Made;
             }
+        }
+        if (outcome == Prediction::EndOfStack) {
+            return StepResult::EndOfStack;
         }
         Position position = at;
         const StepResult result = stepSlowly(usesCache ? &cache : nullptr, memory, words, position);
@@ -106,26 +120,35 @@ class CfiUnwinder {
         std::uint64_t identity = 0;
     };
 
-    bool stepByPredictedRule() noexcept {
+    enum class Prediction {
+        Made,        ///< and the step with it
+        EndOfStack,  ///< the rule is there and says so
+        Wrong,       ///< or not to be followed without more checks; nothing has changed
+    };
+
+    Prediction stepByPredictedRule() noexcept {
         CompiledRule rule;
         RuleCache::Slot next = 0;
         if (!cache.find(at.predicted, {at.instructionPointer - 1, at.identity}, rule, next))
             [[unlikely]] {
-            return false;
+            return Prediction::Wrong;
         }
         std::uint64_t base = at.stackPointer;
         if (rule.usesFramePointer()) {
             base = at.framePointer;
             if (base < at.stackPointer || base > stackEnd) [[unlikely]] {
-                return false;
+                return Prediction::Wrong;
             }
         }
         // The stack is readable from the base, which is at or above the stack pointer, to the end;
         // no slot lies below the base; no sum leaves 64 bits, because the end of user memory is far
         // from there. A rule that says that there is no caller leads beyond the end.
         const std::uint64_t frameAddress = base + rule.frameAddressOffset();
+        if (frameAddress <= at.stackPointer) {
+            __builtin_unreachable();  // no rule's offset is below 8
+        }
         if (frameAddress > stackEnd) [[unlikely]] {
-            return false;
+            return rule.hasCaller() ? Prediction::Wrong : Prediction::EndOfStack;
         }
         const std::uint64_t saved =
             StackWords::load(frameAddress - rule.framePointerDistance() + stackShift);
@@ -134,7 +157,24 @@ class CfiUnwinder {
         at.stackPointer = frameAddress;
         at.previous = at.predicted;
         at.predicted = next;
-        return true;
+        return Prediction::Made;
+    }
+
+    // The caller may be in another module: in one of those that are never unloaded, which needs no
+    // look at where they are, or in any other.
+    Prediction stepInOtherModule() noexcept {
+        if (at.identity != permanentIdentity) {
+            at.identity = permanentIdentity;
+            const Prediction outcome = stepByPredictedRule();
+            if (outcome != Prediction::Wrong) {
+                return outcome;
+            }
+        }
+        if (covers(memory.module, at.instructionPointer - 1)) {
+            return Prediction::Wrong;
+        }
+        at.identity = identityOfModule(memory, at.instructionPointer - 1);
+        return stepByPredictedRule();
     }
 
     static bool covers(const platform::CodeModule& module, std::uint64_t address) noexcept {
@@ -217,7 +257,8 @@ class CfiUnwinder {
     static StepResult applyTables(std::uint64_t address, WalkMemory& memory, StackWords& words,
                                   Position& position, CompiledRule& rule) noexcept {
         RegisterFile& registers = memory.registers;
-        if (memory.callSize == 0 && memory.registersBelong == 0) {
+        if (position.stackPointer == memory.start[platform::Rsp] &&
+            position.instructionPointer == memory.start[platform::Rip]) {
             loadStart(memory);
         } else if (memory.registersBelong != position.stackPointer) {
             registers.forgetAll();
@@ -247,6 +288,7 @@ class CfiUnwinder {
     RuleCache& cache;
     WalkMemory& memory;
     const bool usesCache;
+    const std::uint64_t permanentIdentity;
     const std::uint64_t stackEnd;
     const std::uint64_t stackShift;
     Position at;

@@ -26,8 +26,9 @@ class CompiledRule {
     static constexpr std::uint64_t freeMask = ((std::uint64_t{1} << freeBits) - 1) << freeShift;
 
     constexpr CompiledRule() noexcept = default;
+    /// Whatever the free bits hold is no part of the rule.
     static constexpr CompiledRule fromBits(std::uint64_t bits) noexcept {
-        return CompiledRule(bits & ~freeMask);
+        return CompiledRule(bits);
     }
 
     /// The compiled form of a row; an empty rule when the row is of another shape.
@@ -61,7 +62,7 @@ class CompiledRule {
     }
 
     constexpr explicit operator bool() const noexcept { return bits != 0; }
-    constexpr std::uint64_t toBits() const noexcept { return bits; }
+    constexpr std::uint64_t toBits() const noexcept { return bits & ~freeMask; }
 
     constexpr bool hasCaller() const noexcept { return frameAddressOffset() != noCallerOffset; }
     constexpr bool usesFramePointer() const noexcept { return (bits & basedOnFramePointer) != 0; }

@@ -18,12 +18,16 @@ struct Start {
     std::uint32_t knownRegisters;
     platform::ReadableRange stack;
     std::uint64_t stackShift;
+    bool isLikeCaller = false;  ///< as `CfiUnwinder::startAsCaller` asks for
 };
 
 WalkResult walk(const Start& start, Keeps keeps, cfi::TableCopies* copies, StackWords& words,
                 unsigned long long* frames, std::size_t maxFrames) noexcept {
     cfi::WalkMemory memory(start.registers, start.knownRegisters, copies);
     cfi::CfiUnwinder unwinder(ruleCache, keeps, start.stack, start.stackShift, memory);
+    if (start.isLikeCaller && keeps == Keeps::FramePointer) {
+        unwinder.startAsCaller();
+    }
     return walkStack(unwinder, words, frames, maxFrames);
 }
 
@@ -64,7 +68,8 @@ WalkResult walkThread(const platform::ThreadContext& context, unsigned long long
     prepareFrameWalks();
     platform::Registers registers;
     // What the unwind tables say at the label holds for all the registers stored around it, since
-    // none of these instructions changes one of them but rax, which no table asks for.
+    // none of these instructions changes one of them but rax, which no table asks for. So the byte
+    // before the label will do as well, as if the label were where a call returns to.
     asm volatile(
         "movq %%rax, 8*0+%0\n\t"
         "leaq 0f(%%rip), %%rax\n\t"
@@ -88,7 +93,10 @@ WalkResult walkThread(const platform::ThreadContext& context, unsigned long long
         : "=m"(registers)
         :
         : "rax");
-    const Start start{registers, platform::allRegisters, platform::currentStackRange(), 0};
+    const platform::ReadableRange stack = platform::currentStackRange();
+    const std::uint64_t stackPointer = registers[platform::Rsp];
+    const bool isOnKnownStack = stack.begin <= stackPointer && stackPointer <= stack.end;
+    const Start start{registers, platform::allRegisters, stack, 0, isOnKnownStack};
     return walk(start, nullptr, frames, maxFrames).frameCount;
 }
 
