@@ -14,7 +14,8 @@ set(allowed
     __cpu_indicator_init __cpu_model)
 # Before or outside every handler: binding the lookups, and the calling thread's own stack.
 set(allowed_outside
-    dlsym getauxval dl_iterate_phdr pthread_atfork
+    dlsym getauxval pthread_atfork
+    _ZN15ThreadUtilities8platform14walkLoaderListEPFiP12dl_phdr_infomPvES3_
     _ZN15ThreadUtilities8platform17currentStackRangeEv
     _ZN15ThreadUtilities8platform13RestartInCopyC1EPFvvE)
 
