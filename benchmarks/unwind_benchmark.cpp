@@ -8,6 +8,7 @@
 #include <libunwind.h>
 
 #include <cstdint>
+#include <thread>
 
 #include "deep_stack.h"
 #include "stack/frame_walk.h"
@@ -81,6 +82,12 @@ void wholeStack(benchmark::State& state, Walk walk) {
     state.counters["frames"] = static_cast<double>(run.frameCount);
 }
 
+/// The same on a thread of the program's own: all its frames are in modules that are never
+/// unloaded, while the first thread's pass through the benchmark library.
+void workerStack(benchmark::State& state, Walk walk) {
+    std::thread([&] { wholeStack(state, walk); }).join();
+}
+
 void framePointerChain(benchmark::State& state) {
     Run run{state, walkFramePointers};
     outermostFrame = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
@@ -91,6 +98,9 @@ void framePointerChain(benchmark::State& state) {
 BENCHMARK_CAPTURE(wholeStack, own, walkOwn)->Arg(15)->Arg(32)->Arg(100);
 BENCHMARK_CAPTURE(wholeStack, libunwind, walkLibunwind)->Arg(15)->Arg(32)->Arg(100);
 BENCHMARK_CAPTURE(wholeStack, c_library, walkCLibrary)->Arg(15)->Arg(32)->Arg(100);
+BENCHMARK_CAPTURE(workerStack, own, walkOwn)->Arg(32);
+BENCHMARK_CAPTURE(workerStack, libunwind, walkLibunwind)->Arg(32);
+BENCHMARK_CAPTURE(workerStack, c_library, walkCLibrary)->Arg(32);
 BENCHMARK(framePointerChain)->Arg(15)->Arg(32)->Arg(100);
 
 }  // namespace

@@ -135,6 +135,9 @@ class CfiUnwinder {
         }
         std::uint64_t base = at.stackPointer;
         if (rule.usesFramePointer()) {
+            if (!rule.hasCaller()) [[unlikely]] {
+                return Prediction::EndOfStack;
+            }
             base = at.framePointer;
             if (base < at.stackPointer || base > stackEnd) [[unlikely]] {
                 return Prediction::Wrong;
@@ -142,13 +145,13 @@ class CfiUnwinder {
         }
         // The stack is readable from the base, which is at or above the stack pointer, to the end;
         // no slot lies below the base; no sum leaves 64 bits, because the end of user memory is far
-        // from there. A rule that says that there is no caller leads beyond the end.
+        // from there.
         const std::uint64_t frameAddress = base + rule.frameAddressOffset();
         if (frameAddress <= at.stackPointer) {
             __builtin_unreachable();  // no rule's offset is below 8
         }
         if (frameAddress > stackEnd) [[unlikely]] {
-            return rule.hasCaller() ? Prediction::Wrong : Prediction::EndOfStack;
+            return Prediction::Wrong;
         }
         const std::uint64_t saved =
             StackWords::load(frameAddress - rule.framePointerDistance() + stackShift);
