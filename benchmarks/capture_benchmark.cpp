@@ -158,6 +158,18 @@ void BlockedThreadAgainstBareSignal(benchmark::State& state) {
 }
 BENCHMARK(BlockedThreadAgainstBareSignal)->Unit(benchmark::kMicrosecond);
 
+/// The same capture once after the other, as a report of all threads goes about it.
+void BlockedThreadInARow(benchmark::State& state) {
+    capture_targets::stayOnProcessor(0);
+    Target target(Target::Work::Block);
+    waitUntilBlocked(target.id());
+    std::array<unsigned long long, room> frames;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(visitAndWalk(target.id(), frames.data()));
+    }
+}
+BENCHMARK(BlockedThreadInARow);
+
 void DebuggerTest(benchmark::State& state) {
     for (auto _ : state) {
         benchmark::DoNotOptimize(platform::isDebuggerAttached());

@@ -50,7 +50,7 @@ std::optional<BlockedAt> whereBlocked(unsigned int threadId) {
     return at;
 }
 
-// The part of the stack that most walks need, copied with one call.
+// The part of the stack that most walks need, copied with one call: thirty frames of usual size.
 class StackCopy {
  public:
     explicit StackCopy(std::uint64_t stackPointer) noexcept
@@ -67,7 +67,7 @@ class StackCopy {
     static constexpr std::uint64_t redZone = 128;
 
     std::uint64_t begin_;
-    std::array<std::byte, 2048> bytes_;
+    std::array<std::byte, 4096> bytes_;
     std::size_t size_;
 };
 
