@@ -194,7 +194,7 @@ class Loss {
 
     template <typename Sample>
     double during(Sample sample) {
-        constexpr double longestOfOurs = 50'000;
+        constexpr double longestOfOurs = 300'000;
         target_.takeGaps();
         auto due = std::chrono::steady_clock::now();
         for (int i = 0; i < 500; ++i) {
