@@ -30,6 +30,9 @@ namespace ThreadUtilities {
 /// walk takes what it finds. The flag means nothing for the calling thread. The thread runs again
 /// on every path, and no heap memory and no lock is used while it stands.
 ///
+/// Needs up to 16 KB of the calling thread's stack, and of an interrupted thread's up to 4 KB below
+/// the system's signal frame.
+///
 /// Returns the number of entries stored; 0 when a debugger is attached to the process (nothing is
 /// written then), `frames` is null, `maxFrames` is 0, or the thread does not exist, has ended,
 /// belongs to another process or cannot be stopped. A stack that turns out damaged gives the
