@@ -54,7 +54,7 @@ class CfiUnwinder {
         : cache(ruleCache),
           memory(walkMemory),
           usesCache(keeps == Keeps::FramePointer),
-          permanentIdentity(platform::permanentIdentity()),
+          permanentIdentity(orNone(platform::permanentIdentity())),
           stackEnd(stack.end),
           stackShift(shift) {
         at.instructionPointer = memory.start[platform::Rip];
@@ -90,7 +90,7 @@ class CfiUnwinder {
         if (outcome == Prediction::Made) [[likely]] {
             return StepResult::Made;
         }
-        if (outcome == Prediction::Wrong && at.identity != 0) {
+        if (outcome == Prediction::Wrong && at.identity != RuleCache::noIdentity) {
             outcome = stepInOtherModule();
             if (outcome == Prediction::Made) {
                 return StepResult::Made;
@@ -114,10 +114,10 @@ class CfiUnwinder {
         std::uint64_t framePointer = 0;
         RuleCache::Slot predicted = 0;      ///< where the rule of this frame is expected
         RuleCache::Slot previous = noSlot;  ///< where the rule of the frame before stands
-        /// Of the module that the frame before was in. 0, which no entry has, unless the next step
-        /// may be one by a cached rule: the instruction pointer is a return address, the frame
-        /// pointer known, and the stack pointer in the part of the stack known to be readable.
-        std::uint64_t identity = 0;
+        /// Of the module that the frame before was in; none unless the next step may be one by a
+        /// cached rule: the instruction pointer is a return address, the frame pointer known, and
+        /// the stack pointer in the part of the stack known to be readable.
+        std::uint64_t identity = RuleCache::noIdentity;
     };
 
     enum class Prediction {
@@ -147,9 +147,6 @@ class CfiUnwinder {
         // no slot lies below the base; no sum leaves 64 bits, because the end of user memory is far
         // from there.
         const std::uint64_t frameAddress = base + rule.frameAddressOffset();
-        if (frameAddress <= at.stackPointer) {
-            __builtin_unreachable();  // no rule's offset is below 8
-        }
         if (frameAddress > stackEnd) [[unlikely]] {
             return Prediction::Wrong;
         }
@@ -192,10 +189,15 @@ class CfiUnwinder {
         return true;
     }
 
-    /// 0 where there is no module.
+    /// As a key has it.
+    static std::uint64_t orNone(std::uint64_t identity) noexcept {
+        return identity != 0 ? identity : RuleCache::noIdentity;
+    }
+
     [[gnu::noinline]] static std::uint64_t identityOfModule(WalkMemory& memory,
                                                             std::uint64_t address) noexcept {
-        return enterModule(memory, address) ? memory.module.identity : 0;
+        return enterModule(memory, address) ? orNone(memory.module.identity)
+                                            : RuleCache::noIdentity;
     }
 
     [[gnu::noinline]] static StepResult stepSlowly(RuleCache* cache, WalkMemory& memory,
@@ -204,10 +206,10 @@ class CfiUnwinder {
         if (!covers(memory.module, address) && !enterModule(memory, address)) {
             return StepResult::NoUnwindData;
         }
-        const RuleCache::Key key{address, memory.module.identity};
+        const RuleCache::Key key{address, orNone(memory.module.identity)};
         const RuleCache::Slot previous = std::exchange(position.previous, noSlot);
         StepResult result = StepResult::Made;
-        if (cache == nullptr || key.identity == 0) {
+        if (cache == nullptr || key.identity == RuleCache::noIdentity) {
             CompiledRule unused;
             result = applyTables(address, memory, words, position, unused);
         } else {
@@ -227,7 +229,7 @@ class CfiUnwinder {
         const bool isSteady = cache != nullptr && memory.knowsFramePointer &&
                               memory.callSize == 1 &&
                               words.covers(position.stackPointer, position.stackPointer);
-        position.identity = isSteady ? key.identity : 0;
+        position.identity = isSteady ? key.identity : RuleCache::noIdentity;
         return result;
     }
 

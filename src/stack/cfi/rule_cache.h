@@ -45,6 +45,11 @@ class RuleCache {
         std::uint64_t identity;
     };
 
+    /// The identity of no module: no entry is stored under it. Not 0, for an empty entry is all
+    /// zeros and so adds up to the key of address 0 there; with this one it adds up to an address
+    /// that no processor of today accepts.
+    static constexpr std::uint64_t noIdentity = 0xA0761D6478BD642F;
+
     /// Whether `slot` holds the entry of `key`. Then `rule` is its rule, and `next` the slot that
     /// it predicts; else both are worthless.
     bool find(Slot slot, Key key, CompiledRule& rule, Slot& next) const noexcept {

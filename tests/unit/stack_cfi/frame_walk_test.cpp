@@ -111,6 +111,21 @@ TEST_F(FrameWalk, FindsFramesByRegistersThatCachedRulesLose) {
 
 /// The instruction at which a signal struck may be the first of a function: nothing before it is
 /// looked up, whereas a return address right behind a function belongs to the call before it.
+/// Looked up one byte earlier, it is what the empty entries of the cache could be taken for.
+TEST_F(FrameWalk, HasNoRuleForAddressOne) {
+    addModule(true);
+    setStack({0, 0, 0, 1, in(plain), 0});
+    EXPECT_EQ(walk(in(plain), WalkEnd::NoUnwindData), Expected{1});
+    context.registers[platform::Rsp] += 32;
+    const auto asInterrupted = [&] {
+        context.registers[platform::Rip] = 1;
+        unsigned long long frame = 0;
+        walkThread(context, &frame, 1);
+        return frame;
+    };
+    EXPECT_EQ(asInterrupted(), in(plain));
+}
+
 TEST_F(FrameWalk, LooksUpInterruptedAddressesAsTheyStand) {
     addModule(true);
     setStack({0, 0, 0, in(trampoline),         0, 0, 0, 0,
