@@ -7,6 +7,7 @@
 
 #include "foundation/random.h"
 #include "support/copied_process.h"
+#include "support/sanitizers.h"
 
 namespace vesko {
 namespace {
@@ -30,6 +31,9 @@ Numbers numbersOfAChild() {
 }
 
 TEST(RandomAcrossFork, TheChildDrawsAtOnceAndOtherNumbers) {
+    if (ThreadUtilities::underAddressSanitizer) {
+        GTEST_SKIP() << ThreadUtilities::copiesMayHang;
+    }
     {
         std::vector<std::jthread> drawers;
         for (int count = 0; count < 3; ++count) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "support/copied_process.h"
+#include "support/sanitizers.h"
 #include "support/target_thread.h"
 
 // What hosts do to themselves and to us.
@@ -229,6 +230,9 @@ TEST_F(HostileHost, MayForbidItsDump) {
 }
 
 TEST_F(HostileHost, MayForkWhileCapturesAreUnderWay) {
+    if (underAddressSanitizer) {
+        GTEST_SKIP() << copiesMayHang;
+    }
     TargetThread spinning(spinUntil);
     std::atomic<bool> stop{false};
     std::thread capturer([&] {
