@@ -100,9 +100,10 @@ VisitResult awaitAnswer(PostedRequest& request, unsigned int threadId, Waiting w
                                   : VisitResult::NotAnswering;
         }
         // A host that reset its signal actions at the wrong moment has thrown the signal away. It
-        // is sent again only if it is not pending: a pending one would swallow the next that the
-        // host itself sends to this thread.
-        if (!status.signalIsPending && ensureCaptureHandler()) {
+        // is sent again only if it would be delivered at once: one that stays pending, because
+        // there is one already or because the thread is in the handler of the first and about to
+        // answer, would swallow the next that the host itself sends to this thread.
+        if (!status.signalIsPending && !status.signalIsBlocked && ensureCaptureHandler()) {
             sendCaptureSignal(threadId);
         }
         pause = std::min(pause * 2, longestPause);

@@ -56,7 +56,8 @@ ThreadStatus readThreadStatus(unsigned int threadId) noexcept {
         } else if (parseField(line, "SigPnd:", 16, signals)) {
             status.signalIsPending = contains(signals, captureSignal);
         } else if (parseField(line, "SigBlk:", 16, signals)) {
-            const bool forLong = contains(signals, captureSignal) && !blocksForAMoment(signals);
+            status.signalIsBlocked = contains(signals, captureSignal);
+            const bool forLong = status.signalIsBlocked && !blocksForAMoment(signals);
             if (status.answerability == Answerability::CanAnswer && forLong) {
                 status.answerability = Answerability::BlocksSignal;
             }

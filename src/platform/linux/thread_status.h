@@ -15,7 +15,8 @@ enum class Answerability {
 struct ThreadStatus {
     Answerability answerability = Answerability::Unknown;
     bool signalIsPending = false;
-    bool sleeps = false;  ///< waits in the kernel, interruptibly
+    bool signalIsBlocked = false;  ///< as in a signal handler that has just begun
+    bool sleeps = false;           ///< waits in the kernel, interruptibly
 };
 
 ThreadStatus readThreadStatus(unsigned int threadId) noexcept;
