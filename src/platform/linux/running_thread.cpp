@@ -102,8 +102,11 @@ VisitResult awaitAnswer(PostedRequest& request, unsigned int threadId, Waiting w
         // A host that reset its signal actions at the wrong moment has thrown the signal away. It
         // is sent again only if it would be delivered at once: one that stays pending, because
         // there is one already or because the thread is in the handler of the first and about to
-        // answer, would swallow the next that the host itself sends to this thread.
-        if (!status.signalIsPending && !status.signalIsBlocked && ensureCaptureHandler()) {
+        // answer, would swallow the next that the host itself sends to this thread. Because the
+        // answer is looked for after the status was read, the first signal cannot have been
+        // handled meanwhile.
+        if (!status.signalIsPending && !status.signalIsBlocked && !request.isAnswered() &&
+            ensureCaptureHandler()) {
             sendCaptureSignal(threadId);
         }
         pause = std::min(pause * 2, longestPause);
