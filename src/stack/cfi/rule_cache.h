@@ -59,11 +59,6 @@ class RuleCache {
         return entry.complement.load(std::memory_order_relaxed) + summand(rule) == sumOf(key);
     }
 
-    /// Where the latest entry of an address that hashes alike stands, a place to begin at.
-    Slot latest(std::uint64_t address) const noexcept {
-        return (indexOf(address).load(std::memory_order_relaxed) % entryCount) * sizeof(Entry);
-    }
-
     /// The same for whichever slot the index knows for the address; `slot` becomes that slot.
     bool search(Key key, CompiledRule& rule, Slot& slot, Slot& next) const noexcept {
         std::uint64_t slots = indexOf(key.address).load(std::memory_order_relaxed);
@@ -74,6 +69,11 @@ class RuleCache {
             }
         }
         return false;
+    }
+
+    /// Where the latest entry of an address that hashes alike stands, a place to begin at.
+    Slot latest(std::uint64_t address) const noexcept {
+        return (indexOf(address).load(std::memory_order_relaxed) % entryCount) * sizeof(Entry);
     }
 
     /// Returns the slot of the entry.
