@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 # Made of the library's objects, because it measures parts that do not leave the library.
 find_library(PROFILER_LIBRARY profiler)
 add_executable(capture_benchmark capture_benchmark.cpp capture_targets.cpp

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Capturing another thread, 30 frames deep, and what it costs that thread. Peers are measured in
 // the same loop, turn by turn, so that both meet the same machine; the figures are medians.
 
@@ -19,6 +22,7 @@
 #include "platform/debugger.h"
 #include "platform/linux/blocked_thread.h"
 #include "platform/linux/capture_requests.h"
+#include "platform/linux/capture_signal.h"
 #include "platform/linux/handler/capture_handler.h"
 #include "platform/linux/thread_stacks.h"
 #include "platform/thread_context.h"
@@ -76,44 +80,49 @@ class Duel {
 };
 
 std::size_t visitAndWalk(unsigned int threadId, unsigned long long* frames) {
-    return static_cast<std::size_t>(captureOtherThread(threadId, frames, room, true));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    return captureOtherThread(threadId, {frames, room}, true, deadline).frameCount;
+}
+
+struct HandlerRuns {
+    benchmark::State& state;
+    std::vector<double> times;
+};
+
+/// With a context below the stack pointer that it tells of, as the kernel puts it.
+[[gnu::noinline]] void measureHandler(HandlerRuns& runs, const ucontext_t& interrupted) {
+    ucontext_t here = interrupted;
+    const auto self = static_cast<unsigned int>(gettid());
+    platform::ReadableRange stack;
+    platform::findThreadStack(self, stack);
+    const int number = platform::captureSignal();
+    siginfo_t info = platform::captureSignalInfo(number, self);
+    platform::VisitSlot slot(room, std::chrono::steady_clock::now());
+    for (auto _ : runs.state) {
+        const platform::PostedRequest request(slot, {self, collectFrames, stack, true});
+        const auto begin = __rdtsc();
+        platform::onCaptureSignal(number, &info, &here);
+        runs.times.push_back(static_cast<double>(__rdtsc() - begin) *
+                             capture_targets::nanosecondsPerStamp());
+    }
+    runs.state.counters["frames"] = static_cast<double>(slot.room().frameCount);
 }
 
 /// Our handler's whole work on the thread, called like a function; what the kernel adds is the
 /// bare signal's cost.
 void TimeInTheHandler(benchmark::State& state) {
-    struct Measurement {
-        benchmark::State& state;
-        std::vector<double> times;
-    } measurement{state, {}};
+    HandlerRuns runs{state, {}};
+    prepareFrameWalks();
+    platform::rememberOwnStack();
     deep_stack::callWithoutFramePointers(
         capture_targets::depth,
         [](void* opaque) {
-            auto& measured = *static_cast<Measurement*>(opaque);
-            const auto self = static_cast<unsigned int>(gettid());
-            prepareFrameWalks();
-            platform::rememberOwnStack();
-            platform::ReadableRange stack;
-            platform::findThreadStack(self, stack);
             ucontext_t here;
             getcontext(&here);
-            siginfo_t info = platform::captureSignalInfo(self);
-            const auto handler = platform::handlerOfLayer(0);
-            std::array<unsigned long long, room> frames;
-            FrameCollection collected;
-            collected.frames = frames.data();
-            collected.maxFrames = room;
-            for (auto _ : measured.state) {
-                const platform::PostedRequest request(self, stack, collectFrames, &collected);
-                const auto begin = __rdtsc();
-                handler(platform::captureSignal, &info, &here);
-                measured.times.push_back(static_cast<double>(__rdtsc() - begin) *
-                                         capture_targets::nanosecondsPerStamp());
-            }
-            measured.state.counters["frames"] = static_cast<double>(collected.frameCount);
+            measureHandler(*static_cast<HandlerRuns*>(opaque), here);
         },
-        &measurement);
-    state.counters["median_ns"] = median(measurement.times);
+        &runs);
+    state.counters["median_ns"] = median(runs.times);
 }
 BENCHMARK(TimeInTheHandler);
 
@@ -133,11 +142,14 @@ BENCHMARK(RunningThreadAgainstBareSignal)->Unit(benchmark::kMicrosecond);
 
 // After a signal the target needs a processor before it is back in its wait.
 void waitUntilBlocked(unsigned int threadId) {
-    const auto look = [](const platform::ThreadContext&, void*) noexcept {
+    const auto look = [](const platform::ThreadContext&, platform::VisitRoom&) noexcept {
         return platform::VisitorAnswer::Enough;
     };
-    while (platform::visitBlockedThread(threadId, true, look, nullptr) !=
-           platform::BlockedVisit::Visited) {
+    const auto deadline = std::chrono::steady_clock::time_point::max();
+    const platform::VisitRequest request{threadId, true, look, deadline};
+    platform::VisitSlot slot(room, deadline);
+    std::optional<platform::ThreadRuns> atRest;
+    while (platform::visitBlockedThread(request, slot, atRest) != platform::BlockedVisit::Visited) {
         usleep(100);
     }
 }
@@ -179,7 +191,7 @@ BENCHMARK(DebuggerTest);
 
 void BlockedThreadInASession(benchmark::State& state) {
     Target target(Target::Work::Block);
-    CaptureSession session(room);
+    CaptureSession session(room, std::chrono::steady_clock::time_point::max(), 1);
     for (auto _ : state) {
         benchmark::DoNotOptimize(session.capture(target.id()));
     }

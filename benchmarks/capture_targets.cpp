@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "capture_targets.h"
 
 #include <poll.h>
@@ -107,7 +110,7 @@ std::vector<double> Target::takeGaps() {
 }
 
 BareSignal::BareSignal(int number) : number_(number) {
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = onBareSignal;
     action.sa_flags = SA_RESTART | SA_ONSTACK;
     sigaction(number, &action, nullptr);

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 # Module lists are not part of the library's surface: this program is made of its objects.
 add_library(modules_benchmark_plugin MODULE modules_benchmark_plugin.cpp)
 add_executable(modules_benchmark modules_benchmark.cpp)

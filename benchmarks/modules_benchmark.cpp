@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Module lists and frame texts in a process with a hundred modules.
 
 #include <ThreadUtilities/StackTrace.h>

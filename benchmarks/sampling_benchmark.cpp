@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Merging samples into a call tree.
 
 #include <ThreadUtilities/Sampling.h>

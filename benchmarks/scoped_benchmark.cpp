@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // What a named scope costs beside the system calls that it cannot do without: one that sets its
 // name and one that puts the old name back. Then the pieces that travel with a job.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Thread ids, lists and names beside the bare system calls that they rest on.
 
 #include <benchmark/benchmark.h>
@@ -205,8 +208,7 @@ using CreateFunction = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void
 void startAndJoin(benchmark::State& state, CreateFunction create) {
     for (auto _ : state) {
         pthread_t thread;
-        create(
-            &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr);
+        create(&thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr);
         pthread_join(thread, nullptr);
     }
 }

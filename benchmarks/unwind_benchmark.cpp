@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Capturing the calling thread's own stack, with every frame in code of another function. Each
 // benchmark walks the whole stack of the given number of frames, down to the start of the process.
 

@@ -1,16 +1,29 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 # What a user of the library finds: headers, the library, a CMake package that may be moved with
-# them, and a pkg-config file.
+# them, and a pkg-config file. The shared and the static library, and a Debug beside a release
+# build, may be installed in one folder.
 include(CMakePackageConfigHelpers)
 
 set(package_folder "${CMAKE_INSTALL_LIBDIR}/cmake/ThreadUtilities")
+if(BUILD_SHARED_LIBS)
+    set(kind shared)
+else()
+    set(kind static)
+endif()
 
+# Component Runtime is what a program needs that was built with the library, Development the rest.
+set_target_properties(ThreadUtilities PROPERTIES EXPORT_NAME ${kind})
 install(TARGETS ThreadUtilities EXPORT ThreadUtilitiesTargets
-    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
-    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT Runtime
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT Runtime
+        NAMELINK_COMPONENT Development
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT Development)
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
-    FILES_MATCHING PATTERN "*.h")
-install(EXPORT ThreadUtilitiesTargets NAMESPACE ThreadUtilities:: DESTINATION "${package_folder}")
+    COMPONENT Development FILES_MATCHING PATTERN "*.h")
+install(EXPORT ThreadUtilitiesTargets NAMESPACE ThreadUtilities::
+    FILE ThreadUtilities-${kind}.cmake DESTINATION "${package_folder}" COMPONENT Development)
 
 configure_package_config_file("${CMAKE_CURRENT_LIST_DIR}/ThreadUtilitiesConfig.cmake.in"
     "${PROJECT_BINARY_DIR}/package/ThreadUtilitiesConfig.cmake"
@@ -21,7 +34,7 @@ write_basic_package_version_file("${PROJECT_BINARY_DIR}/package/ThreadUtilitiesC
 install(FILES
     "${PROJECT_BINARY_DIR}/package/ThreadUtilitiesConfig.cmake"
     "${PROJECT_BINARY_DIR}/package/ThreadUtilitiesConfigVersion.cmake"
-    DESTINATION "${package_folder}")
+    DESTINATION "${package_folder}" COMPONENT Development)
 
 # Written relative to its own place; absolute folders (a distribution's) stay as they are.
 set(pkg_config_folder "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
@@ -37,15 +50,26 @@ cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_LIBDIR BASE_DIRECTORY "\${prefix}"
     OUTPUT_VARIABLE pkg_config_libdir)
 cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_INCLUDEDIR BASE_DIRECTORY "\${prefix}"
     OUTPUT_VARIABLE pkg_config_includedir)
+get_target_property(pkg_config_postfix ThreadUtilities DEBUG_POSTFIX)
+if(NOT CMAKE_BUILD_TYPE STREQUAL "Debug" OR NOT pkg_config_postfix)
+    set(pkg_config_postfix "")
+endif()
+# What the archive needs; beside a shared library it is needed with `pkg-config --static` only.
+set(pkg_config_private stdc++ ${THREAD_UTILITIES_ARCHIVE_LIBRARIES})
+if(CMAKE_CXX_FLAGS MATCHES "-stdlib=libc\\+\\+")
+    list(TRANSFORM pkg_config_private REPLACE "^stdc\\+\\+$" "c++")
+endif()
+list(TRANSFORM pkg_config_private REPLACE "^([^-].*)$" "-l\\1")
+list(TRANSFORM pkg_config_private REPLACE "^LINKER:" "-Wl,")
+list(JOIN pkg_config_private " " pkg_config_private)
 set(pkg_config_cflags "")
 set(pkg_config_libs "")
 if(NOT BUILD_SHARED_LIBS)
     set(pkg_config_cflags " -DTHREAD_UTILITIES_STATIC")
-    set(pkg_config_libs " -lstdc++")
+    set(pkg_config_libs " ${pkg_config_private}")
+    set(pkg_config_private "")
 endif()
 configure_file("${CMAKE_CURRENT_LIST_DIR}/ThreadUtilities.pc.in"
     "${PROJECT_BINARY_DIR}/package/ThreadUtilities.pc" @ONLY)
-if(NOT WIN32)
-    install(FILES "${PROJECT_BINARY_DIR}/package/ThreadUtilities.pc"
-        DESTINATION "${pkg_config_folder}")
-endif()
+install(FILES "${PROJECT_BINARY_DIR}/package/ThreadUtilities.pc"
+    DESTINATION "${pkg_config_folder}" COMPONENT Development)

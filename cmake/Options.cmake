@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 # Usage requirements shared by every target of this project; nothing here is global.
 
 # The backend folder below src/platform, and the folder below src/stack that walks stacks; the logic
@@ -34,6 +37,8 @@ function(add_family name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "VARIANT" "" "")
     add_library(tu_${name} OBJECT ${arg_UNPARSED_ARGUMENTS})
     target_link_libraries(tu_${name} PRIVATE thread_utilities_build)
+    # Each source has its own unnamed namespace, whatever the including project does with its own.
+    set_target_properties(tu_${name} PROPERTIES UNITY_BUILD OFF)
     if(NOT arg_VARIANT)
         set_property(GLOBAL APPEND PROPERTY THREAD_UTILITIES_OBJECTS $<TARGET_OBJECTS:tu_${name}>)
     endif()

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 # Toolchain: 64-bit Windows with Debian's mingw-w64 (POSIX thread model, for <thread> and <mutex>).
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
@@ -14,8 +17,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 # A package of the user's, this library's for one, may be installed anywhere.
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
-# -static and not just -static-libgcc -static-libstdc++: the thread library of the compiler would
-# stay a DLL of its own otherwise. System libraries are import libraries either way.
+# The C++ run-time stays in DLLs of its own: a DLL and a program that throw exceptions to each other
+# must count them in one place. A program that contains everything may add -static.
 foreach(kind EXE SHARED MODULE)
-    set(CMAKE_${kind}_LINKER_FLAGS_INIT "-static -Wl,--build-id")
+    set(CMAKE_${kind}_LINKER_FLAGS_INIT "-Wl,--build-id")
 endforeach()

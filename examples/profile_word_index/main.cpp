@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Indexes the words of a folder's files on several threads, and profiles itself meanwhile.
 //
 //     profile_word_index [--seconds N] [--interval MILLISECONDS] [FOLDER]

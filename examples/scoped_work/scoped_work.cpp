@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Opens a folder: one job lists its files, one more for each file counts its lines. Wherever the
 // work goes, it stays known what it is done for, and everybody adds to one account of it.
 //

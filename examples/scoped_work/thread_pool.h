@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include <condition_variable>
@@ -18,9 +21,24 @@ class ThreadPool {
 
     explicit ThreadPool(int threads) {
         for (int i = 0; i < threads; ++i) {
-            workers.emplace_back([this](const std::stop_token& stop) { work(stop); });
+            workers.emplace_back([this] { work(); });
         }
     }
+
+    /// Runs what has been posted, then ends.
+    ~ThreadPool() {
+        {
+            const std::lock_guard lock(mutex);
+            ending = true;
+        }
+        changed.notify_all();
+        for (std::thread& worker : workers) {
+            worker.join();
+        }
+    }
+
+    ThreadPool(const ThreadPool&) = delete;
+    ThreadPool& operator=(const ThreadPool&) = delete;
 
     void post(std::function<void()> job, Location postedFrom = Location::current()) {
         {
@@ -38,10 +56,14 @@ class ThreadPool {
     }
 
  private:
-    void work(const std::stop_token& stop) {
+    void work() {
         const ThreadUtilities::ScopedThreadName idle("idle", false);
         std::unique_lock lock(mutex);
-        while (changed.wait(lock, stop, [this] { return !jobs.empty(); })) {
+        for (;;) {
+            changed.wait(lock, [this] { return ending || !jobs.empty(); });
+            if (jobs.empty()) {
+                return;
+            }
             auto [job, postedFrom] = std::move(jobs.front());
             jobs.pop_front();
             lock.unlock();
@@ -56,8 +78,9 @@ class ThreadPool {
     }
 
     std::mutex mutex;
-    std::condition_variable_any changed;
+    std::condition_variable changed;
     std::deque<std::pair<std::function<void()>, Location>> jobs;
     int unfinished = 0;
-    std::vector<std::jthread> workers;
+    bool ending = false;
+    std::vector<std::thread> workers;
 };

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 /// \file
@@ -6,7 +9,7 @@
 ///
 /// The three sampling functions block the calling thread for the given duration and may be called
 /// from any thread, several at a time. They start their own worker threads and join them before
-/// they return or throw. None is async-signal-safe.
+/// they return or throw. None is async-signal-safe. The reports are the same in every locale.
 
 #include <chrono>
 #include <cstdint>
@@ -40,7 +43,7 @@ struct THREAD_UTILITIES_API Tree {
     Tree& operator=(const Tree&) = delete;
 
     /// Counts one sample on this node and on every node along its frames, creating those that
-    /// are missing.
+    /// are missing. The nodes below this one are held meanwhile, whoever takes them off the tree.
     void add(const FrameIterator& first, const FrameIterator& last);
 
     /// Adds one sample below the child `key` (a thread id, at the root); this node is not counted.
@@ -71,13 +74,20 @@ struct THREAD_UTILITIES_API Tree {
 /// Stores return addresses innermost first in the first n entries of the vector, growing it where
 /// it is shorter, and returns n; 0 when nothing was captured. Runs on several threads at once.
 /// What it returns beyond the vector's size or the limit is not read. An exception ends the
-/// sampling run: all workers are joined, then it reaches the caller of the sampling function.
+/// sampling run: all workers are joined, then it reaches the caller of the sampling function. A
+/// callback that ends its thread (`pthread_exit`, a cancellation) ends the run too; the caller gets
+/// the report of what was sampled by then.
 using StackCaptureCallback = std::function<unsigned long long(
     unsigned int, const unsigned int&, std::vector<unsigned long long>&, unsigned long long)>;
 
 /// Samples every thread of the calling process for `duration`, each at most once per `interval`,
 /// and returns the report. The sampler's own workers are left out; the calling thread is not.
 /// A duration of zero or less gives an empty profile.
+///
+/// While no thread is due the workers sleep: one of them wakes when the next thread is due, and
+/// every millisecond to look for new threads. A thread is sampled some ten microseconds after it
+/// is due, and its interval counts from then, so a short interval gives a few samples less than
+/// the duration divided by it. With an interval of 0 the workers never sleep.
 THREAD_UTILITIES_API std::string sampleAllThreads(const std::chrono::seconds& duration,
                                                   const std::chrono::milliseconds& interval);
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 /// \file
@@ -8,11 +11,16 @@
 /// destructors included. The observer functions may be called from any thread at any time, also
 /// by an observer that is being called. Nothing here is async-signal-safe.
 ///
+/// Observers are taken off the list before their code is unloaded, those included that their
+/// owners let go: the list keeps what is left of them, and that is code too. At the end of the
+/// process nothing is released.
+///
 /// In a fork child the observers stay registered, unless a thread of the parent was changing their
 /// list at that very moment; the child then begins with none.
 
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 
 #include <ThreadUtilities/Export.h>
@@ -25,6 +33,10 @@ class ScopedThreadNotifications;
 
 /// Implemented by those who want to hear of named pieces of work. Both functions run on the thread
 /// whose scope begins or ends, which waits for them; several threads may call at once.
+///
+/// A call may begin scopes. Those that become their thread's outermost are announced as well (in
+/// `onScopedThreadEnd` the ending one no longer counts), from within up to three calls one in the
+/// other; what a scope in the fourth does, nobody hears of.
 class IScopedThreadCallback {
  public:
     /// The thread bears the scope's name. It has not adopted the location's hint yet.
@@ -47,6 +59,12 @@ class IScopedThreadCallback {
 ///
 /// The constructors with a location and the destructor drop every exception, also one of an
 /// observer, and skip the steps that were left.
+///
+/// An observer may end its thread (`pthread_exit`, a cancellation point): on systems that unwind
+/// the stack for that, the unwinding passes through the object whose scope begins or ends, which
+/// puts the name back, and at its end the hint too. Observers behind it are not called. As
+/// everywhere, the process ends where something that is `noexcept` stands in the way, or where a
+/// handler of the same thread is being left or still handles another exception.
 class [[nodiscard]] ScopedThreadName {
  public:
     /// Names the thread `file:line:function`, the file without its folders. Without an argument
@@ -73,12 +91,19 @@ class [[nodiscard]] ScopedThreadName {
     /// without an announced object; observers called before it get no call for an end.
     THREAD_UTILITIES_API ScopedThreadName(const std::string& name, bool withNotification);
 
+    /// A second text is an error: as a pointer it would become the flag.
+    template <typename Pointer>
+        requires std::is_pointer_v<std::decay_t<Pointer>>
+    ScopedThreadName(const std::string& name, Pointer&& notAFlag) = delete;
+
     /// Copies what is put back at the end, and does nothing else: the thread is not named again
     /// and no observer hears of the copy. The copy's end puts name and hint back once more.
     THREAD_UTILITIES_API ScopedThreadName(const ScopedThreadName& other);
     THREAD_UTILITIES_API ScopedThreadName& operator=(const ScopedThreadName& other);
 
-    THREAD_UTILITIES_API ~ScopedThreadName();
+    /// Lets nothing through but the end of the thread (above): a class that has such a member and
+    /// overrides a destructor says `noexcept` at its own.
+    THREAD_UTILITIES_API ~ScopedThreadName() noexcept(false);
 
     /// Adds an observer at the end of the list; once more if it is in the list already. It is
     /// held weakly: an observer that its owner lets go is skipped. Null is ignored.
@@ -102,6 +127,12 @@ class [[nodiscard]] ScopedThreadName {
     void nameAfter(const std::string& prefix, const std::string& typeName,
                    const vesko::source::location& loc);
     void adopt(const vesko::source::location& loc);
+    template <typename Steps>
+    void beginQuietly(Steps steps);
+    void undoBeginning();
+    void announceEnd();
+    void putNameBack();
+    void putBack();
 
     static ScopedThreadNotifications& notifier() noexcept;
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 /// \file
@@ -21,17 +24,23 @@ namespace ThreadUtilities {
 /// Captures the stack of one thread of the calling process.
 ///
 /// `frames` has room for `maxFrames` entries and receives at most that many return addresses,
-/// innermost first; entries behind the returned count are not written, except that entry 0 is set
-/// to 0 before a capture begins. The address at which another thread was executing is itself not
-/// stored: its first entry is the return address of its innermost function. For the calling
-/// thread, entry 0 lies inside `getStackTrace`.
+/// innermost first; entries behind the returned count are not written, except that entry 0 is 0
+/// after a capture that failed. The address at which another thread was
+/// executing is itself not stored: its first entry is the return address of its innermost function.
+/// For the calling thread, entry 0 lies inside `getStackTrace`.
 ///
 /// With `suspend` the thread stands still while its stack is walked; without, it runs on and the
 /// walk takes what it finds. The flag means nothing for the calling thread. The thread runs again
-/// on every path, and no heap memory and no lock is used while it stands.
+/// on every path, and no heap memory and no lock is used while it stands. A stack deeper than 256
+/// frames is collected in memory that the call maps for itself, if there is any.
 ///
-/// Needs up to 16 KB of the calling thread's stack, and of an interrupted thread's up to 4 KB below
-/// the system's signal frame.
+/// A thread that cannot answer is known at once, or within milliseconds; one that could but gets no
+/// processor is given up a second after the call began. Whatever it does later, it touches nothing
+/// of the caller's.
+///
+/// Needs up to 8 KB of the calling thread's stack, its first call included, and 4 KB of an
+/// interrupted thread's, or of its alternate signal stack where it has one, below the system's
+/// signal frame; where less is left that thread goes on at once and has no frames.
 ///
 /// Returns the number of entries stored; 0 when a debugger is attached to the process (nothing is
 /// written then), `frames` is null, `maxFrames` is 0, or the thread does not exist, has ended,

@@ -1,11 +1,22 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 /// \file
 /// Which thread runs, which threads a process has, and what they are called.
 ///
-/// Every function may be called from any thread at any time, in a fork child too. None is
-/// async-signal-safe unless it says so. Failures are quiet: an empty list or an empty text;
-/// only an allocation failure is thrown.
+/// Every function may be called from any thread at any time, in the exit destructors of a thread
+/// and in a fork child too (where the child was made by `_Fork` or a bare `clone`: as far as the
+/// child may allocate). Not in a child that shares its parent's memory (`vfork`): it counts as the
+/// thread that made it. None is async-signal-safe unless it says so. Failures are quiet: an empty
+/// list or an empty text; only an allocation failure is thrown.
+///
+/// On Linux, "announced" threads are those that begin by `pthread_create` or `thrd_create` while
+/// the library stands before the C library in the order of look-up: the program links it, or it is
+/// preloaded. It does not where it was loaded by `dlopen` or is needed by another library only.
+/// Each announced thread, and each that names itself, holds a robust mutex of the library's for
+/// life, by whose state the library learns of its end.
 ///
 /// A thread id is the operating system's own 32-bit id (Linux: `gettid`), a process id likewise.
 
@@ -24,8 +35,11 @@ THREAD_UTILITIES_API unsigned int getMainThreadId();
 THREAD_UTILITIES_API unsigned int getThreadId();
 
 /// The threads of the calling process: those found at load first, later ones in the order in
-/// which they started. Answered from memory wherever the start and end of every thread is
-/// announced to the library; otherwise reconciled with the system's own list.
+/// which they started; a thread is listed until its end, its exit destructors included. Answered
+/// from memory, after one system call that counts the threads (1 to 2 us), where every thread is
+/// announced; while some are not, or one just ends, reconciled with the system's own list (about
+/// 0.5 us a thread more). Where the system's list cannot be read (no free descriptor, no /proc):
+/// the known threads that are alive, and others as far as they are found by asking for ids.
 THREAD_UTILITIES_API std::vector<unsigned int> getThreadIds();
 
 /// The threads of any process, enumerated afresh on each call, in the system's order. Empty when
@@ -66,13 +80,18 @@ THREAD_UTILITIES_API std::string getThreadIdHexString();
 /// by U+FFFD. The system's own, shorter name (Linux: 15 bytes) gets the longest whole-character
 /// prefix, so that debuggers and process viewers show it. On Linux the main thread's system name
 /// is also the process's name in `ps`; naming that thread renames the process there.
-/// An empty name takes the name away. Nothing is reported when the system refuses.
+/// An empty name takes the name away, and gives the thread the system's name back that it had
+/// before it was named. Nothing is reported when the system refuses.
 THREAD_UTILITIES_API void setThreadName(const std::string& name);
 
 /// The name of any thread that the caller may inspect, in any process, as UTF-8. Empty when the
 /// thread has no name of its own, does not exist or may not be inspected. For a thread of this
 /// process the full name given by `setThreadName`, unless other code has since given the system
-/// another one; for a thread of another process the system's name.
+/// another one (where the system's cannot be read, for want of a descriptor or of /proc: the full
+/// name); for a thread of another process the system's name.
+/// On Linux a thread inherits its creator's name in the system, which is not a name of its own. Of
+/// a thread that was not announced nothing tells the two apart: a name counts as inherited there
+/// if it is the program's or one that `setThreadName` gave to some thread, and else as its own.
 /// Never waits for the thread: a name set concurrently is read before or after the change.
 THREAD_UTILITIES_API std::string getThreadName(unsigned int threadId);
 

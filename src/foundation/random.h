@@ -1,8 +1,10 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // The library's one source of random numbers.
 
-#include <functional>
 #include <mutex>
 #include <random>
 
@@ -33,8 +35,8 @@ class Generator {
 /// repeat the numbers of its original.
 int randomInt(int lo, int hi, bool randomSign);
 
-/// Every random integer of the library is drawn through this. Ready for the static objects of every
-/// file that includes this header.
-inline std::function<int(int, int, bool)> randomIntHook = randomInt;
+/// Every random integer of the library is drawn through this. Constant, so that static objects of
+/// the host find it ready.
+inline constinit decltype(&randomInt) randomIntHook = randomInt;
 
 }  // namespace vesko

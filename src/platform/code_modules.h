@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // The loaded modules as the library's own unwinder sees them. A system whose own unwinder is used
@@ -20,22 +23,25 @@ struct CodeModule {
     /// nothing that could prove that: what is known of its code must not be kept beyond one walk.
     /// Modules that stay to the end of the process may share one identity.
     std::uint64_t identity = 0;
-    bool isPermanent = false;  ///< stays loaded to the end of the process
+    bool isPermanent = false;         ///< stays loaded to the end of the process
+    bool withoutSystemCalls = false;  ///< as the lookup was told; holds for what follows from it
+    /// The readable part of the image around the unwind header; empty when it is not known yet.
+    ReadableRange tables{};
 };
 
-/// Binds what the lookups need of the system. Takes the loader's locks: never while a thread
-/// stands still. Nearly free after the first time.
+/// Brings up to date what the lookups need where the system has no lookup of its own that takes no
+/// lock; there it takes the loader's lock for its list, which no code of a module runs under. Does
+/// nothing elsewhere. Never while a thread stands still.
 void prepareModuleLookup() noexcept;
 
-/// Finds the module that covers `address`; false when there is none. `staysLoaded` is a promise of
-/// the caller: while the call runs, no module is unloaded that covers the address. It holds for
-/// code that has a frame on a thread that stands still.
+/// Finds the module that covers `address`; false when there is none. Never faults. Without
+/// `mayCallSystem` no system call is made; then only permanent modules have an identity.
 /// Context: target stopped, or signal handler; no allocation, no lock, no log.
-bool findCodeModule(std::uint64_t address, bool staysLoaded, CodeModule& module) noexcept;
+bool findCodeModule(std::uint64_t address, CodeModule& module, bool mayCallSystem = true) noexcept;
 
 /// The identity that modules share which stay to the end of the process; 0 as long as no lookup
-/// gives it. The library's own code has it whenever it is not 0.
-/// Context: as `findCodeModule`.
+/// gives it, which is before the library's own constructors. The library's own code has it whenever
+/// it is not 0. Context: as `findCodeModule`.
 std::uint64_t permanentIdentity() noexcept;
 
 /// The stretch of the module's image around `address` that can be read without a fault for as

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // This process's memory as the library's own unwinder reads it, which may turn out not to be
@@ -21,8 +24,17 @@ struct ReadableRange {
 /// stands still, and in a signal handler.
 std::size_t readOwnMemory(std::uint64_t address, void* out, std::size_t size) noexcept;
 
-/// The readable part of the calling thread's own stack, from about the stack pointer upward; empty
-/// when the thread runs on another stack than its own.
+/// What `isReadableNow` says of one byte holds for the whole page around it.
+inline constexpr std::uint64_t memoryPageSize = 4096;
+
+/// Whether the 8 bytes at `address`, which may lie on two pages, can be read at this moment: a
+/// promise only where nobody takes the memory away in the next. An eighth of the price of a copy.
+/// False as well where the system does not tell. No allocation, no lock; in a signal handler too.
+bool isReadableNow(std::uint64_t address) noexcept;
+
+/// The calling thread's own stack from about the stack pointer upward, of which single pages may be
+/// unreadable; empty when it is not known, or when the thread runs on another stack than its own.
+/// No allocation, no lock.
 ReadableRange currentStackRange() noexcept;
 
 }  // namespace ThreadUtilities::platform

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // What the system tells the library. The backend calls these; the thread list defines them.
@@ -13,5 +16,8 @@ void onThreadAttach();
 
 /// On an ending thread, after its own code.
 void onThreadDetach();
+
+/// The same of any thread, from another one: for a system that tells of an end only afterwards.
+void onThreadGone(unsigned int threadId);
 
 }  // namespace ThreadUtilities::platform

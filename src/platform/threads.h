@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // What the system knows of threads: those of any process, and how far its notices can be relied on
@@ -16,12 +19,13 @@ std::vector<unsigned int> enumerateThreadsFromSystemInformation(unsigned int pro
 std::vector<unsigned int> enumerateThreadsFromSnapshot(unsigned int processId);
 
 /// Whether a list of `listed` different threads of this process, each of which was announced and
-/// has not announced its end, holds all threads that the process has at this moment. False when
-/// that cannot be told cheaply.
+/// none of whose ends was, holds all threads that the process has at this moment. False when that
+/// cannot be told cheaply. May find ends, and announce them before it returns.
 bool noticesCover(std::size_t listed) noexcept;
 
-/// The threads of this process that have not begun to end, in the system's order. Empty when the
-/// system does not tell. Only asked for where `noticesCover` may be false.
-std::vector<unsigned int> liveThreads();
+/// The threads of this process that have not begun to end, in the system's order. Where the system
+/// does not list them, the calling thread and those of `known` that are still there. Only asked for
+/// where `noticesCover` may be false.
+std::vector<unsigned int> liveThreads(const std::vector<unsigned int>& known);
 
 }  // namespace ThreadUtilities::platform

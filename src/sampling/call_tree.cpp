@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <ThreadUtilities/Sampling.h>
 #include <ThreadUtilities/Threads.h>
 
@@ -67,16 +70,22 @@ Tree::Tree(unsigned int nodeProcessId, unsigned long long nodeAddress, unsigned 
 Tree::~Tree() = default;
 
 void Tree::add(const FrameIterator& first, const FrameIterator& last) {
-    // Only one node is locked at a time. The next one stays alive without its lock, because nodes
-    // are never taken out of a tree that is added to.
+    // Only one node is locked at a time. Below this one, `held` keeps the node alive without its
+    // parent's lock: others may clear the children meanwhile.
+    std::shared_ptr<Tree> held;
     Tree* node = this;
     for (FrameIterator frame = first;; ++frame) {
-        const std::lock_guard lock(node->mutex);
-        ++node->count;
-        if (frame == last) {
-            return;
+        std::shared_ptr<Tree> child;
+        {
+            const std::lock_guard lock(node->mutex);
+            ++node->count;
+            if (frame == last) {
+                return;
+            }
+            child = childOf(*node, *frame);
         }
-        node = childOf(*node, *frame).get();
+        held = std::move(child);
+        node = held.get();
     }
 }
 

@@ -1,7 +1,11 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <ThreadUtilities/Sampling.h>
 #include <ThreadUtilities/Threads.h>
 
 #include <sstream>
+#include <string>
 #include <utility>
 
 #include "platform/clock.h"
@@ -41,14 +45,16 @@ void runWorkers(SamplingRun& run, KindOf kindOf) {
 enum class Iterations { Shown, LeftOut };
 
 std::string report(const SamplingRun& run, Iterations iterations) {
-    std::ostringstream text;
-    text << "Total sample count: " << run.totalSampleCount << '\n';
+    // Numbers by themselves, not through the stream: that would group digits as the host's global
+    // locale says.
+    std::string text = "Total sample count: " + std::to_string(run.totalSampleCount) + '\n';
     if (iterations == Iterations::Shown) {
-        text << "Iteration count: " << run.iterationCount << '\n';
+        text += "Iteration count: " + std::to_string(run.iterationCount) + '\n';
     }
-    text << "Parallelism: " << run.parallelism << "\n\n";
-    run.root->dump(text, 0);
-    return std::move(text).str();
+    text += "Parallelism: " + std::to_string(run.parallelism) + "\n\n";
+    std::ostringstream tree;
+    run.root->dump(tree, 0);
+    return text + std::move(tree).str();
 }
 
 }  // namespace

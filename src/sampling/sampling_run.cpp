@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "sampling/sampling_run.h"
 
 #include <algorithm>
@@ -19,18 +22,17 @@ void SamplingRun::failWithCurrentException() noexcept {
     workerRegistered.notify_one();
 }
 
-bool SamplingRun::stampIfDue(unsigned int threadId, std::chrono::milliseconds interval,
-                             std::chrono::nanoseconds& wait) {
+SamplingRun::Visit SamplingRun::stampIfDue(unsigned int threadId,
+                                           std::chrono::milliseconds interval) {
     const TimePoint now = platform::steadyNow();
     const auto [entry, isFirst] = lastSampleTime.try_emplace(threadId, now);
     const TimePoint due =
         isFirst ? now : saturatingAdd(entry->second, saturatingNanoseconds(interval));
-    if (due > now) {
-        wait = due - now;
-        return false;
+    const Visit visit{now, due};
+    if (visit.isDue()) {
+        entry->second = now;
     }
-    entry->second = now;
-    return true;
+    return visit;
 }
 
 void SamplingRun::addSample(unsigned int threadId, const std::vector<unsigned long long>& frames,

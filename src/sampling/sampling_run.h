@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include <ThreadUtilities/Sampling.h>
@@ -44,6 +47,12 @@ struct SamplingRun {
     std::size_t threadCursor = 0;  ///< index in `threadIds`; every visit goes to one worker
     std::unordered_map<unsigned int, TimePoint> lastSampleTime;
 
+    // Guarded by `samplingMutex`; of the workers that sample this process.
+    bool passFoundDue = false;               ///< whether the pass under way found a thread due
+    TimePoint nextDue = TimePoint::max();    ///< when the first of the others it visited will be
+    bool isWatched = false;                  ///< whether a worker waits for that time
+    std::condition_variable workMayBeThere;  ///< the others wait for this meanwhile
+
     // A worker adds itself under `registrationMutex`, while the starter holds `samplingMutex`:
     // therefore who holds `samplingMutex` may read `samplerThreadIds`. The starter waits for
     // the count: the set does not grow when a worker gets the id of one that has ended.
@@ -70,11 +79,15 @@ struct SamplingRun {
     /// The current pass over `threadIds` is at its end. Caller holds `samplingMutex`.
     bool isPassOver() const { return threadCursor >= threadIds.size(); }
 
-    /// Chooses a thread for a sample: true, and stamped with the time, when it was not sampled
-    /// for `interval`. Otherwise `wait` says how long it will not be due. Caller holds
-    /// `samplingMutex`.
-    bool stampIfDue(unsigned int threadId, std::chrono::milliseconds interval,
-                    std::chrono::nanoseconds& wait);
+    struct Visit {
+        TimePoint now;
+        TimePoint due;
+        bool isDue() const { return due <= now; }
+    };
+
+    /// Chooses a thread for a sample when it was not sampled for `interval`: it is then stamped
+    /// with the time. Caller holds `samplingMutex`.
+    Visit stampIfDue(unsigned int threadId, std::chrono::milliseconds interval);
 
     /// Counts a sample and merges its first `frameCount` frames into the tree.
     void addSample(unsigned int threadId, const std::vector<unsigned long long>& frames,

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Arithmetic of points in time and durations that stops at the ends of what 64 bits can hold, so
@@ -5,17 +8,19 @@
 
 #include <chrono>
 #include <ratio>
+#include <type_traits>
 
 namespace ThreadUtilities {
 
 using TimePoint = std::chrono::steady_clock::time_point;
 
 /// A duration of whole nanoseconds or coarser in nanoseconds.
-template <typename Ratio>
+template <typename Count, typename Ratio>
 constexpr std::chrono::nanoseconds saturatingNanoseconds(
-    std::chrono::duration<std::int64_t, Ratio> duration) noexcept {
-    using Duration = std::chrono::duration<std::int64_t, Ratio>;
+    std::chrono::duration<Count, Ratio> duration) noexcept {
+    using Duration = std::chrono::duration<Count, Ratio>;
     using std::chrono::nanoseconds;
+    static_assert(std::is_same_v<Count, nanoseconds::rep>);
     static_assert(std::ratio_greater_equal_v<Ratio, std::nano>);
     if (duration > std::chrono::duration_cast<Duration>(nanoseconds::max())) {
         return nanoseconds::max();

@@ -1,15 +1,25 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "sampling/worker_group.h"
 
 #include <functional>
 
+#include "foundation/exceptions.h"
+
 namespace ThreadUtilities {
 namespace {
 
-/// Context: the worker's own thread. Nothing leaves it but the note in the run.
-void runWorker(SamplingRun& run, WorkerFunction worker) noexcept {
+/// Context: the worker's own thread. Nothing leaves it but the note in the run, and the end of the
+/// thread where a callback brought it about. The run ends early in either case.
+void runWorker(SamplingRun& run, WorkerFunction worker) {
     try {
         worker(run);
     } catch (...) {
+        if (isEndOfThread()) {
+            run.requestStop();
+            throw;
+        }
         run.failWithCurrentException();
     }
 }

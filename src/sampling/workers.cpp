@@ -1,20 +1,18 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "sampling/workers.h"
 
 #include <ThreadUtilities/Threads.h>
 
 #include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <vector>
 
 #include "platform/clock.h"
-#include "stack/capture_session.h"
 
 namespace ThreadUtilities {
-namespace {
-
-using std::chrono::milliseconds;
-using std::chrono::nanoseconds;
-
-/// A worker that waits looks this often whether the run was ended early.
-constexpr milliseconds longestSleep(100);
 
 void registerWorker(SamplingRun& run) {
     {
@@ -24,17 +22,25 @@ void registerWorker(SamplingRun& run) {
         run.samplerThreadIds.insert(getThreadId());
         run.workerRegistered.notify_one();
     }
-    setThreadName("stack sampler");  // for those who wonder what keeps a processor busy
+    setThreadName("stack sampler");  // for those who wonder whose thread this is
+    platform::sleepPrecisely();
 }
 
+namespace {
+
+using std::chrono::milliseconds;
+
+/// A worker that waits looks this often whether the run was ended early.
+constexpr milliseconds longestSleep(100);
+
 /// Sleeps whole milliseconds while the caller holds `samplingMutex`, so that the other workers
-/// wait as well instead of finding the same thread not due.
-void sleepUntilDue(const SamplingRun& run, nanoseconds wait) {
-    auto remaining = std::chrono::duration_cast<milliseconds>(wait);
-    while (remaining.count() > 0 && !run.stopRequested) {
-        const milliseconds step = std::min(remaining, longestSleep);
-        platform::sleepFor(step);
-        remaining -= step;
+/// wait as well instead of finding the same thread not due. Up to points in time, so that the
+/// sleeps that end late do not add up.
+void sleepUntilDue(const SamplingRun& run, const SamplingRun::Visit& visit) {
+    const TimePoint end = visit.now + std::chrono::floor<milliseconds>(visit.due - visit.now);
+    for (TimePoint time = visit.now; time < end && !run.stopRequested;) {
+        time = end - time < longestSleep ? end : time + longestSleep;
+        platform::sleepUntil(time);
     }
 }
 
@@ -47,20 +53,6 @@ std::size_t captureByCallback(const SamplingRun& run, unsigned int threadId,
         std::min({reported, limit, static_cast<unsigned long long>(frames.size())}));
 }
 
-/// Fetches the calling process's threads for the next pass. `lock` is released meanwhile: another
-/// worker may do the same, and each counts a pass.
-void beginOwnPass(SamplingRun& run, std::unique_lock<std::mutex>& lock, bool yield) {
-    lock.unlock();
-    if (yield) {
-        platform::yieldProcessor();
-    }
-    std::vector<unsigned int> current = getThreadIds();
-    lock.lock();
-    run.threadIds = std::move(current);
-    run.threadCursor = 0;
-    ++run.iterationCount;
-}
-
 void beginNextPass(SamplingRun& run) {
     run.threadCursor = 0;
     ++run.iterationCount;
@@ -68,41 +60,14 @@ void beginNextPass(SamplingRun& run) {
 
 }  // namespace
 
-void ownProcessWorker(SamplingRun& run) {
-    registerWorker(run);
-    CaptureSession session(static_cast<std::size_t>(run.maxFrames));
-    bool sampledInPass = false;
-    while (!run.isOver()) {
-        std::unique_lock lock(run.samplingMutex);
-        if (run.isPassOver()) {
-            // A pass that found nothing due lets others run before the next one.
-            beginOwnPass(run, lock, !sampledInPass);
-            sampledInPass = false;
-            if (run.isPassOver()) {
-                return;
-            }
-        }
-        const unsigned int threadId = run.threadIds[run.threadCursor++];
-        nanoseconds wait{};
-        if (run.samplerThreadIds.contains(threadId) ||
-            !run.stampIfDue(threadId, run.listInterval, wait)) {
-            continue;
-        }
-        lock.unlock();
-        sampledInPass = true;
-        const std::size_t count = session.capture(threadId);
-        run.addSample(threadId, session.frames(), count);
-    }
-}
-
 void focusThreadWorker(SamplingRun& run) {
     registerWorker(run);
     std::vector<unsigned long long> frames;
     while (!run.isOver()) {
         std::unique_lock lock(run.samplingMutex);
-        nanoseconds wait{};
-        if (!run.stampIfDue(run.focusThreadId, run.focusInterval, wait)) {
-            sleepUntilDue(run, wait);
+        const auto visit = run.stampIfDue(run.focusThreadId, run.focusInterval);
+        if (!visit.isDue()) {
+            sleepUntilDue(run, visit);
             continue;
         }
         lock.unlock();
@@ -128,9 +93,9 @@ void otherThreadsWorker(SamplingRun& run) {
         if (threadId == run.focusThreadId) {
             continue;
         }
-        nanoseconds wait{};
-        if (!run.stampIfDue(threadId, run.listInterval, wait)) {
-            sleepUntilDue(run, wait);
+        const auto visit = run.stampIfDue(threadId, run.listInterval);
+        if (!visit.isDue()) {
+            sleepUntilDue(run, visit);
             continue;
         }
         lock.unlock();

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include "sampling/sampling_run.h"
@@ -8,8 +11,12 @@ namespace ThreadUtilities {
 // own. What a capture callback throws passes through.
 
 /// Samples the threads of the calling process, the run's own workers left out, at `listInterval`.
-/// Fetches the thread list anew at the end of each pass. Never sleeps.
+/// Fetches the thread list anew at the end of each pass. After a pass that found no thread due it
+/// waits until one is, though never for long without a look at the list, for new threads.
 void ownProcessWorker(SamplingRun& run);
+
+/// What each of them does first: tells the starter that it is there.
+void registerWorker(SamplingRun& run);
 
 /// Samples the focus thread at `focusInterval` through the callback. Waits while it is not due.
 void focusThreadWorker(SamplingRun& run);

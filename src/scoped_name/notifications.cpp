@@ -1,8 +1,12 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "scoped_name/notifications.h"
 
 #include <algorithm>
 #include <new>
 
+#include "foundation/never_destroyed.h"
 #include "platform/process_copy.h"
 
 namespace ThreadUtilities {
@@ -48,7 +52,31 @@ void ScopedThreadNotifications::removeCallback(std::shared_ptr<IScopedThreadCall
     }
 }
 
+namespace {
+
+// An observer's call may begin a scope that is announced in its turn, and so on without end.
+constexpr int deepestAnnouncement = 4;
+
+/// Announcements under way on this thread, each within a call of the one before.
+constinit thread_local int announcementDepth = 0;
+
+/// Ends also when an observer throws or ends its thread.
+class Announcement {
+ public:
+    Announcement() { ++announcementDepth; }
+    ~Announcement() { --announcementDepth; }
+
+    Announcement(const Announcement&) = delete;
+    Announcement& operator=(const Announcement&) = delete;
+};
+
+}  // namespace
+
 void ScopedThreadNotifications::invokeCallbacks(void (IScopedThreadCallback::*operation)()) {
+    if (announcementDepth == deepestAnnouncement) {
+        return;
+    }
+    const Announcement announcement;
     std::vector<std::weak_ptr<IScopedThreadCallback>> called;
     {
         std::lock_guard<std::mutex> lock(callbacksMutex);
@@ -68,13 +96,6 @@ void ScopedThreadNotifications::shutdown() {
     callbacks.swap(released);
 }
 
-void ScopedThreadNotifications::releaseAtUnload() noexcept {
-    if (callbacksMutex.try_lock()) {
-        callbacks.clear();
-        callbacksMutex.unlock();
-    }
-}
-
 // Readers of the list leave it as it is, so it is whole unless some thread was changing it. Then,
 // and only then, the copy begins with an empty one; what the old one held is lost to it.
 void ScopedThreadNotifications::restartInCopy() noexcept {
@@ -87,32 +108,16 @@ void ScopedThreadNotifications::restartInCopy() noexcept {
 namespace {
 
 // Never destroyed: threads that outlive the end of `main` still begin and end their scopes while
-// static objects are destroyed.
-union Everlasting {
-    Everlasting() noexcept : notifications() {}
-    ~Everlasting() {}
+// static objects are destroyed, and what is left in the list may be observers whose code is gone.
+// Made before the static objects of a host that may name threads.
+[[gnu::init_priority(101)]] NeverDestroyed<ScopedThreadNotifications> notifications;
 
-    ScopedThreadNotifications notifications;
-};
-
-// Made at first use, since static objects of the host may name threads before those of this file
-// exist; and at load at the latest, before there are threads that could be copied midway.
-ScopedThreadNotifications& everlasting() noexcept {
-    static Everlasting instance;
-    return instance.notifications;
-}
-
-struct LoadAndUnload {
-    LoadAndUnload() { everlasting(); }
-    ~LoadAndUnload() { everlasting().releaseAtUnload(); }
-} loadAndUnload;
-
-platform::RestartInCopy restartNotifications([] { everlasting().restartInCopy(); });
+platform::RestartInCopy restartNotifications([] { notifications.value.restartInCopy(); });
 
 }  // namespace
 
 ScopedThreadNotifications& ScopedThreadName::notifier() noexcept {
-    return everlasting();
+    return notifications.value;
 }
 
 }  // namespace ThreadUtilities

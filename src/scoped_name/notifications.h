@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // The observers of scoped thread names.
@@ -28,15 +31,12 @@ class ScopedThreadNotifications {
     void enable() noexcept { enabled = true; }
 
     /// Calls every live observer that is in the list now, in its order; what they add or remove
-    /// meanwhile counts from the next time on. An observer's exception ends the round.
+    /// meanwhile counts from the next time on. An observer's exception ends the round. Nobody is
+    /// called any more from within the fourth of calls that lie one within the other.
     void invokeCallbacks(void (IScopedThreadCallback::*operation)());
 
     /// Disables, then empties the list.
     void shutdown();
-
-    /// For the unloading of the library: empties the list, unless some thread holds the lock. Such
-    /// a thread may have been stopped for good by the end of the process.
-    void releaseAtUnload() noexcept;
 
     /// For a copied process; see `platform/process_copy.h`.
     void restartInCopy() noexcept;

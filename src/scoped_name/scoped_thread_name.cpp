@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <ThreadUtilities/ScopedThreadName.h>
 
 #include <string_view>
@@ -6,6 +9,7 @@
 #include <ThreadUtilities/Threads.h>
 
 #include "external_input/source_file_name.h"
+#include "foundation/exceptions.h"
 #include "scoped_name/notifications.h"
 #include "scoped_name/type_name.h"
 
@@ -15,19 +19,10 @@ namespace {
 /// The thread's outermost live object that may notify. Compared and cleared, never dereferenced.
 constinit thread_local const ScopedThreadName* notifyingScope = nullptr;
 
-/// For what must not throw: what `steps` left undone stays undone.
-template <typename Steps>
-void quietly(Steps steps) noexcept {
-    try {
-        steps();
-    } catch (...) {
-    }
-}
-
 }  // namespace
 
 ScopedThreadName::ScopedThreadName(const vesko::source::location& loc) : withNotification(true) {
-    quietly([&] {
+    beginQuietly([&] {
         nameAfter({}, {}, loc);
         adopt(loc);
     });
@@ -35,7 +30,7 @@ ScopedThreadName::ScopedThreadName(const vesko::source::location& loc) : withNot
 
 ScopedThreadName::ScopedThreadName(const std::string& name, const vesko::source::location& loc)
     : withNotification(true) {
-    quietly([&] {
+    beginQuietly([&] {
         nameAfter(name, {}, loc);
         adopt(loc);
     });
@@ -43,24 +38,15 @@ ScopedThreadName::ScopedThreadName(const std::string& name, const vesko::source:
 
 ScopedThreadName::ScopedThreadName(const std::type_info& type, const vesko::source::location& loc)
     : withNotification(true) {
-    quietly([&] { nameAfter({}, '<' + readableTypeName(type) + '>', loc); });
+    beginQuietly([&] { nameAfter({}, '<' + readableTypeName(type) + '>', loc); });
 }
 
-// No destructor will run for an object that an observer's exception kept from beginning, so what
-// the destructor would have done is done here, except that observers hear no end.
 ScopedThreadName::ScopedThreadName(const std::string& name, bool notify)
     : withNotification(notify) {
     try {
         init(name);
     } catch (...) {
-        if (notifyingScope == this) {
-            notifyingScope = nullptr;
-        }
-        quietly([&] {
-            if (isNameSaved) {
-                setThreadName(savedName);
-            }
-        });
+        undoBeginning();
         throw;
     }
 }
@@ -68,25 +54,66 @@ ScopedThreadName::ScopedThreadName(const std::string& name, bool notify)
 ScopedThreadName::ScopedThreadName(const ScopedThreadName& other) = default;
 ScopedThreadName& ScopedThreadName::operator=(const ScopedThreadName& other) = default;
 
-ScopedThreadName::~ScopedThreadName() {
-    quietly([&] {
-        // Cleared even if an assignment has taken the flag away since: the address must not stay
-        // behind for another object that comes to stand there.
-        if (notifyingScope == this) {
-            notifyingScope = nullptr;
-            if (withNotification && notifier().isEnabled()) {
-                notifier().invokeCallbacks(&IScopedThreadCallback::onScopedThreadEnd);
-            }
+// An observer's exception is dropped, with what was left to do; an observer that ends the thread
+// leaves the name and the hint to outer objects, so these are put back first.
+ScopedThreadName::~ScopedThreadName() noexcept(false) {
+    try {
+        announceEnd();
+        putBack();
+    } catch (...) {
+        if (isEndOfThread()) {
+            dropExceptions([&] { putBack(); });
+            throw;
         }
-        if (isNameSaved) {
-            setThreadName(savedName);
+    }
+}
+
+void ScopedThreadName::announceEnd() {
+    // Cleared even if an assignment has taken the flag away since: the address must not stay
+    // behind for another object that comes to stand there.
+    if (notifyingScope == this) {
+        notifyingScope = nullptr;
+        if (withNotification && notifier().isEnabled()) {
+            notifier().invokeCallbacks(&IScopedThreadCallback::onScopedThreadEnd);
         }
-        if (savedHint != nullptr) {
-            savedHint->setAsExternalInputHint();
-        } else {
-            vesko::external_input::hint::clearExternalInputHint();
+    }
+}
+
+void ScopedThreadName::putBack() {
+    putNameBack();
+    if (savedHint != nullptr) {
+        savedHint->setAsExternalInputHint();
+    } else {
+        vesko::external_input::hint::clearExternalInputHint();
+    }
+}
+
+void ScopedThreadName::putNameBack() {
+    if (isNameSaved) {
+        setThreadName(savedName);
+    }
+}
+
+template <typename Steps>
+void ScopedThreadName::beginQuietly(Steps steps) {
+    try {
+        steps();
+    } catch (...) {
+        if (isEndOfThread()) {
+            undoBeginning();
+            throw;
         }
-    });
+    }
+}
+
+// No destructor will run for an object that an observer kept from beginning, so what the destructor
+// would have done is done here, except that observers hear no end. The hint is as it was: observers
+// are called before it changes.
+void ScopedThreadName::undoBeginning() {
+    if (notifyingScope == this) {
+        notifyingScope = nullptr;
+    }
+    dropExceptions([&] { putNameBack(); });
 }
 
 void ScopedThreadName::init(const std::string& name) {

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "scoped_name/type_name.h"
 
 // The header of the Itanium C++ ABI, whose type names are mangled: a matter of the compiler, which

@@ -1,20 +1,22 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "stack/capture_session.h"
 
 #include <ThreadUtilities/StackTrace.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "platform/clock.h"
 #include "platform/current.h"
 #include "platform/debugger.h"
-#include "platform/thread_clock.h"
 #include "stack/stack_trace.h"
 
 namespace ThreadUtilities {
 namespace {
 
-// Threads that come and go leave stacks behind that nobody asks for again.
-constexpr std::size_t mostKnownStacks = 16384;
+constexpr std::size_t newThreadsBetweenSweeps = 256;
 
 }  // namespace
 
@@ -28,42 +30,72 @@ bool CaptureSession::isDebuggerAttached() {
     return debuggerAttached;
 }
 
-std::size_t CaptureSession::captureAnew(unsigned int threadId) {
-    buffer[0] = 0;
-    return static_cast<std::size_t>(
-        captureOtherThread(threadId, buffer.data(), buffer.size(), true));
+std::optional<platform::ThreadRuns> CaptureSession::runsOf(const KnownStacks::value_type& known) {
+    const auto& [threadId, stack] = known;
+    return stack.witness ? stack.witness->read() : platform::RunWitness(threadId).read();
 }
 
-// The thread's clock is read before the capture and after it. If it stood still, the frames belong
-// to that time, whichever moment of it they were taken at; and as long as the clock shows the same
-// time at a later call, the thread has not run and its stack is the same.
+CaptureSession::KnownStacks::iterator CaptureSession::forget(KnownStacks::iterator known) {
+    freeFiles += known->second.witness ? 1 : 0;
+    return knownStacks.erase(known);
+}
+
+// Threads that come and go leave stacks behind that nobody asks for again.
+void CaptureSession::forgetEndedThreads() {
+    for (auto known = knownStacks.begin(); known != knownStacks.end();) {
+        known = runsOf(*known) ? std::next(known) : forget(known);
+    }
+}
+
+void CaptureSession::keep(unsigned int threadId, std::size_t frameCount,
+                          const platform::ThreadRuns& runs) {
+    const auto [entry, isNew] = knownStacks.try_emplace(threadId);
+    KnownStack& stack = entry->second;
+    if (isNew && freeFiles > 0) {
+        stack.witness = std::make_unique<platform::RunWitness>(threadId);
+        --freeFiles;
+    }
+    newThreads += isNew ? 1 : 0;
+    stack.runs = runs;
+    stack.frames.assign(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(frameCount));
+    if (newThreads >= newThreadsBetweenSweeps) {
+        newThreads = 0;
+        forgetEndedThreads();
+    }
+}
+
+// A stack is kept only if its thread was at rest when it was captured, with what its witness said
+// then. As long as the witness says the same, the thread has not run since, and the stack is what
+// it was.
 std::size_t CaptureSession::capture(unsigned int threadId) {
-    if (buffer.empty() || isDebuggerAttached()) {
+    if (buffer.empty()) {
         return 0;
     }
     if (threadId == platform::currentThreadId()) {
         return static_cast<std::size_t>(
             getStackTrace(threadId, buffer.data(), buffer.size(), true));
     }
-    const auto before = platform::threadRunTime(threadId);
-    if (!before) {
-        return captureAnew(threadId);
-    }
-    const auto known = knownStacks.find(threadId);
-    if (known != knownStacks.end() && known->second.runTime == *before) {
-        std::copy(known->second.frames.begin(), known->second.frames.end(), buffer.begin());
-        return known->second.frames.size();
-    }
-    const std::size_t count = captureAnew(threadId);
-    if (count != 0 && platform::threadRunTime(threadId) == before) {
-        if (knownStacks.size() == mostKnownStacks && known == knownStacks.end()) {
-            knownStacks.clear();
+    if (const auto known = knownStacks.find(threadId); known != knownStacks.end()) {
+        const auto runs = runsOf(*known);
+        if (runs == known->second.runs) {
+            if (isDebuggerAttached()) {
+                return 0;
+            }
+            const auto& frames = known->second.frames;
+            std::copy(frames.begin(), frames.end(), buffer.begin());
+            return frames.size();
         }
-        KnownStack& stack = knownStacks[threadId];
-        stack.runTime = *before;
-        stack.frames.assign(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(count));
+        if (!runs) {
+            forget(known);  // another thread may have its id by now
+        }
     }
-    return count;
+    buffer[0] = 0;
+    const auto giveUp = std::min(deadline, platform::steadyNow() + longestCapture);
+    const platform::Visit visit = captureOtherThread(threadId, buffer, true, giveUp);
+    if (visit.atRest && visit.frameCount != 0) {
+        keep(threadId, visit.frameCount, *visit.atRest);
+    }
+    return visit.frameCount;
 }
 
 }  // namespace ThreadUtilities

@@ -1,10 +1,16 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
+#include <memory>
+#include <optional>
 #include <unordered_map>
 #include <vector>
+
+#include "platform/run_witness.h"
 
 namespace ThreadUtilities {
 
@@ -16,7 +22,11 @@ namespace ThreadUtilities {
 /// For one thread at a time. Allocates, though never while a thread stands still.
 class CaptureSession {
  public:
-    explicit CaptureSession(std::size_t maxFrames) : buffer(maxFrames) {}
+    /// No capture waits for a thread longer than up to `runEnd`. `mostOpenFiles` may be kept open
+    /// until the session ends.
+    CaptureSession(std::size_t maxFrames, std::chrono::steady_clock::time_point runEnd,
+                   std::size_t mostOpenFiles)
+        : buffer(maxFrames), deadline(runEnd), freeFiles(mostOpenFiles) {}
 
     /// Captures one thread, which stands still meanwhile; returns the number of frames.
     std::size_t capture(unsigned int threadId);
@@ -26,15 +36,23 @@ class CaptureSession {
 
  private:
     struct KnownStack {
-        std::uint64_t runTime = 0;
+        std::unique_ptr<platform::RunWitness> witness;  ///< null where no file is kept open
+        platform::ThreadRuns runs;
         std::vector<unsigned long long> frames;
     };
+    using KnownStacks = std::unordered_map<unsigned int, KnownStack>;
 
     bool isDebuggerAttached();
-    std::size_t captureAnew(unsigned int threadId);
+    static std::optional<platform::ThreadRuns> runsOf(const KnownStacks::value_type& known);
+    void keep(unsigned int threadId, std::size_t frameCount, const platform::ThreadRuns& runs);
+    KnownStacks::iterator forget(KnownStacks::iterator known);
+    void forgetEndedThreads();
 
     std::vector<unsigned long long> buffer;
-    std::unordered_map<unsigned int, KnownStack> knownStacks;
+    const std::chrono::steady_clock::time_point deadline;
+    std::size_t freeFiles;
+    std::size_t newThreads = 0;  ///< since ended ones were last looked for
+    KnownStacks knownStacks;
     std::chrono::steady_clock::time_point debuggerAskedAt;
     bool debuggerIsKnown = false;
     bool debuggerAttached = false;

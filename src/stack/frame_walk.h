@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Walking a stack with the unwind tables that the compilers wrote. The build picks the
@@ -13,6 +16,11 @@ namespace ThreadUtilities {
 /// system. Called before every capture of another thread; nearly free after the first time.
 void prepareFrameWalks() noexcept;
 
+/// Makes the search for which a walk ended with `WalkEnd::LongSearch`. True when a walk was waiting
+/// for it and will get farther now. Up to a tenth of a second, and never while a thread stands
+/// still.
+bool searchForWalks() noexcept;
+
 enum class WalkEnd {
     EndOfStack,       ///< a return address of 0 or a frame marked as the outermost
     FrameLimit,       ///< `maxFrames` entries are stored
@@ -20,6 +28,8 @@ enum class WalkEnd {
     Unreadable,       ///< a stack word or a table that cannot be read, or makes no sense
     NoProgress,       ///< a step that would not lead outward
     UnknownRegister,  ///< a step needs a register that the context does not know
+    NoReturnAddress,  ///< what a step led to is no address behind a call; it is not stored
+    LongSearch,       ///< a table without an index would have to be searched for long
 };
 
 struct WalkResult {

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "stack/module_manager.h"
 
 #include <new>
@@ -87,7 +90,9 @@ void ModuleManager::refresh(unsigned int forProcess) {
     version.reset();
     modules.clear();
     modules = enumerateModules(forProcess);
-    version = current;
+    if (!modules.empty()) {
+        version = current;  // a process without a module has not told them, and may the next time
+    }
 }
 
 bool ModuleManager::findCached(unsigned long long address, ModuleRecord& out) const {

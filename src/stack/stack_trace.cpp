@@ -1,10 +1,14 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "stack/stack_trace.h"
 
 #include <ThreadUtilities/StackTrace.h>
 
-#include <algorithm>
+#include <chrono>
 #include <cstdint>
 
+#include "platform/clock.h"
 #include "platform/current.h"
 #include "platform/debugger.h"
 #include "platform/thread_context.h"
@@ -12,35 +16,55 @@
 #include "stack/frame_walk.h"
 
 namespace ThreadUtilities {
-unsigned long long captureOtherThread(unsigned int threadId, unsigned long long* frames,
-                                      unsigned long long maxFrames, bool suspend) {
+platform::Visit captureOtherThread(unsigned int threadId, std::span<unsigned long long> frames,
+                                   bool suspend, std::chrono::steady_clock::time_point deadline) {
     prepareFrameWalks();
-    FrameCollection collected;
-    collected.frames = frames;
-    collected.maxFrames = static_cast<std::size_t>(maxFrames);
-    if (platform::visitThreadContext(threadId, suspend, collectFrames, &collected) !=
-        platform::VisitResult::Visited) {
-        return 0;
+    const platform::VisitRequest request{threadId, suspend, collectFrames, deadline};
+    platform::Visit visit = platform::visitThreadContext(request, frames);
+    // A walk that held its thread left long searches to this.
+    constexpr int mostSearches = 8;
+    for (int searches = 0; searches < mostSearches && searchForWalks(); ++searches) {
+        if (platform::steadyNow() >= deadline) {
+            break;
+        }
+        visit = platform::visitThreadContext(request, frames);
     }
-    if (collected.isProvisional) {
-        std::copy_n(collected.provisional.data(), collected.frameCount, frames);
-    }
-    return collected.frameCount;
+    return visit;
 }
+
+namespace {
+
+// A debugger is attached to all threads; so the visit, which does not visit a thread that is
+// traced, has asked already. It writes nothing where it fails.
+std::size_t captureFromCaller(unsigned int threadId, std::span<unsigned long long> frames,
+                              bool suspend) {
+    const auto deadline = platform::steadyNow() + longestCapture;
+    const std::size_t frameCount =
+        captureOtherThread(threadId, frames, suspend, deadline).frameCount;
+    if (frameCount == 0 && !platform::isDebuggerAttached()) {
+        frames[0] = 0;
+    }
+    return frameCount;
+}
+
+}  // namespace
 
 // The calling thread's first entry lies in this function: it is never inlined, and the walk is not
 // its last act, which would let the compiler turn the call into a jump.
 [[gnu::noinline]] unsigned long long getStackTrace(const unsigned int& threadId,
                                                    unsigned long long* frames,
                                                    unsigned long long maxFrames, bool suspend) {
-    if (platform::isDebuggerAttached() || frames == nullptr || maxFrames == 0) {
+    if (frames == nullptr || maxFrames == 0) {
         return 0;
     }
     const unsigned int target = threadId;
-    frames[0] = 0;
     if (target != platform::currentThreadId()) {
-        return captureOtherThread(target, frames, maxFrames, suspend);
+        return captureFromCaller(target, {frames, static_cast<std::size_t>(maxFrames)}, suspend);
     }
+    if (platform::isDebuggerAttached()) {
+        return 0;
+    }
+    frames[0] = 0;
     // A thread's own stack is asked for with a 32-bit limit on every system.
     const volatile std::size_t frameCount =
         walkCallingThread(frames, static_cast<std::uint32_t>(maxFrames));

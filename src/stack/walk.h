@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // The stepping rules of a stack walk, the same for every unwinder.
@@ -16,6 +19,8 @@ enum class StepResult : unsigned {
     NoUnwindData,     ///< no table covers the address
     Unreadable,       ///< a word of the stack or a table cannot be read, or makes no sense
     UnknownRegister,  ///< a register is needed that is not known
+    NotReturnedTo,    ///< the address that the step before led to is none that a call returns to
+    LongSearch,       ///< the table would have to be searched entry by entry for long
 };
 
 constexpr WalkEnd endAfter(StepResult result) noexcept {
@@ -26,6 +31,10 @@ constexpr WalkEnd endAfter(StepResult result) noexcept {
             return WalkEnd::Unreadable;
         case StepResult::UnknownRegister:
             return WalkEnd::UnknownRegister;
+        case StepResult::NotReturnedTo:
+            return WalkEnd::NoReturnAddress;
+        case StepResult::LongSearch:
+            return WalkEnd::LongSearch;
         case StepResult::Made:
         case StepResult::EndOfStack:
             break;
@@ -38,54 +47,96 @@ constexpr WalkEnd endAfter(StepResult result) noexcept {
 /// than a few such changes in one stack are a loop in damaged memory.
 inline constexpr unsigned maxStackChanges = 8;
 
+/// Lets the innermost function's caller be the place of `unwinder`; another end than `FrameLimit`
+/// when there is none.
+template <class Unwinder, class Words>
+inline WalkEnd leaveInnermost(Unwinder& unwinder, Words& words, unsigned& stackChanges) noexcept {
+    if (unwinder.programCounter() == 0) {
+        return WalkEnd::EndOfStack;
+    }
+    const std::uint64_t stackPointer = unwinder.stackPointer();
+    if (const StepResult result = unwinder.step(words); result != StepResult::Made) {
+        // Only the innermost function can be one that was entered and has not touched the stack;
+        // any other made a call and without tables its frame size is anybody's guess.
+        std::uint64_t returnAddress = 0;
+        if (result != StepResult::NoUnwindData) {
+            return endAfter(result);
+        }
+        if (!words.read(stackPointer, returnAddress)) {
+            return WalkEnd::Unreadable;
+        }
+        if (returnAddress != 0 && !unwinder.returnTo(returnAddress, stackPointer + 8)) {
+            return WalkEnd::NoUnwindData;
+        }
+        if (returnAddress == 0) {
+            return WalkEnd::EndOfStack;
+        }
+    }
+    // It may have popped its return address into a register already: the stack pointer stays.
+    stackChanges = unwinder.stackPointer() <= stackPointer ? 1 : 0;
+    return unwinder.programCounter() == 0 ? WalkEnd::EndOfStack : WalkEnd::FrameLimit;
+}
+
 /// Walks outward from the state of `unwinder` and stores the address that every step arrives at:
 /// at most `maxFrames` return addresses, innermost first. The address where the walk starts is not
-/// stored.
+/// stored, and neither is one that the step from it finds to be no return address; nothing behind
+/// the entries that the result counts is written.
 ///
 /// An unwinder has
 ///   std::uint64_t programCounter(), stackPointer()
 ///   StepResult step(words)                moves one frame outward, if it can
-///   void returnTo(address, stackPointer)  leaves a frame whose return address is known already
+///   bool returnTo(address, stackPointer)  leaves the first frame by an address that is a guess;
+///                                         false when it refuses that
+///   bool isReturnedTo()                   whether the address arrived at may be stored as the last
+/// may have
+///   std::size_t stepAhead(frames, room)   makes steps of which nothing needs to be checked, each
+///   to
+///                                         a higher stack pointer, and stores where each began;
+///                                         returns how many
 /// and `words.read(address, word)` is false where memory cannot be read.
 template <class Unwinder, class Words>
 inline WalkResult walkStack(Unwinder& unwinder, Words& words, unsigned long long* frames,
                             std::size_t maxFrames) noexcept {
-    std::size_t count = 0;
     unsigned stackChanges = 0;
+    if (const WalkEnd end = leaveInnermost(unwinder, words, stackChanges);
+        end != WalkEnd::FrameLimit || maxFrames == 0) {
+        return {0, end};
+    }
+    std::size_t count = 0;
     for (;;) {
-        if (unwinder.programCounter() == 0) {
-            return {count, WalkEnd::EndOfStack};
+        if constexpr (requires { unwinder.stepAhead(frames, maxFrames); }) {
+            count += unwinder.stepAhead(frames + count, maxFrames - 1 - count);
+            if (unwinder.programCounter() == 0) {
+                return {count, WalkEnd::EndOfStack};
+            }
         }
-        if (count == maxFrames) {
-            return {count, WalkEnd::FrameLimit};
-        }
+        const std::uint64_t arrivedAt = unwinder.programCounter();
         const std::uint64_t stackPointer = unwinder.stackPointer();
-        if (const StepResult result = unwinder.step(words); result != StepResult::Made)
-            [[unlikely]] {
-            // Only the innermost function can be one that was entered and has not touched the
-            // stack; any other made a call and without tables its frame size is anybody's guess.
-            std::uint64_t returnAddress = 0;
-            if (result != StepResult::NoUnwindData || count != 0) {
-                return {count, endAfter(result)};
+        if (count + 1 == maxFrames) [[unlikely]] {
+            if (!unwinder.isReturnedTo()) {
+                return {count, WalkEnd::NoReturnAddress};
             }
-            if (!words.read(stackPointer, returnAddress)) {
-                return {count, WalkEnd::Unreadable};
-            }
-            unwinder.returnTo(returnAddress, stackPointer + 8);
+            frames[count] = arrivedAt;
+            return {maxFrames, WalkEnd::FrameLimit};
+        }
+        const StepResult result = unwinder.step(words);
+        if (result == StepResult::NotReturnedTo) [[unlikely]] {
+            return {count, WalkEnd::NoReturnAddress};
+        }
+        frames[count] = arrivedAt;
+        ++count;
+        if (result != StepResult::Made) [[unlikely]] {
+            return {count, endAfter(result)};
         }
         if (unwinder.programCounter() == 0) [[unlikely]] {
             return {count, WalkEnd::EndOfStack};
         }
         if (unwinder.stackPointer() <= stackPointer) [[unlikely]] {
-            // The innermost function may have popped its return address into a register already;
-            // everywhere else a stack pointer that stays is a loop.
-            const bool stays = unwinder.stackPointer() == stackPointer && count != 0;
-            if (stays || ++stackChanges > maxStackChanges) {
+            // A stack pointer that stays is a loop.
+            if (unwinder.stackPointer() == stackPointer || ++stackChanges > maxStackChanges) {
                 return {count, WalkEnd::NoProgress};
             }
         }
-        frames[count] = unwinder.programCounter();
-        ++count;
     }
 }
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "threads/thread_list.h"
 
 #include <algorithm>
@@ -15,15 +18,16 @@ namespace ThreadUtilities {
 namespace {
 
 // Never destroyed, and constant-initialised where notices arrive before the static objects of the
-// library are made.
+// library are made; elsewhere made before those of a program that contains the library.
 constinit std::atomic<unsigned int> mainThreadId{0};
-NeverDestroyed<std::mutex> knownThreadIdsMutex;
+[[gnu::init_priority(102)]] NeverDestroyed<std::mutex> knownThreadIdsMutex;
 NeverDestroyed<std::vector<unsigned int>> knownThreadIds;
 
 // Counts the changes of the list. It is changed under the mutex and read without.
 constinit std::atomic<unsigned long long> listChanges{0};
 
 platform::RestartInCopy startAfresh([] {
+    mainThreadId = platform::currentThreadId();
     new (&knownThreadIdsMutex.value) std::mutex;
     new (&knownThreadIds.value) std::vector<unsigned int>;
 });
@@ -67,10 +71,12 @@ std::vector<unsigned int> corrected(const std::vector<unsigned int>& known,
 }  // namespace
 
 unsigned int mainThread() noexcept {
+    platform::currentThreadId();  // notices where this is a copied process
     return mainThreadId.load(std::memory_order_relaxed);
 }
 
 std::vector<unsigned int> ownThreads() {
+    platform::currentThreadId();  // notices where this is a copied process
     // Threads that come and go while the list is compared with the system make the comparison
     // worthless; after a few of those the list is corrected instead.
     constexpr int Tries = 3;
@@ -83,7 +89,7 @@ std::vector<unsigned int> ownThreads() {
         }
         known = copyKnownThreads();
     }
-    std::vector<unsigned int> live = platform::liveThreads();
+    std::vector<unsigned int> live = platform::liveThreads(known.ids);
     return live.empty() ? std::move(known.ids) : corrected(known.ids, std::move(live));
 }
 
@@ -107,7 +113,11 @@ void onThreadAttach() {
 }
 
 void onThreadDetach() {
-    changeKnownThreads([](auto& ids) { std::erase(ids, currentThreadId()); });
+    onThreadGone(currentThreadId());
+}
+
+void onThreadGone(unsigned int threadId) {
+    changeKnownThreads([threadId](auto& ids) { std::erase(ids, threadId); });
 }
 
 }  // namespace platform

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Asks each family of the library one question whose answer it can check.
 
 #include <ThreadUtilities/ThreadUtilities.h>
@@ -6,6 +9,10 @@
 #include <future>
 #include <string>
 #include <thread>
+
+#if __has_include(<threads.h>)
+#include <threads.h>
+#endif
 
 namespace {
 
@@ -35,6 +42,34 @@ void checkThreads() {
     worker.join();
     expect(ThreadUtilities::getThreadIds().size() == 1, "an ended thread is not listed");
 }
+
+#if __has_include(<threads.h>)
+void checkCThreads() {
+    std::promise<unsigned int> started;
+    std::promise<void> mayEnd;
+    const auto body = [&] {
+        started.set_value(ThreadUtilities::getThreadId());
+        mayEnd.get_future().wait();
+        return 7;
+    };
+    thrd_t worker;
+    expect(thrd_create(
+               &worker,
+               [](void* function) { return (*static_cast<const decltype(body)*>(function))(); },
+               const_cast<void*>(static_cast<const void*>(&body))) == thrd_success,
+           "a thread of the C standard starts");
+    const unsigned int workerId = started.get_future().get();
+    const auto threadIds = ThreadUtilities::getThreadIds();
+    expect(threadIds.size() == 2 && threadIds.back() == workerId, "and is listed");
+    unsigned long long frames[64];
+    expect(ThreadUtilities::getStackTrace(workerId, frames, 64, true) >= 3, "with frames");
+    mayEnd.set_value();
+    int result = 0;
+    expect(thrd_join(worker, &result) == thrd_success && result == 7, "its result arrives");
+}
+#else
+void checkCThreads() {}
+#endif
 
 void checkStacks() {
     unsigned long long frames[64];
@@ -72,6 +107,7 @@ void checkSampling() {
 
 int main() {
     checkThreads();
+    checkCThreads();
     checkStacks();
     checkScopes();
     checkSampling();

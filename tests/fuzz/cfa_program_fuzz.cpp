@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Any bytes as the programs of a CIE and an FDE: they end, read nothing outside, and the row can be
 // applied. The first byte is the length of the first program, the second the address asked for.
 

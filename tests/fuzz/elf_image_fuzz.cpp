@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Any bytes as the start of an image, and as a segment of notes: nothing is read outside, and what
 // is found is inside.
 
@@ -7,6 +10,7 @@
 #include <vector>
 
 #include "fuzz/require.h"
+#include "platform/linux/elf_headers.h"
 #include "platform/linux/elf_image.h"
 
 namespace {
@@ -31,7 +35,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::vector<std::uint8_t> bytes(data, data + size);
     checkBuildId(bytes, 4);
     checkBuildId(bytes, 8);
-    if (const auto image = parseElfImage(ByteCursor(bytes.data(), bytes.size()))) {
+    ByteCursor file(bytes.data(), bytes.size());
+    const auto place = findProgramHeaders(file);
+    if (!place) {
+        return 0;
+    }
+    file.seek(place->fileOffset);
+    if (const auto image = parseElfImage(file.sub(place->size))) {
         require(image->size != 0 && image->size % pageSize == 0);
         require(image->notes.size() <= size / 56);
     }

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Any bytes as the operations of an expression: it ends and reads nothing outside.
 
 #include "stack/cfi/expression.h"

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Any bytes as a process's memory map: ranges are not empty, and names are parts of the text.
 
 #include <cstddef>
@@ -17,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             require(range.name.data() >= text.data() &&
                     range.name.data() + range.name.size() <= text.data() + text.size());
         }
-        require(mappedFilePath(range.name).size() <= range.name.size());
+        require(mappedFilePath(range.name, true).size() <= range.name.size());
     }
     return 0;
 }

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Feeds a fuzz target with the files of a corpus, for builds without libFuzzer: each input whole,
 // and cut off at every length.
 

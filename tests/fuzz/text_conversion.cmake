@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 add_fuzz_target(text_conversion_fuzz
     SOURCES text_conversion_fuzz.cpp
     OBJECTS tu_foundation tu_scripted_platform)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Any bytes as UTF-8 and as UTF-16: the results are well-formed, convert back and forth unchanged,
 // and have the length that was announced.
 

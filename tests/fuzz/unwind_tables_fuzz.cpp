@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Any bytes as `.eh_frame_hdr` and what follows it: lookups end, read nothing outside, and what
 // they find can be run and applied.
 

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 # Checks what the loader is told of the library: which libraries it needs, its name, its flags.
 #
 #   cmake -DREADELF=<readelf> -DLIBRARY=<shared library> -P dynamic_section.cmake

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 # Compares the dynamic symbols of the library with the names that its public headers mark.
 #
 #   cmake -DROOT=<source folder> -DNM=<nm> -DLIBRARY=<shared library> -P exported_symbols.cmake

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 # What runs while a thread stands still, in a signal handler on it, calls nothing that allocates,
 # locks or waits: apart from one another, its objects import these symbols only.
 #
@@ -6,15 +9,15 @@ cmake_minimum_required(VERSION 3.25)
 
 set(allowed
     _GLOBAL_OFFSET_TABLE_
-    __errno_location      # the thread's own errno, in memory that is always there
     memcpy memmove memset
     _ZSt9terminatev       # what "noexcept" stands for; nothing here throws
     __gxx_personality_v0
-    __stack_chk_fail
     __cpu_indicator_init __cpu_model)
 # Before or outside every handler: binding the lookups, and the calling thread's own stack.
 set(allowed_outside
     dlsym getauxval pthread_atfork
+    _ZN15ThreadUtilities8platform12loadedModuleERK12dl_phdr_info
+    _ZN15ThreadUtilities8platform20findPermanentModulesESt4spanIKmLm18446744073709551615EEmS1_INS0_10CodeModuleELm18446744073709551615EE
     _ZN15ThreadUtilities8platform14walkLoaderListEPFiP12dl_phdr_infomPvES3_
     _ZN15ThreadUtilities8platform17currentStackRangeEv
     _ZN15ThreadUtilities8platform13RestartInCopyC1EPFvvE)
@@ -23,7 +26,7 @@ set(runs_in_handlers
     "/handler/"
     "tu_stack_cfi\\.dir"
     "/capture_visitor\\."
-    "tu_platform_linux\\.dir/.*(code_modules|memory|module_identity|module_table)\\.")
+    "tu_platform_linux\\.dir/.*(code_modules|elf_headers|memory|module_identity|module_table)\\.")
 list(JOIN runs_in_handlers "|" runs_in_handlers)
 
 string(REPLACE "|" ";" objects "${OBJECTS}")

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
 # Checks which files may include which, and that the logic never asks which system it is.
 #
 #   cmake -DROOT=<source folder> -P include_directions.cmake

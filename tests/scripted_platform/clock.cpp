@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/clock.h"
 
 #include <algorithm>
@@ -18,10 +21,9 @@ constexpr nanoseconds startOfTime = std::chrono::hours(1000);
 std::atomic<nanoseconds::rep> currentTime = startOfTime.count();
 std::atomic<nanoseconds> perReading = nanoseconds(0);
 std::atomic<unsigned int> hardwareThreadCount = 4;
-std::atomic<unsigned long long> yields = 0;
 
 std::mutex sleepMutex;
-std::vector<std::chrono::milliseconds> sleepRecord;
+std::vector<nanoseconds> sleepRecord;
 
 }  // namespace
 
@@ -31,7 +33,6 @@ void resetClock() {
     currentTime = startOfTime.count();
     perReading = nanoseconds(0);
     hardwareThreadCount = 4;
-    yields = 0;
     const std::lock_guard lock(sleepMutex);
     sleepRecord.clear();
 }
@@ -48,13 +49,9 @@ void setHardwareThreads(unsigned int count) {
     hardwareThreadCount = count;
 }
 
-std::vector<std::chrono::milliseconds> sleeps() {
+std::vector<nanoseconds> sleeps() {
     const std::lock_guard lock(sleepMutex);
     return sleepRecord;
-}
-
-unsigned long long yieldCount() {
-    return yields;
 }
 
 }  // namespace scripted
@@ -66,19 +63,17 @@ std::chrono::steady_clock::time_point steadyNow() noexcept {
         nanoseconds(currentTime.fetch_add(perReading.load().count())));
 }
 
-void sleepFor(std::chrono::milliseconds duration) {
+void sleepUntil(std::chrono::steady_clock::time_point time) {
     {
         const std::lock_guard lock(sleepMutex);
-        sleepRecord.push_back(duration);
+        const nanoseconds remaining = time.time_since_epoch() - nanoseconds(currentTime);
+        sleepRecord.push_back(remaining);
+        scripted::advanceClock(std::max(remaining, nanoseconds(0)));
     }
-    scripted::advanceClock(std::max(duration, std::chrono::milliseconds(0)));
     std::this_thread::yield();
 }
 
-void yieldProcessor() noexcept {
-    ++yields;
-    std::this_thread::yield();
-}
+void sleepPrecisely() noexcept {}
 
 unsigned int hardwareThreads() noexcept {
     return hardwareThreadCount;

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include <chrono>
@@ -8,7 +11,7 @@ namespace ThreadUtilities::scripted {
 /// Puts the clock back to its start, empties the records and makes 4 hardware threads.
 void resetClock();
 
-/// Time stands still but for `advanceClock`, every sleep by its length, and every reading of the
+/// Time stands still but for `advanceClock`, every sleep to its end, and every reading of the
 /// clock by the given step (after it was read).
 void advanceClock(std::chrono::nanoseconds duration);
 void setAdvancePerReading(std::chrono::nanoseconds duration);
@@ -16,7 +19,6 @@ void setAdvancePerReading(std::chrono::nanoseconds duration);
 void setHardwareThreads(unsigned int count);
 
 /// Every sleep asked for, of all threads, in order.
-std::vector<std::chrono::milliseconds> sleeps();
-unsigned long long yieldCount();
+std::vector<std::chrono::nanoseconds> sleeps();
 
 }  // namespace ThreadUtilities::scripted

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/code_modules.h"
 
 #include "scripted_platform/code_modules_script.h"
@@ -6,7 +9,7 @@ namespace ThreadUtilities::platform {
 
 void prepareModuleLookup() noexcept {}
 
-bool findCodeModule(std::uint64_t address, bool, CodeModule& module) noexcept {
+bool findCodeModule(std::uint64_t address, CodeModule& module, bool) noexcept {
     for (const CodeModule& known : scripted::codeModules) {
         if (address - known.begin < known.size) {
             module = known;

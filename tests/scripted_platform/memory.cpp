@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/memory.h"
 
 #include <algorithm>
@@ -14,6 +17,7 @@ std::vector<std::uint8_t> scripted::bytesOf(const std::vector<std::uint64_t>& wo
 }
 
 std::size_t platform::readOwnMemory(std::uint64_t address, void* out, std::size_t size) noexcept {
+    ++scripted::memoryQuestions;
     auto after = scripted::memory.upper_bound(address);
     if (after == scripted::memory.begin()) {
         return 0;
@@ -26,6 +30,11 @@ std::size_t platform::readOwnMemory(std::uint64_t address, void* out, std::size_
     const std::size_t available = std::min<std::size_t>(size, bytes.size() - offset);
     std::memcpy(out, bytes.data() + offset, available);
     return available;
+}
+
+bool platform::isReadableNow(std::uint64_t address) noexcept {
+    std::uint64_t word = 0;
+    return readOwnMemory(address, &word, sizeof(word)) == sizeof(word);
 }
 
 }  // namespace ThreadUtilities

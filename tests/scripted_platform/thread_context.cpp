@@ -1,20 +1,35 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/thread_context.h"
+
+#include <algorithm>
+#include <vector>
 
 #include "scripted_platform/thread_context_script.h"
 
 namespace ThreadUtilities::platform {
 
-VisitResult visitThreadContext(unsigned int threadId, bool, ContextVisitor visitor,
-                               void* visitorState) noexcept {
+Visit visitThreadContext(const VisitRequest& request,
+                         std::span<unsigned long long> frames) noexcept {
     ++scripted::visits;
-    const auto found = scripted::visitScripts.find(threadId);
+    scripted::lastDeadline = request.deadline;
+    const auto found = scripted::visitScripts.find(request.threadId);
     if (found == scripted::visitScripts.end()) {
-        return VisitResult::NoSuchThread;
+        return {VisitResult::NoSuchThread};
     }
+    std::vector<unsigned long long> room(frames.size());
+    std::size_t frameCount = 0;
     for (const ThreadContext& context : found->second.contexts) {
-        visitor(context, visitorState);
+        VisitRoom forVisitor{room.data(), room.size()};
+        request.visitor(context, forVisitor);
+        frameCount = forVisitor.frameCount;
     }
-    return found->second.result;
+    if (found->second.result != VisitResult::Visited) {
+        return {found->second.result};
+    }
+    std::copy_n(room.begin(), frameCount, frames.begin());
+    return {VisitResult::Visited, frameCount, found->second.atRest};
 }
 
 ReadableRange currentStackRange() noexcept {

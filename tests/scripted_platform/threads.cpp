@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/threads.h"
 
 #include "scripted_platform/threads_script.h"
@@ -32,7 +35,7 @@ bool noticesCover(std::size_t listed) noexcept {
     return scripted::threads.noticesCover(listed);
 }
 
-std::vector<unsigned int> liveThreads() {
+std::vector<unsigned int> liveThreads(const std::vector<unsigned int>&) {
     ++scripted::threads.liveCalls;
     return scripted::threads.live;
 }

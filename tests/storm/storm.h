@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // A storm: threads that do something awkward for as long as it lasts, while other threads capture
@@ -39,7 +42,8 @@ struct Storm {
 
 struct Outcome {
     unsigned long long captures = 0;
-    unsigned long long empty = 0;       ///< without a frame
+    unsigned long long empty = 0;       ///< without a frame, though not for want of patience
+    unsigned long long givenUp = 0;     ///< without a frame, after waiting for the thread
     unsigned long long incomplete = 0;  ///< without the outermost callers
     unsigned long long overruns = 0;    ///< wrote behind the frames that they reported
 };

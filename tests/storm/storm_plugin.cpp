@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Built several times with different frame sizes. When one is unloaded, the next may take its
 // place in memory.
 

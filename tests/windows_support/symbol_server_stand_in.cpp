@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // A dbghelp.dll with one function, the symbol server's index service: Wine's own is a stub that
 // ends the process. Tells the GUID of a module file's CodeView record (PE/COFF debug directory,
 // type 2, signature "RSDS"), and refuses a question that is not asked as the service wants it.
@@ -119,8 +122,8 @@ bool isAskedProperly(const unsigned char* record, DWORD flags) {
 
 }  // namespace
 
-extern "C" __declspec(dllexport) BOOL WINAPI
-    SymSrvGetFileIndexInfoW(const wchar_t* path, void* record, DWORD flags) {
+extern "C" __declspec(dllexport) BOOL WINAPI SymSrvGetFileIndexInfoW(const wchar_t* path,
+                                                                     void* record, DWORD flags) {
     auto* bytes = static_cast<unsigned char*>(record);
     if (!isAskedProperly(bytes, flags)) {
         return FALSE;

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // A process for tests to look at, or to debug.
 //
 //   test_child wait LIBRARY READY END   loads a library, sets one event, waits for the other

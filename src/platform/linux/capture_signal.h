@@ -1,14 +1,25 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Putting the handler in place, and calling it.
 
 namespace ThreadUtilities::platform {
 
-/// Makes sure that the handler is installed. It goes in front of whatever the host installed and
-/// passes foreign signals on to that; false when this cannot be done.
+/// The signal that captures use.
+int captureSignal() noexcept;
+
+/// Makes sure that the handler is installed, or that it is behind the handler of another copy of
+/// this library which passes its signals on. False when this cannot be done.
 bool ensureCaptureHandler() noexcept;
 
-enum class SendResult { Sent, NoSuchThread, Refused };
+enum class SendResult {
+    Sent,
+    NoSuchThread,
+    QueueFull,  ///< the host has used up the limit of queued signals; it may have room soon
+    Refused,
+};
 
 /// Calls the handler on thread `threadId` of this process.
 SendResult sendCaptureSignal(unsigned int threadId) noexcept;

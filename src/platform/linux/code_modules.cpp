@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/code_modules.h"
 
 #include <dlfcn.h>
@@ -10,8 +13,7 @@
 
 #include "platform/linux/module_identity.h"
 #include "platform/linux/module_table.h"
-#include "platform/memory.h"
-#include "platform/process_copy.h"
+#include "platform/linux/permanent_modules.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -30,69 +32,29 @@ struct FoundObject {
 /// Finds the module of an address without a lock, in a signal handler too.
 using FindObject = int (*)(void* address, FoundObject* result);
 
-std::atomic<FindObject> findObject{nullptr};
-std::atomic<bool> isPrepared{false};
-std::atomic<bool> isBeingPrepared{false};
+constinit std::atomic<FindObject> findObject{nullptr};
 
 /// Because no address of these ever belongs to another module, one identity does for all of them,
 /// and a walk from one to the next need not look up which it is in.
 constexpr std::uint64_t sharedIdentity = 0x5851F42D4C957F2D;
 
-/// The modules that are never unloaded: the program, the libraries that this one stands on, and
-/// this one itself, without which nobody asks. Constant once `isPrepared` is set.
-struct PermanentModules {
-    CodeModule modules[8];
-    std::size_t count = 0;
-};
-PermanentModules permanentModules;
-
-// The thread that prepared may not be there any more.
-RestartInCopy prepareAnew([] {
-    if (!isPrepared.load(std::memory_order_relaxed)) {
-        permanentModules.count = 0;
-        isBeingPrepared.store(false, std::memory_order_relaxed);
-    }
-});
+/// Modules beyond these are looked at like those that may be unloaded.
+constexpr std::size_t mostPermanent = 512;
+constinit CodeModule permanentModules[mostPermanent];
+/// Their number; the entries do not change once it is set.
+constinit std::atomic<std::size_t> permanentCount{0};
 
 std::uint64_t addressOf(const void* pointer) noexcept {
     return reinterpret_cast<std::uint64_t>(pointer);
 }
 
-bool findMapped(std::uint64_t address, CodeModule& module) noexcept {
-    if (const FindObject find = findObject.load(std::memory_order_relaxed)) {
-        FoundObject found;
-        if (find(reinterpret_cast<void*>(address), &found) != 0) {
-            return false;
-        }
-        module.begin = addressOf(found.mapStart);
-        module.size = addressOf(found.mapEnd) - module.begin;
-        module.unwindHeader = addressOf(found.unwindHeader);
-        return true;
-    }
-    TableModule found;
-    if (!findInModuleTable(address, found)) {
-        return false;
-    }
-    module.begin = found.begin;
-    module.size = found.end - found.begin;
-    module.unwindHeader = found.unwindHeader;
-    return true;
-}
-
-const CodeModule* findPermanent(std::uint64_t address) noexcept {
-    if (!isPrepared.load(std::memory_order_acquire)) {
-        return nullptr;
-    }
-    for (std::size_t index = 0; index < permanentModules.count; ++index) {
-        const CodeModule& module = permanentModules.modules[index];
-        if (address - module.begin < module.size) {
-            return &module;
-        }
-    }
-    return nullptr;
-}
-
-void findPermanentModules() noexcept {
+// Everything is bound at load, because `dlsym` waits for the lock that a thread holds which opens a
+// library, for as long as that library's constructors take. Here it cannot be missed: either the
+// process starts, or this thread is the one that holds it. A capture before this, by a constructor
+// that runs still earlier, finds no modules.
+__attribute__((constructor(101))) void bindModuleLookup() noexcept {
+    const auto find = reinterpret_cast<FindObject>(dlsym(RTLD_DEFAULT, "_dl_find_object"));
+    findObject.store(find, std::memory_order_relaxed);
     const std::uint64_t insides[] = {
         getauxval(AT_PHDR),
         addressOf(reinterpret_cast<void*>(&getauxval)),       // the C library
@@ -101,73 +63,88 @@ void findPermanentModules() noexcept {
         getauxval(AT_BASE),  // the dynamic linker
         getauxval(AT_SYSINFO_EHDR),
     };
-    static_assert(std::size(insides) <= std::size(permanentModules.modules));
-    for (const std::uint64_t inside : insides) {
-        CodeModule module;
-        if (inside != 0 && findMapped(inside, module)) {
-            module.isPermanent = true;
-            module.identity = sharedIdentity;
-            permanentModules.modules[permanentModules.count++] = module;
-        }
+    const std::uint64_t loader = getauxval(AT_BASE);
+    const std::size_t count = findPermanentModules(
+        insides, loader != 0 ? loader : addressOf(reinterpret_cast<void*>(find)), permanentModules);
+    for (std::size_t index = 0; index < count; ++index) {
+        permanentModules[index].isPermanent = true;
+        permanentModules[index].identity = sharedIdentity;
     }
+    permanentCount.store(count, std::memory_order_release);
 }
 
-ByteCursor firstPage(const CodeModule& module) noexcept {
-    return {reinterpret_cast<const void*>(module.begin), std::min(modulePageSize, module.size)};
+bool findMapped(std::uint64_t address, CodeModule& module) noexcept {
+    const FindObject find = findObject.load(std::memory_order_relaxed);
+    if (find == nullptr) {
+        return findInModuleTable(address, module);
+    }
+    FoundObject found;
+    if (find(reinterpret_cast<void*>(address), &found) != 0) {
+        return false;
+    }
+    module.begin = addressOf(found.mapStart);
+    module.size = addressOf(found.mapEnd) - module.begin;
+    module.unwindHeader = addressOf(found.unwindHeader);
+    module.tables = {};
+    return true;
 }
 
-/// Not inlined: the copy must not be on the stack of a thread that walks itself.
-[[gnu::noinline]] std::uint64_t identityFromCopy(const CodeModule& module) noexcept {
-    std::uint8_t copy[modulePageSize];
-    const std::size_t size =
-        readOwnMemory(module.begin, copy, std::min(modulePageSize, module.size));
-    return moduleIdentity(module.begin, module.unwindHeader, ByteCursor(copy, size));
+const CodeModule* findPermanent(std::uint64_t address) noexcept {
+    const CodeModule* const first = permanentModules;
+    const CodeModule* const end = first + permanentCount.load(std::memory_order_acquire);
+    const CodeModule* const above = std::upper_bound(
+        first, end, address,
+        [](std::uint64_t wanted, const CodeModule& module) { return wanted < module.begin; });
+    if (above == first || address - above[-1].begin >= above[-1].size) {
+        return nullptr;
+    }
+    return above - 1;
 }
 
 }  // namespace
 
 void prepareModuleLookup() noexcept {
-    if (isPrepared.load(std::memory_order_acquire)) {
-        if (findObject.load(std::memory_order_relaxed) == nullptr) {
-            refreshModuleTable();
-        }
-        return;
-    }
-    // Any number of threads may come this far; all store the same.
-    findObject.store(reinterpret_cast<FindObject>(dlsym(RTLD_DEFAULT, "_dl_find_object")),
-                     std::memory_order_relaxed);
     if (findObject.load(std::memory_order_relaxed) == nullptr) {
         refreshModuleTable();
     }
-    // Whoever finds another thread here goes on without: to his lookups no module is permanent yet,
-    // and what they find is right all the same.
-    if (!isBeingPrepared.exchange(true, std::memory_order_acquire)) {
-        findPermanentModules();
-        isPrepared.store(true, std::memory_order_release);
-    }
 }
 
-bool findCodeModule(std::uint64_t address, bool staysLoaded, CodeModule& module) noexcept {
+bool findCodeModule(std::uint64_t address, CodeModule& module, bool mayCallSystem) noexcept {
     if (const CodeModule* const permanent = findPermanent(address)) {
         module = *permanent;
+        module.withoutSystemCalls = !mayCallSystem;
         return true;
     }
     if (!findMapped(address, module)) {
         return false;
     }
     module.isPermanent = false;
-    module.identity = staysLoaded
-                          ? moduleIdentity(module.begin, module.unwindHeader, firstPage(module))
-                          : identityFromCopy(module);
+    module.withoutSystemCalls = !mayCallSystem;
+    module.identity =
+        mayCallSystem ? moduleIdentity(module.begin, module.size, module.unwindHeader) : 0;
+    if (mayCallSystem && module.identity == 0 && module.tables.begin == module.tables.end) {
+        // Nothing is kept of such a module, so each of its frames will ask for its tables.
+        module.tables = mappedSegment(module.begin, module.size, module.unwindHeader);
+    }
     return true;
 }
 
 std::uint64_t permanentIdentity() noexcept {
-    return isPrepared.load(std::memory_order_acquire) ? sharedIdentity : 0;
+    return permanentCount.load(std::memory_order_relaxed) != 0 ? sharedIdentity : 0;
 }
 
 ReadableRange readableSegment(const CodeModule& module, std::uint64_t address) noexcept {
-    return mappedSegment(module.begin, module.begin + module.size, address, firstPage(module));
+    if (address - module.tables.begin < module.tables.end - module.tables.begin) {
+        return module.tables;
+    }
+    return module.withoutSystemCalls ? ReadableRange{}
+                                     : mappedSegment(module.begin, module.size, address);
+}
+
+void setModuleTableUse(bool always) noexcept {
+    findObject.store(
+        always ? nullptr : reinterpret_cast<FindObject>(dlsym(RTLD_DEFAULT, "_dl_find_object")),
+        std::memory_order_relaxed);
 }
 
 }  // namespace ThreadUtilities::platform

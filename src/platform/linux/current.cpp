@@ -1,24 +1,38 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/current.h"
 
 #include <unistd.h>
 
-#include "platform/process_copy.h"
+#include <cstdint>
+
+#include "platform/linux/copied_process.h"
 
 namespace ThreadUtilities::platform {
 namespace {
 
-thread_local unsigned int cachedThreadId = 0;
+constinit thread_local unsigned int cachedThreadId = 0;
+constinit thread_local std::uint32_t markAtCaching = 0;
 
-// The copy has one thread: the one that runs this.
-RestartInCopy renewCachedThreadId([] { cachedThreadId = static_cast<unsigned int>(gettid()); });
+unsigned int renewedThreadId() noexcept {
+    noticeCopy();
+    const auto threadId = static_cast<unsigned int>(gettid());
+    if (const std::uint32_t mark = processMark->load(std::memory_order_acquire); isReady(mark)) {
+        cachedThreadId = threadId;
+        markAtCaching = mark;
+    }
+    return threadId;
+}
 
 }  // namespace
 
+// Every family asks this first, which is why an unannounced copy is noticed here.
 unsigned int currentThreadId() noexcept {
-    if (cachedThreadId == 0) {
-        cachedThreadId = static_cast<unsigned int>(gettid());
+    if (processMark->load(std::memory_order_acquire) == markAtCaching) [[likely]] {
+        return cachedThreadId;
     }
-    return cachedThreadId;
+    return renewedThreadId();
 }
 
 unsigned int currentProcessId() noexcept {

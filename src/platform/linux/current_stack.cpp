@@ -1,11 +1,16 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/handler/saved_registers.h"
-#include "platform/thread_context.h"
+#include "platform/memory.h"
 
 #include <pthread.h>
-#include <unistd.h>
+
+#include <algorithm>
 
 #include "platform/linux/kernel_calls.h"
 #include "platform/linux/stack_layout.h"
+#include "platform/linux/thread_stacks.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -15,7 +20,7 @@ struct KnownBounds {
     ReadableRange bounds;
 };
 
-thread_local KnownBounds ownBounds;
+constinit thread_local KnownBounds ownBounds;
 
 bool isFirstThread() {
     return kernelCall(SYS_gettid) == kernelProcessId();
@@ -27,24 +32,25 @@ ReadableRange firstThreadBounds() {
     return {top - firstStackReach, top};
 }
 
-ReadableRange otherThreadBounds() {
-    pthread_attr_t attributes;
-    if (pthread_getattr_np(pthread_self(), &attributes) != 0) {
-        return {};
-    }
-    void* lowest = nullptr;
-    std::size_t size = 0;
-    const bool got = pthread_attr_getstack(&attributes, &lowest, &size) == 0;
-    pthread_attr_destroy(&attributes);
-    const auto begin = reinterpret_cast<std::uint64_t>(lowest);
-    return got ? ReadableRange{begin, begin + size} : ReadableRange{};
+// A thread whose start was not heard of. The C library puts its own record of a thread at the top
+// of the thread's stack, whoever gave the memory. Its function for the bounds allocates, under a
+// lock that is not recursive. The guess need not be right: pages are asked for, and what lies
+// outside is copied.
+ReadableRange boundsBelowThreadRecord() {
+    const auto top = static_cast<std::uint64_t>(pthread_self());
+    return {top - std::min(top, usualStackReach), top};
+}
+
+ReadableRange laterThreadBounds() {
+    const ReadableRange entered = ownEnteredStack();
+    return entered.end != 0 ? entered : boundsBelowThreadRecord();
 }
 
 }  // namespace
 
 ReadableRange currentStackRange() noexcept {
     if (!ownBounds.known) {
-        ownBounds.bounds = isFirstThread() ? firstThreadBounds() : otherThreadBounds();
+        ownBounds.bounds = isFirstThread() ? firstThreadBounds() : laterThreadBounds();
         ownBounds.known = true;
     }
     const auto stackPointer = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));

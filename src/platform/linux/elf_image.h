@@ -1,9 +1,10 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
-// What a module's own bytes say about it: its extent and its build-id. (System V gABI, chapters
-// "Object Files" and "Program Loading"; little-endian 64-bit objects only.)
+// What the headers and notes of a module say about it: its extent and its build-id.
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -12,12 +13,6 @@
 #include "platform/modules.h"
 
 namespace ThreadUtilities::platform {
-
-constexpr std::uint64_t pageSize = 4096;
-
-constexpr std::uint64_t pageOf(std::uint64_t address) noexcept {
-    return address & ~(pageSize - 1);
-}
 
 /// One note segment. Its bytes lie at `imageOffset` from the image's base in memory, and at
 /// `fileOffset` in the file.
@@ -33,10 +28,8 @@ struct ElfImage {
     std::vector<NoteSegment> notes;
 };
 
-/// Reads the file header and the program headers from the first bytes of an image. None when they
-/// are no loadable object, or the program headers lie beyond these bytes (all usual linkers put
-/// them right behind the file header).
-std::optional<ElfImage> parseElfImage(ByteCursor start);
+/// None when the program headers are those of no loadable object.
+std::optional<ElfImage> parseElfImage(ByteCursor table);
 
 /// Finds the GNU build-id (note name "GNU", type 3) among the notes of one segment: its first 16
 /// bytes, a shorter one filled up with zeros. `alignment` is the segment's: 8 pads notes to 8

@@ -1,43 +1,58 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/entry.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <memory>
+#include <new>
 
 #include "platform/linux/copied_process.h"
 #include "platform/linux/list_coverage.h"
-#include "platform/linux/thread_ends.h"
+#include "platform/linux/program_name.h"
+#include "platform/linux/thread_exit_rounds.h"
 #include "platform/linux/thread_stacks.h"
 #include "platform/notices.h"
+#include "platform/thread_exit.h"
 
 namespace ThreadUtilities::platform {
 namespace {
 
 constinit std::atomic<bool> loaded{false};
 
+[[gnu::init_priority(101)]] ThreadExitCall forgetStack(forgetOwnStack);
+
 // A notice fails when there is no memory for the thread list; a thread that is missing in it is
 // found when the list is read.
-template <class Notice>
-void tell(Notice notice) noexcept {
+void tellOfProcess() noexcept {
     try {
-        notice();
-    } catch (...) {
+        onProcessAttach();
+    } catch (const std::bad_alloc&) {
     }
 }
 
 void attachProcess() noexcept {
-    tell(onProcessAttach);
-    if (hearOfOwnEnd()) {
-        relyOnNotices();
+    if (ownRecord() == nullptr) {
+        if (auto* const record = new (std::nothrow) ThreadRecord) {
+            nameAfterProgram(*record);
+            enterOwnRecord(record, false);
+        }
     }
+    tellOfProcess();
+    relyOnNotices();
 }
 
 // After the constructors 101 of this backend, before the static objects of the program.
 __attribute__((constructor(102))) void load() {
     prepareStartHooks();
-    setEndNotice([]() noexcept { tell(onThreadDetach); });
+    setThreadNotices({onThreadAttach, onThreadGone});
     setActionAfterCopy([] { attachProcess(); });
     rememberFirstThreadStack();
+    countOwnExitRounds();
+    forgetStack.request();
     if (gettid() != getpid()) {
         rememberOwnStack();
     }
@@ -51,15 +66,17 @@ bool isLoaded() noexcept {
     return loaded.load(std::memory_order_acquire);
 }
 
-// The exit destructors of a thread run in the order of their keys and rounds; what is registered
-// here is meant to be the last of them, see thread_ends.cpp.
-void beginThread(const KernelName& inherited) noexcept {
-    if (!hearOfOwnEnd()) {
-        return;
+// The creator may have cancelled the thread already. Its forced unwinding must not begin here (an
+// allocator of the host's may well write to a file), where nobody could let it pass.
+void beginThread(ThreadRecord* record) noexcept {
+    int cancelState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    countOwnExitRounds();
+    if (forgetStack.request()) {
+        rememberOwnStack();
     }
-    rememberOwnStack();
-    noteInheritedName(inherited);
-    tell(onThreadAttach);
+    enterOwnRecord(record, true);
+    pthread_setcancelstate(cancelState, nullptr);
 }
 
 }  // namespace ThreadUtilities::platform

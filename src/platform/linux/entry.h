@@ -1,12 +1,15 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
-#include "platform/linux/own_name.h"
+#include "platform/linux/thread_records.h"
 
 namespace ThreadUtilities::platform {
 
-/// What is done for a thread before its own code runs. `inherited` is its creator's name in the
-/// kernel at its creation.
-void beginThread(const KernelName& inherited) noexcept;
+/// What is done for a thread before its own code runs. Takes over the record, in which its name and
+/// its function stand.
+void beginThread(ThreadRecord* record) noexcept;
 
 /// Looks the C library's own functions up, so that later starts of threads find them.
 void prepareStartHooks() noexcept;

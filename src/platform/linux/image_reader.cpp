@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/image_reader.h"
 
 #include <fcntl.h>
@@ -29,9 +32,10 @@ Descriptor openMappedFile(pid_t task, const MappedRange& range) {
     if (!range.name.starts_with('/')) {
         return {};
     }
-    const std::string path = "/proc/" + std::to_string(task) + "/root" + mappedFilePath(range.name);
+    const std::string folder = "/proc/" + std::to_string(task);
+    const std::string path = folder + "/root" + pathOfMappedFile(folder, range);
     const Descriptor place(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    struct stat facts {};
+    struct stat facts{};
     if (!place.isOpen() || fstat(place.get(), &facts) != 0 || !S_ISREG(facts.st_mode) ||
         facts.st_ino != range.inode) {
         return {};
@@ -40,22 +44,43 @@ Descriptor openMappedFile(pid_t task, const MappedRange& range) {
     return Descriptor(open(self.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
+std::size_t readAt(const Descriptor& file, std::uint64_t offset,
+                   std::span<std::uint8_t> out) noexcept {
+    const ssize_t size =
+        file.isOpen() ? pread(file.get(), out.data(), out.size(), static_cast<off_t>(offset)) : 0;
+    return size > 0 ? static_cast<std::size_t>(size) : 0;
+}
+
 }  // namespace
 
-ImageReader::ImageReader(pid_t task, const MappedRange& first)
-    : processTask(task), base(first.begin) {
-    if (!canReadMemory(task, base)) {
+std::string pathOfMappedFile(const std::string& folder, const MappedRange& range) {
+    std::string path = mappedFilePath(range.name, false);
+    struct stat facts{};
+    if (isMarkedDeleted(range.name) &&
+        (stat((folder + "/root" + path).c_str(), &facts) != 0 || facts.st_ino != range.inode)) {
+        path = mappedFilePath(range.name, true);
+    }
+    return path;
+}
+
+ImageReader::ImageReader(pid_t task, const MappedRange& firstRange)
+    : processTask(task), first(firstRange) {
+    if (!canReadMemory(task, first.begin)) {
         file = openMappedFile(task, first);
     }
 }
 
 std::size_t ImageReader::read(std::uint64_t imageOffset, std::uint64_t fileOffset,
                               std::span<std::uint8_t> out) const noexcept {
-    if (!file.isOpen()) {
-        return readMemory(processTask, base + imageOffset, out);
+    return file.isOpen() ? readAt(file, fileOffset, out)
+                         : readMemory(processTask, first.begin + imageOffset, out);
+}
+
+std::size_t ImageReader::readFile(std::uint64_t fileOffset, std::span<std::uint8_t> out) const {
+    if (file.isOpen()) {
+        return readAt(file, fileOffset, out);
     }
-    const ssize_t size = pread(file.get(), out.data(), out.size(), static_cast<off_t>(fileOffset));
-    return size > 0 ? static_cast<std::size_t>(size) : 0;
+    return readAt(openMappedFile(processTask, first), fileOffset, out);
 }
 
 }  // namespace ThreadUtilities::platform

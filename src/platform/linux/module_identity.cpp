@@ -1,164 +1,176 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/module_identity.h"
 
-#include <link.h>
+#include <elf.h>
+#include <sys/uio.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
-#include <string_view>
 
 #include "foundation/checked_bytes.h"
+#include "platform/linux/elf_headers.h"
+#include "platform/linux/kernel_calls.h"
 
 namespace ThreadUtilities::platform {
 namespace {
 
-constexpr std::string_view noteOwner{"GNU", 4};
-constexpr std::uint64_t noteHeaderSize = 12 + noteOwner.size();
+/// The file header, a dozen program headers and the notes behind them; then the index of the unwind
+/// tables, which in a small module reaches into the tables.
+constexpr std::size_t startSize = 896;
+constexpr std::size_t indexSize = 384;
+constexpr std::size_t lookSize = startSize + indexSize;
+
+/// The first 16 bytes of the note of a build-id, but for the size of the id.
+constexpr std::uint32_t ownerSize = 4;
+constexpr std::uint64_t typeAndOwner = NT_GNU_BUILD_ID | std::uint64_t{0x00554E47} << 32;
+constexpr std::uint64_t noteHeaderSize = 16;
 /// Shorter ids are no hash of the contents; somebody chose them.
 constexpr std::uint32_t minIdSize = 8;
 constexpr std::uint32_t maxIdSize = 64;
 
-/// The program headers, as far as they are what every linker writes: right in the first page.
-struct ProgramHeaders {
-    ProgramHeaders(std::uint64_t begin, ByteCursor firstPage) noexcept : page(firstPage) {
-        ElfW(Ehdr) header{};
-        if (page.remaining() < sizeof(header)) {
-            return;
-        }
-        std::memcpy(&header, page.data(), sizeof(header));
-        if (std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
-            header.e_phentsize != sizeof(ElfW(Phdr))) {
-            return;
-        }
-        page.seek(header.e_phoff);
-        page = page.sub(std::uint64_t{header.e_phnum} * sizeof(ElfW(Phdr)));
-        count = page.ok() ? header.e_phnum : 0;
-        for (unsigned index = 0; index < count; ++index) {
-            const ElfW(Phdr) entry = (*this)[index];
-            if (entry.p_type == PT_LOAD) {
-                bias = begin - (entry.p_vaddr & ~(modulePageSize - 1));
-                break;
-            }
-        }
-    }
-
-    ElfW(Phdr) operator[](unsigned index) const noexcept {
-        ElfW(Phdr) entry;
-        std::memcpy(&entry, page.data() + index * sizeof(entry), sizeof(entry));
-        return entry;
-    }
-
-    ByteCursor page;
-    unsigned count = 0;
-    std::uint64_t bias = 0;  ///< address in memory minus address in the file
-};
-
-/// Passes over one note. Whether it is a build-id; then `id` is it.
-bool takeBuildId(ByteCursor& notes, ByteCursor& id) noexcept {
-    const auto nameSize = notes.read<std::uint32_t>();
-    const auto idSize = notes.read<std::uint32_t>();
-    const auto type = notes.read<std::uint32_t>();
-    const ByteCursor name = notes.sub(nameSize);
-    notes.alignTo(4);
-    id = notes.sub(idSize);
-    notes.alignTo(4);
-    return notes.ok() && type == NT_GNU_BUILD_ID && nameSize == noteOwner.size() &&
-           std::memcmp(name.data(), noteOwner.data(), noteOwner.size()) == 0 &&
-           idSize >= minIdSize && idSize <= maxIdSize;
-}
-
-/// Where in the first page the note of the build-id begins; 0 when there is none.
-std::uint64_t findBuildIdNote(std::uint64_t begin, ByteCursor firstPage) noexcept {
-    const ProgramHeaders headers(begin, firstPage);
-    for (unsigned index = 0; index < headers.count; ++index) {
-        const ElfW(Phdr) entry = headers[index];
-        const std::uint64_t offset = headers.bias + entry.p_vaddr - begin;
-        if (entry.p_type != PT_NOTE || offset >= modulePageSize) {
-            continue;
-        }
-        ByteCursor page = firstPage;
-        page.seek(offset);
-        ByteCursor notes = page.sub(std::min(entry.p_memsz, page.remaining()));
-        while (notes.ok() && notes.remaining() >= noteHeaderSize) {
-            const std::uint64_t noteOffset = offset + notes.position();
-            ByteCursor id;
-            if (takeBuildId(notes, id)) {
-                return noteOffset;
-            }
-        }
-    }
-    return 0;
-}
-
-/// Where the build-id note of a module was found last: page number of its start, and offset in
-/// that page. One word, so that nothing can be torn; a hint, because the note is looked at again.
+/// Where the build-id of a module was found last: its begin, and in the low bits the offset. One
+/// word, so that nothing can be torn; a hint, because the note is looked at again.
 std::atomic<std::uint64_t> noteHints[64];
 
 std::atomic<std::uint64_t>& hintOf(std::uint64_t begin) noexcept {
     return noteHints[begin * 0x9E3779B97F4A7C15 >> 58];
 }
 
+bool isBuildIdAt(const std::uint8_t* bytes, std::size_t offset) noexcept {
+    if (offset > startSize - noteHeaderSize ||
+        loadLittleEndian<std::uint64_t>(bytes + offset + 8) != typeAndOwner ||
+        loadLittleEndian<std::uint32_t>(bytes + offset) != ownerSize) {
+        return false;
+    }
+    const auto idSize = loadLittleEndian<std::uint32_t>(bytes + offset + 4);
+    return minIdSize <= idSize && idSize <= maxIdSize &&
+           idSize <= startSize - noteHeaderSize - offset;
+}
+
+/// Notes lie at multiples of 4, and nothing else in a module's start looks like this one.
+bool hasBuildId(std::uint64_t begin, const std::uint8_t* bytes) noexcept {
+    std::atomic<std::uint64_t>& hint = hintOf(begin);
+    const std::uint64_t known = hint.load(std::memory_order_relaxed);
+    if (pageOf(known) == begin && isBuildIdAt(bytes, known - begin)) {
+        return true;
+    }
+    for (std::size_t offset = fileHeaderSize; offset < startSize; offset += 4) {
+        if (isBuildIdAt(bytes, offset)) {
+            hint.store(begin + offset, std::memory_order_relaxed);
+            return true;
+        }
+    }
+    return false;
+}
+
 __extension__ using Product = unsigned __int128;
 
-std::uint64_t mixed(std::uint64_t hash, std::uint64_t word) noexcept {
-    const Product product = Product{hash ^ word} * 0xD6E8FEB86659FD93;
+std::uint64_t mixed(std::uint64_t left, std::uint64_t right) noexcept {
+    const Product product = Product{left} * right;
     return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
 }
 
-/// What the first 16 bytes of the note of a SHA-1 build-id hold, which nearly all build-ids are.
-constexpr std::uint64_t usualSizes = noteOwner.size() | std::uint64_t{20} << 32;
-constexpr std::uint64_t usualTypeAndOwner = NT_GNU_BUILD_ID | std::uint64_t{0x00554E47} << 32;
-
-/// The build-id at `offset` of the first page, as a number; 0 when none is there.
-std::uint64_t hashOfNoteAt(std::uint64_t offset, ByteCursor notes) noexcept {
-    notes.seek(offset);
-    ByteCursor id;
-    if (notes.remaining() >= noteHeaderSize + 20 &&
-        loadLittleEndian<std::uint64_t>(notes.data()) == usualSizes &&
-        loadLittleEndian<std::uint64_t>(notes.data() + 8) == usualTypeAndOwner) {
-        id = ByteCursor(notes.data() + noteHeaderSize, 20);
-    } else if (!takeBuildId(notes, id)) {
-        return 0;
+/// Four lanes, so that one multiplication need not wait for another.
+std::uint64_t hashOf(const std::array<std::uint8_t, lookSize>& bytes) noexcept {
+    static_assert(lookSize % 64 == 0);
+    std::uint64_t lanes[4] = {0x9E3779B97F4A7C15, 0xD6E8FEB86659FD93, 0xA0761D6478BD642F,
+                              0xE7037ED1A0B428DB};
+    for (std::size_t block = 0; block < lookSize; block += 64) {
+        for (std::size_t lane = 0; lane < 4; ++lane) {
+            const std::uint8_t* const words = bytes.data() + block + lane * 16;
+            lanes[lane] = mixed(lanes[lane] ^ loadLittleEndian<std::uint64_t>(words),
+                                0x8EBC6AF09C88C6E3 ^ loadLittleEndian<std::uint64_t>(words + 8));
+        }
     }
-    const std::uint8_t* const bytes = id.data();
-    const std::size_t size = id.remaining();
-    return mixed(loadLittleEndian<std::uint64_t>(bytes),
-                 loadLittleEndian<std::uint64_t>(bytes + size - 8)) |
-           1;
+    return mixed(lanes[0] ^ lanes[1], lanes[2] ^ lanes[3]) ^ lanes[0] ^ lanes[3];
+}
+
+/// How many of the pages from `first` on can be read, up to 64.
+std::uint64_t readablePages(std::uint64_t first, std::uint64_t count) noexcept {
+    constexpr std::uint64_t mostPages = 64;
+    std::uint8_t bytes[mostPages];
+    iovec pages[mostPages];
+    count = std::min(count, mostPages);
+    for (std::uint64_t index = 0; index < count; ++index) {
+        pages[index] = {reinterpret_cast<void*>(first + index * pageSize), 1};
+    }
+    const iovec local{bytes, sizeof(bytes)};
+    const long read = kernelCall(SYS_process_vm_readv, kernelProcessId(), argument(&local), 1,
+                                 argument(pages), static_cast<long>(count), 0);
+    return read > 0 ? static_cast<std::uint64_t>(read) : 0;
+}
+
+/// What can be read from the page of `address` on, by trying: up to 4 MiB.
+[[gnu::noinline]] ReadableRange probedRange(std::uint64_t begin, std::uint64_t end,
+                                            std::uint64_t address) noexcept {
+    if (address < begin || address >= end) {
+        return {};
+    }
+    ReadableRange range{pageOf(address), pageOf(address)};
+    for (int calls = 0; calls < 16 && range.end < end; ++calls) {
+        const std::uint64_t wanted = (end - range.end + pageSize - 1) / pageSize;
+        const std::uint64_t found = readablePages(range.end, wanted);
+        range.end += found * pageSize;
+        if (found < std::min<std::uint64_t>(wanted, 64)) {
+            break;
+        }
+    }
+    return range;
+}
+
+/// By the program headers, where they stand as linkers write them.
+[[gnu::noinline]] ReadableRange segmentByHeaders(std::uint64_t begin, std::uint64_t end,
+                                                 std::uint64_t address) noexcept {
+    std::uint8_t start[startSize];
+    const std::size_t size =
+        readOwnMemory(begin, start, std::min<std::uint64_t>(startSize, end - begin));
+    ByteCursor file(start, size);
+    const auto place = findProgramHeaders(file);
+    if (!place) {
+        return {};
+    }
+    file.seek(place->fileOffset);
+    const ByteCursor table = file.sub(place->size);
+    const auto extent = extentOf(table);
+    if (!extent) {
+        return {};
+    }
+    const std::uint64_t bias = begin - extent->begin;
+    const ReadableRange segment = readableSegmentOf(table, address - bias);
+    if (!isWithin(segment.begin + bias, segment.end - segment.begin, begin, end)) {
+        return {};
+    }
+    return {segment.begin + bias, segment.end + bias};
 }
 
 }  // namespace
 
-std::uint64_t moduleIdentity(std::uint64_t begin, std::uint64_t unwindHeader,
-                             ByteCursor page) noexcept {
-    const std::uint64_t known = hintOf(begin).load(std::memory_order_relaxed);
-    std::uint64_t hash = 0;
-    if (known / modulePageSize == begin / modulePageSize) {
-        hash = hashOfNoteAt(known % modulePageSize, page);
+// Not inlined: the copy must not be on the stack of a thread that walks itself.
+[[gnu::noinline]] std::uint64_t moduleIdentity(std::uint64_t begin, std::uint64_t size,
+                                               std::uint64_t unwindHeader) noexcept {
+    std::array<std::uint8_t, lookSize> bytes;
+    if (size < lookSize || !isWithin(unwindHeader, indexSize, begin, begin + size)) {
+        return 0;
     }
-    if (hash == 0) {
-        const std::uint64_t offset = findBuildIdNote(begin, page);
-        if (offset == 0) {
-            return 0;
-        }
-        hash = hashOfNoteAt(offset, page);
-        hintOf(begin).store(begin | offset, std::memory_order_relaxed);
+    const iovec local{bytes.data(), lookSize};
+    const iovec remote[] = {{reinterpret_cast<void*>(begin), startSize},
+                            {reinterpret_cast<void*>(unwindHeader), indexSize}};
+    const long copied = kernelCall(SYS_process_vm_readv, kernelProcessId(), argument(&local), 1,
+                                   argument(remote), 2, 0);
+    if (copied != static_cast<long>(lookSize) || !hasBuildId(begin, bytes.data())) {
+        return 0;
     }
-    return mixed(mixed(hash, begin), unwindHeader) | 1;
+    return mixed(hashOf(bytes) ^ begin, 0xD6E8FEB86659FD93 ^ unwindHeader) | 1;
 }
 
-ReadableRange mappedSegment(std::uint64_t begin, std::uint64_t end, std::uint64_t address,
-                            ByteCursor page) noexcept {
-    const ProgramHeaders headers(begin, page);
-    for (unsigned index = 0; index < headers.count; ++index) {
-        const ElfW(Phdr) entry = headers[index];
-        const std::uint64_t first = headers.bias + entry.p_vaddr;
-        if (entry.p_type == PT_LOAD && (entry.p_flags & PF_R) != 0 && first <= address &&
-            address - first < entry.p_memsz && isWithin(first, entry.p_memsz, begin, end)) {
-            return {first, first + entry.p_memsz};
-        }
-    }
-    return {};
+ReadableRange mappedSegment(std::uint64_t begin, std::uint64_t size,
+                            std::uint64_t address) noexcept {
+    const ReadableRange segment = segmentByHeaders(begin, begin + size, address);
+    return segment.begin < segment.end ? segment : probedRange(begin, begin + size, address);
 }
 
 }  // namespace ThreadUtilities::platform

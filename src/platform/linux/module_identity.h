@@ -1,25 +1,28 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include <cstdint>
 
-#include "foundation/checked_bytes.h"
-#include "platform/thread_context.h"
+#include "platform/memory.h"
 
 namespace ThreadUtilities::platform {
 
-/// How many bytes of a module these functions look at: the first page, in which linkers put the
-/// headers and the notes.
-inline constexpr std::uint64_t modulePageSize = 4096;
-
-/// A number made of the build-id of the module that is mapped from `begin` on, its place and its
-/// index header; 0 when its first page has no build-id. `page` is that page or a copy of it.
+/// A number made of what tells the module at [begin, begin + size) from others: its headers and
+/// notes, build-id included, the first entries of its unwind table index at `unwindHeader`, and its
+/// place. 0 when it has no build-id where linkers put it, or these bytes cannot be read: without,
+/// nothing says that what follows them is the same code.
+/// Never faults: a host may hide what nobody but the loader needs. One system call.
 /// Context: signal handler.
-std::uint64_t moduleIdentity(std::uint64_t begin, std::uint64_t unwindHeader,
-                             ByteCursor page) noexcept;
+std::uint64_t moduleIdentity(std::uint64_t begin, std::uint64_t size,
+                             std::uint64_t unwindHeader) noexcept;
 
-/// The readable segment around `address` of the module at [begin, end), by its program headers.
+/// The part of the module around `address` that can be read: by its program headers, and where
+/// these cannot be read, as far as the system can read it just now. Never faults. One or more
+/// system calls.
 /// Context: signal handler.
-ReadableRange mappedSegment(std::uint64_t begin, std::uint64_t end, std::uint64_t address,
-                            ByteCursor page) noexcept;
+ReadableRange mappedSegment(std::uint64_t begin, std::uint64_t size,
+                            std::uint64_t address) noexcept;
 
 }  // namespace ThreadUtilities::platform

@@ -1,12 +1,15 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/module_table.h"
 
 #include <link.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstddef>
 
 #include "platform/linux/loader_list.h"
+#include "platform/linux/permanent_modules.h"
 #include "platform/process_copy.h"
 
 namespace ThreadUtilities::platform {
@@ -20,6 +23,8 @@ struct Entry {
     std::atomic<std::uint64_t> begin{0};
     std::atomic<std::uint64_t> end{0};
     std::atomic<std::uint64_t> unwindHeader{0};
+    std::atomic<std::uint64_t> tablesBegin{0};
+    std::atomic<std::uint64_t> tablesEnd{0};
 };
 
 // A list that readers never wait for: `version` is odd while it is rewritten, and who reads the
@@ -40,21 +45,6 @@ RestartInCopy startAfresh([] {
     knownRemovals = 0;
 });
 
-TableModule moduleOf(const dl_phdr_info& info) noexcept {
-    TableModule module{UINT64_MAX, 0, 0};
-    for (unsigned index = 0; index < info.dlpi_phnum; ++index) {
-        const ElfW(Phdr)& header = info.dlpi_phdr[index];
-        const std::uint64_t address = info.dlpi_addr + header.p_vaddr;
-        if (header.p_type == PT_LOAD) {
-            module.begin = std::min(module.begin, address & ~std::uint64_t{4095});
-            module.end = std::max(module.end, address + header.p_memsz);
-        } else if (header.p_type == PT_GNU_EH_FRAME) {
-            module.unwindHeader = address;
-        }
-    }
-    return module;
-}
-
 int addModule(dl_phdr_info* info, std::size_t, void* nextIndex) {
     auto& index = *static_cast<std::size_t*>(nextIndex);
     if (index == 0) {
@@ -67,22 +57,28 @@ int addModule(dl_phdr_info* info, std::size_t, void* nextIndex) {
         std::atomic_thread_fence(std::memory_order_release);
     }
     if (index < capacity) {
-        const TableModule module = moduleOf(*info);
-        entries[index].begin.store(module.begin, std::memory_order_relaxed);
-        entries[index].end.store(module.end, std::memory_order_relaxed);
-        entries[index].unwindHeader.store(module.unwindHeader, std::memory_order_relaxed);
+        const CodeModule module = loadedModule(*info);
+        Entry& entry = entries[index];
+        entry.begin.store(module.begin, std::memory_order_relaxed);
+        entry.end.store(module.begin + module.size, std::memory_order_relaxed);
+        entry.unwindHeader.store(module.unwindHeader, std::memory_order_relaxed);
+        entry.tablesBegin.store(module.tables.begin, std::memory_order_relaxed);
+        entry.tablesEnd.store(module.tables.end, std::memory_order_relaxed);
         ++index;
     }
     return 0;
 }
 
-bool findEntry(std::uint64_t address, TableModule& module) noexcept {
+bool findEntry(std::uint64_t address, CodeModule& module) noexcept {
     const std::size_t count = entryCount.load(std::memory_order_relaxed);
     for (std::size_t index = 0; index < count; ++index) {
-        module.begin = entries[index].begin.load(std::memory_order_relaxed);
-        module.end = entries[index].end.load(std::memory_order_relaxed);
-        if (module.begin <= address && address < module.end) {
-            module.unwindHeader = entries[index].unwindHeader.load(std::memory_order_relaxed);
+        const Entry& entry = entries[index];
+        module.begin = entry.begin.load(std::memory_order_relaxed);
+        module.size = entry.end.load(std::memory_order_relaxed) - module.begin;
+        if (address - module.begin < module.size) {
+            module.unwindHeader = entry.unwindHeader.load(std::memory_order_relaxed);
+            module.tables = {entry.tablesBegin.load(std::memory_order_relaxed),
+                             entry.tablesEnd.load(std::memory_order_relaxed)};
             return true;
         }
     }
@@ -104,7 +100,7 @@ void refreshModuleTable() noexcept {
     isBeingWritten.store(false, std::memory_order_release);
 }
 
-bool findInModuleTable(std::uint64_t address, TableModule& module) noexcept {
+bool findInModuleTable(std::uint64_t address, CodeModule& module) noexcept {
     for (int attempt = 0; attempt < maxReadAttempts; ++attempt) {
         const std::uint64_t before = version.load(std::memory_order_acquire);
         const bool found = findEntry(address, module);

@@ -1,28 +1,34 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/own_modules.h"
 
 #include <limits.h>
 #include <link.h>
 #include <sys/auxv.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 #include <string>
 #include <string_view>
 
 #include "foundation/ascii.h"
 #include "foundation/text_conversion.h"
+#include "platform/linux/elf_headers.h"
 #include "platform/linux/elf_image.h"
+#include "platform/linux/loaded_headers.h"
 #include "platform/linux/loader_list.h"
 #include "platform/linux/process_map.h"
 #include "platform/linux/process_modules.h"
+#include "platform/memory.h"
 
 // The loader's list is read under the loader's own lock, which glibc takes for changes of the list
 // alone and never while code of a module runs. So a thread inside `dlopen` whose constructor calls
 // the library, and waits for a lock of the library, does not hold it; therefore to walk the list
 // under any lock of the library cannot deadlock. Unmapping happens under that lock too, therefore
-// names, program headers and notes stay readable during the walk.
+// names, program headers and notes stay mapped during the walk.
 //
 // The callback allocates nothing. An allocator of the host may take its own lock and then walk the
 // loader's list (heap profilers capture stacks that way); were we to allocate under the loader's
@@ -49,41 +55,34 @@ struct LoaderWalk {
     bool fits() const { return moduleCount <= modules.size() && nameBytes <= names.size(); }
 };
 
-bool isReadableLoadSegment(const ElfW(Phdr) & segment) {
-    return segment.p_type == PT_LOAD && (segment.p_flags & PF_R) != 0;
-}
-
-std::optional<DebugGuid> readBuildId(const dl_phdr_info& info, const ElfW(Phdr) & note) {
-    const auto* const begin = info.dlpi_phdr;
-    const auto* const end = begin + info.dlpi_phnum;
-    const bool isMapped = std::any_of(begin, end, [&](const ElfW(Phdr) & segment) {
-        return isReadableLoadSegment(segment) &&
-               isWithin(note.p_vaddr, note.p_filesz, segment.p_vaddr,
-                        segment.p_vaddr + segment.p_filesz);
-    });
-    if (!isMapped) {
-        return std::nullopt;
+std::optional<DebugGuid> readBuildId(const LoadedHeaders& headers, std::uint64_t address,
+                                     const ProgramHeader& note) noexcept {
+    const ByteCursor known = headers.bytesAt(address, note.fileSize);
+    if (known.ok()) {
+        return findBuildId(known, note.alignment);
     }
-    const auto* const bytes = reinterpret_cast<const void*>(info.dlpi_addr + note.p_vaddr);
-    return findBuildId(ByteCursor(bytes, note.p_filesz), note.p_align);
+    std::uint8_t copy[512];
+    const std::size_t size =
+        readOwnMemory(address, copy, std::min<std::uint64_t>(note.fileSize, sizeof(copy)));
+    return findBuildId(ByteCursor(copy, size), note.alignment);
 }
 
-FoundModule inspect(const dl_phdr_info& info) {
+/// Of size 0 when the headers cannot be read.
+FoundModule inspect(const dl_phdr_info& info) noexcept {
     FoundModule module{};
-    std::uint64_t lowest = std::numeric_limits<std::uint64_t>::max();
-    std::uint64_t highest = 0;
-    for (std::size_t index = 0; index < info.dlpi_phnum; ++index) {
-        const auto& segment = info.dlpi_phdr[index];
-        if (segment.p_type == PT_LOAD) {
-            lowest = std::min<std::uint64_t>(lowest, pageOf(segment.p_vaddr));
-            highest = std::max<std::uint64_t>(highest, segment.p_vaddr + segment.p_memsz);
-        } else if (segment.p_type == PT_NOTE && !module.guid) {
-            module.guid = readBuildId(info, segment);
-        }
+    const LoadedHeaders headers(info);
+    const auto extent = extentOf(headers.table());
+    if (!extent) {
+        return module;
     }
-    if (lowest < highest) {
-        module.base = info.dlpi_addr + lowest;
-        module.size = pageOf(highest + pageSize - 1) - lowest;
+    module.base = info.dlpi_addr + extent->begin;
+    module.size = extent->end - extent->begin;
+    ByteCursor table = headers.table();
+    while (!module.guid && !table.atEnd()) {
+        const ProgramHeader header = takeProgramHeader(table);
+        if (header.type == PT_NOTE) {
+            module.guid = readBuildId(headers, info.dlpi_addr + header.address, header);
+        }
     }
     return module;
 }
@@ -120,6 +119,20 @@ std::optional<LoaderWalk> collectModules() {
     return walk;
 }
 
+/// Where the link to the program leads: without the kernel's mark of a deleted file, which is told
+/// from a name that ends alike by looking whether the program is still there.
+std::string linkTarget(std::string_view target) {
+    std::string path(target);
+    struct stat program{};
+    struct stat named{};
+    if (isMarkedDeleted(target) &&
+        (stat("/proc/thread-self/exe", &program) != 0 || stat(path.c_str(), &named) != 0 ||
+         program.st_dev != named.st_dev || program.st_ino != named.st_ino)) {
+        path.resize(path.size() - deletedMark.size());
+    }
+    return path;
+}
+
 /// The loader has no name for the program itself.
 std::string programPath(std::uint64_t programBase) {
     // A loader that was started as the program, with the real program as its argument, is what
@@ -131,13 +144,25 @@ std::string programPath(std::uint64_t programBase) {
     char target[PATH_MAX];
     const ssize_t size = readlink("/proc/thread-self/exe", target, sizeof(target));
     if (size > 0) {
-        return mappedFilePath(std::string_view(target, static_cast<std::size_t>(size)));
+        return linkTarget(std::string_view(target, static_cast<std::size_t>(size)));
     }
     const auto* const startedAs = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
     return startedAs != nullptr ? startedAs : "";
 }
 
+/// Whether a module was loaded by the number of a descriptor, which is no name of the file: it may
+/// have none, and the number means something else by now.
+bool isDescriptorPath(std::string_view path) {
+    return path.starts_with("/dev/fd/") ||
+           (path.starts_with("/proc/") && path.find("/fd/") != std::string_view::npos);
+}
+
 WideString pathOf(const FoundModule& module, std::string_view loaderName) {
+    if (isDescriptorPath(loaderName)) {
+        if (const std::string path = ownMappedFilePath(module.base); !path.empty()) {
+            return utf8ToWide(path);
+        }
+    }
     if (!loaderName.empty()) {
         return utf8ToWide(loaderName);
     }
@@ -162,8 +187,11 @@ std::optional<std::vector<LoadedModule>> listOwnModules() {
         const FoundModule& found = walk.modules[index];
         const std::string_view name(walk.names.data() + nameBegin, found.nameEnd - nameBegin);
         nameBegin = found.nameEnd;
+        if (found.size == 0) {
+            return std::nullopt;  // a host hides the headers; the map and the file tell as well
+        }
         WideString path = pathOf(found, name);
-        if (!path.empty() && found.size != 0) {
+        if (!path.empty()) {
             modules.push_back({std::move(path), found.base, found.size, found.guid});
         }
     }

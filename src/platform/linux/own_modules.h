@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // The calling process's modules, as its loader knows them.
@@ -10,7 +13,8 @@
 namespace ThreadUtilities::platform {
 
 /// The modules in the loader's order. None when the loader does not show all of them (it hides
-/// those of other link-map namespaces), or none at all in a copy of a process.
+/// those of other link-map namespaces) or, in a copy of a process, none at all, and when the
+/// headers of one cannot be read.
 std::optional<std::vector<LoadedModule>> listOwnModules();
 
 /// The loader's counts of modules loaded and unloaded since the start of the process, where it can

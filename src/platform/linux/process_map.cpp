@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/process_map.h"
 
 #include <charconv>
@@ -5,7 +8,6 @@
 namespace ThreadUtilities::platform {
 namespace {
 
-constexpr std::string_view deletedSuffix = " (deleted)";
 constexpr std::string_view escapedLineFeed = "\\012";
 
 /// Takes fields from the front of a line; after the first that is not as it should be, all fail.
@@ -85,9 +87,13 @@ std::vector<MappedRange> parseProcessMap(std::string_view text) {
     return ranges;
 }
 
-std::string mappedFilePath(std::string_view name) {
-    if (name.ends_with(deletedSuffix)) {
-        name.remove_suffix(deletedSuffix.size());
+bool isMarkedDeleted(std::string_view name) noexcept {
+    return name.ends_with(deletedMark);
+}
+
+std::string mappedFilePath(std::string_view name, bool isDeleted) {
+    if (isDeleted && isMarkedDeleted(name)) {
+        name.remove_suffix(deletedMark.size());
     }
     std::string path;
     path.reserve(name.size());

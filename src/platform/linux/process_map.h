@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // The text form of a process's memory map (proc(5), /proc/pid/maps).
@@ -23,8 +26,12 @@ struct MappedRange {
 /// damaged, and a last one that is cut off, is left out.
 std::vector<MappedRange> parseProcessMap(std::string_view text);
 
-/// The path of a mapped file: the map writes a line feed as "\012", and " (deleted)" behind the
-/// name of a file that no longer has it.
-std::string mappedFilePath(std::string_view name);
+/// What the map, and links of the kernel's, write behind the name of a file that has lost it.
+constexpr std::string_view deletedMark = " (deleted)";
+bool isMarkedDeleted(std::string_view name) noexcept;
+
+/// The path of a mapped file: the map writes a line feed as "\012". With `isDeleted`, the mark of
+/// a deleted file at the end is none of it.
+std::string mappedFilePath(std::string_view name, bool isDeleted);
 
 }  // namespace ThreadUtilities::platform

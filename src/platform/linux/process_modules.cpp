@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/process_modules.h"
 
 #include <dirent.h>
@@ -16,9 +19,11 @@
 #include "foundation/ascii.h"
 #include "foundation/text_conversion.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/elf_headers.h"
 #include "platform/linux/elf_image.h"
 #include "platform/linux/image_reader.h"
 #include "platform/linux/process_map.h"
+#include "platform/linux/task_folder.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -76,11 +81,6 @@ LiveTask findLiveTask(unsigned int processId) {
     return task;
 }
 
-struct Image {
-    std::uint64_t end = 0;
-    std::optional<DebugGuid> guid;
-};
-
 std::optional<DebugGuid> readBuildId(const ImageReader& reader, const ElfImage& image) {
     for (const NoteSegment& note : image.notes) {
         std::vector<std::uint8_t> bytes(std::min<std::uint64_t>(note.size, longestNotes));
@@ -106,6 +106,44 @@ bool mayHoldCode(std::span<const MappedRange> ranges) {
     return false;
 }
 
+bool isOfSameFile(const MappedRange& range, const MappedRange& other) {
+    return range.name == other.name && range.inode == other.inode;
+}
+
+/// Where in memory, from the image's base, the byte at `fileOffset` of its file lies, if it does.
+std::optional<std::uint64_t> imageOffsetOf(std::span<const MappedRange> ranges,
+                                           std::uint64_t fileOffset) {
+    const MappedRange& first = ranges.front();
+    for (const MappedRange& range : ranges) {
+        if (isOfSameFile(range, first) && fileOffset >= range.fileOffset &&
+            fileOffset - range.fileOffset < range.end - range.begin) {
+            return range.begin - first.begin + (fileOffset - range.fileOffset);
+        }
+    }
+    return std::nullopt;
+}
+
+/// None when the image is no object that can be loaded, or cannot be read; `isReadable` tells.
+std::optional<ElfImage> readImage(const ImageReader& reader, std::span<const MappedRange> ranges,
+                                  bool& isReadable) {
+    std::array<std::uint8_t, fileHeaderSize> header;
+    const std::size_t headerSize = reader.read(0, 0, header);
+    isReadable = headerSize != 0;
+    const auto place = findProgramHeaders(ByteCursor(header.data(), headerSize));
+    if (!place) {
+        return std::nullopt;
+    }
+    std::vector<std::uint8_t> table(place->size);  // at most 65,535 entries
+    const auto imageOffset = imageOffsetOf(ranges, place->fileOffset);
+    const std::size_t size = imageOffset ? reader.read(*imageOffset, place->fileOffset, table)
+                                         : reader.readFile(place->fileOffset, table);
+    if (size != table.size()) {
+        isReadable = false;  // what begins like an object may be one
+        return std::nullopt;
+    }
+    return parseElfImage(ByteCursor(table.data(), size));
+}
+
 /// Where the last of the ranges ends that begin below `limit` and belong to the image: those of
 /// the image's file, and memory without a file that adjoins them (zero-initialised data).
 std::uint64_t mappedEnd(std::span<const MappedRange> ranges, std::uint64_t limit) {
@@ -114,11 +152,27 @@ std::uint64_t mappedEnd(std::span<const MappedRange> ranges, std::uint64_t limit
         if (range.begin >= limit) {
             break;
         }
-        if (range.name == ranges.front().name || (range.name.empty() && range.begin == end)) {
+        if (isOfSameFile(range, ranges.front()) || (range.name.empty() && range.begin == end)) {
             end = range.end;
         }
     }
     return std::min(end, limit);
+}
+
+/// Where an image ends that cannot be asked: before the first range of another file, and before
+/// its own file begins anew, for then it is mapped a second time.
+std::uint64_t guessedLimit(std::span<const MappedRange> ranges) {
+    const MappedRange* last = &ranges.front();
+    for (const MappedRange& range : ranges.subspan(1)) {
+        if (!range.name.empty()) {
+            if (!isOfSameFile(range, *last) || range.fileOffset < last->fileOffset ||
+                range.fileOffset == 0) {
+                return range.begin;
+            }
+            last = &range;
+        }
+    }
+    return ranges.back().end;
 }
 
 /// The module that begins with the first of these ranges, if one does.
@@ -130,21 +184,24 @@ std::optional<LoadedModule> readModule(pid_t task, std::span<const MappedRange> 
         return std::nullopt;
     }
     LoadedModule module;
-    module.path =
-        isKernelImage ? wideFromAscii(kernelImageName) : utf8ToWide(mappedFilePath(first.name));
+    module.path = isKernelImage
+                      ? wideFromAscii(kernelImageName)
+                      : utf8ToWide(pathOfMappedFile("/proc/" + std::to_string(task), first));
     module.imageBase = first.begin;
     const ImageReader reader(task, first);
-    std::array<std::uint8_t, pageSize> start;
-    const std::size_t size = reader.read(0, 0, start);
-    std::uint64_t limit = ranges.back().end;
-    if (size != 0) {
-        const auto image = parseElfImage(ByteCursor(start.data(), size));
-        const auto end = image ? checkedAdd(first.begin, image->size) : std::nullopt;
+    bool isReadable = false;
+    std::uint64_t limit = 0;
+    if (const auto image = readImage(reader, ranges, isReadable)) {
+        const auto end = checkedAdd(first.begin, image->size);
         if (!end) {
             return std::nullopt;
         }
         limit = *end;
         module.debugGuid = readBuildId(reader, *image);
+    } else if (isReadable) {
+        return std::nullopt;
+    } else {
+        limit = guessedLimit(ranges);
     }
     module.imageSize = mappedEnd(ranges, limit) - module.imageBase;
     return module;
@@ -153,6 +210,10 @@ std::optional<LoadedModule> readModule(pid_t task, std::span<const MappedRange> 
 }  // namespace
 
 std::vector<LoadedModule> listProcessModules(unsigned int processId) {
+    // The files of any thread show its process; an id that is no process's has no modules.
+    if (!hasTask(processId, processId)) {
+        return {};
+    }
     const LiveTask task = findLiveTask(processId);
     const std::vector<MappedRange> ranges = parseProcessMap(task.mapText);
     std::vector<LoadedModule> modules;
@@ -174,7 +235,7 @@ std::string ownMappedFilePath(std::uint64_t address) {
     const std::string text = readText("/proc/thread-self/maps", longestMap);
     for (const MappedRange& range : parseProcessMap(text)) {
         if (range.begin <= address && address < range.end && range.name.starts_with('/')) {
-            return mappedFilePath(range.name);
+            return pathOfMappedFile("/proc/thread-self", range);
         }
     }
     return {};

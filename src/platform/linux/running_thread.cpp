@@ -1,18 +1,22 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/running_thread.h"
 
-#include <sched.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <new>
+#include <string_view>
 
 #include "platform/linux/capture_requests.h"
 #include "platform/linux/capture_signal.h"
 #include "platform/linux/kernel_calls.h"
 #include "platform/linux/stack_layout.h"
+#include "platform/linux/thread_clock.h"
 #include "platform/linux/thread_stacks.h"
-#include "platform/linux/thread_status.h"
-#include "platform/thread_clock.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -24,20 +28,133 @@ using std::chrono::milliseconds;
 // A signal reaches another processor well within this time, unless the thread has lost that
 // processor meanwhile.
 constexpr microseconds spinTime{100};
-
-// A thread may have to wait for a processor behind a thousand others. Only after this time is it
-// given up although nothing speaks against an answer.
-constexpr milliseconds longestWait{10'000};
-constexpr milliseconds longestUninterruptibleWait{50};
-constexpr milliseconds longestBlindWait{1'000};
+constexpr microseconds nap{50};
 constexpr milliseconds firstLook{4};
 constexpr milliseconds longestPause{100};
 
-void spin(const PostedRequest& request) {
+// Waits for memory, a local disk or a spawned process's start are over by then; waits for a server
+// that is gone are not.
+constexpr milliseconds longestUninterruptibleWait{100};
+// A queue of signals that is still full then is not about to be emptied.
+constexpr milliseconds longestWaitForQueue{20};
+// A fork of a large process computes for milliseconds with all signals blocked, and a thread that
+// starts many others is seen in one moment after the other.
+constexpr milliseconds longestBlockedRun{10};
+constexpr milliseconds longestBlockedSleep{3};
+
+enum class Outlook {
+    WillAnswer,  ///< as soon as it gets a processor
+    NotYet,      ///< may be in a moment that passes
+    Never,
+    Gone,
+};
+
+/// What can be expected of one thread, from one look at its status to the next.
+class Watch {
+ public:
+    Watch(unsigned int threadId, const ThreadStatus& status)
+        : threadId_(threadId), status_(status) {}
+
+    void look() { status_ = readThreadStatus(threadId_); }
+
+    [[nodiscard]] Outlook outlook() {
+        if (status_.reading != ThreadStatus::Reading::Known) {
+            return status_.reading == ThreadStatus::Reading::Gone ? Outlook::Gone
+                                                                  : Outlook::WillAnswer;
+        }
+        constexpr std::string_view stopped = "TtI";
+        if (status_.isTraced || stopped.find(status_.state) != std::string_view::npos) {
+            return Outlook::Never;
+        }
+        const bool isBlocked = containsSignal(status_.blockedSignals, captureSignal());
+        if (status_.state != 'D' && !isBlocked) {
+            hindrance_ = Hindrance::None;
+            return Outlook::WillAnswer;
+        }
+        note(status_.state == 'D' ? Hindrance::Uninterruptible : Hindrance::Blocked);
+        return lastsForLong() ? Outlook::Never : Outlook::NotYet;
+    }
+
+    /// Has neither taken the signal nor is kept from it.
+    [[nodiscard]] bool lostTheSignal() const {
+        return !containsSignal(status_.pendingSignals | status_.blockedSignals, captureSignal());
+    }
+
+    /// Sleeps in spite of a signal that it could take, as a frozen thread does. One that has only
+    /// just been woken by the signal is running at the next look.
+    [[nodiscard]] bool sleepsOnSignal() const {
+        return status_.state == 'S' && containsSignal(status_.pendingSignals, captureSignal()) &&
+               !containsSignal(status_.blockedSignals, captureSignal());
+    }
+
+ private:
+    enum class Hindrance { None, Uninterruptible, Blocked };
+
+    void note(Hindrance hindrance) {
+        if (hindrance_ != hindrance) {
+            hindrance_ = hindrance;
+            since_ = Clock::now();
+            ranBefore_ = runTime();
+        }
+    }
+
+    // The C library keeps the signal out of every mask that a program sets, and itself blocks it
+    // for moments only, while a thread starts or ends or another process is spawned; our handler
+    // blocks it while it runs. None of these lasts long; but one that got no processor may have
+    // been stopped in it.
+    [[nodiscard]] bool lastsForLong() const {
+        const Clock::duration lasted = Clock::now() - since_;
+        if (hindrance_ == Hindrance::Uninterruptible) {
+            return lasted >= longestUninterruptibleWait;
+        }
+        return status_.state == 'S' ? lasted >= longestBlockedSleep
+                                    : runTime() - ranBefore_ >= longestBlockedRun;
+    }
+
+    [[nodiscard]] std::chrono::nanoseconds runTime() const {
+        return std::chrono::nanoseconds(threadRunTime(threadId_).value_or(0));
+    }
+
+    unsigned int threadId_;
+    ThreadStatus status_;
+    // What keeps it from answering, and since when.
+    Hindrance hindrance_ = Hindrance::None;
+    Clock::time_point since_;
+    std::chrono::nanoseconds ranBefore_{};
+};
+
+void takeNap() {
+    constexpr timespec time{0, std::chrono::nanoseconds(nap).count()};
+    kernelCall(SYS_nanosleep, argument(&time), 0);
+}
+
+/// Sends the signal as soon as it can be taken. `Visited` stands for sent.
+VisitResult send(Watch& watch, const VisitRequest& request) {
+    const auto queueDeadline = std::min(request.deadline, Clock::now() + longestWaitForQueue);
+    for (;; takeNap(), watch.look()) {
+        const Outlook outlook = watch.outlook();
+        if (outlook == Outlook::Gone || outlook == Outlook::Never) {
+            return outlook == Outlook::Gone ? VisitResult::NoSuchThread : VisitResult::NotAnswering;
+        }
+        if (outlook == Outlook::WillAnswer) {
+            const SendResult result = sendCaptureSignal(request.threadId);
+            if (result != SendResult::QueueFull || Clock::now() >= queueDeadline) {
+                return result == SendResult::Sent           ? VisitResult::Visited
+                       : result == SendResult::NoSuchThread ? VisitResult::NoSuchThread
+                                                            : VisitResult::NotAnswering;
+            }
+        }
+        if (Clock::now() >= request.deadline) {
+            return VisitResult::NotAnswering;
+        }
+    }
+}
+
+void spin(const PostedRequest& posted) {
     const auto end = Clock::now() + spinTime;
     do {
         for (int i = 0; i < 16; ++i) {
-            if (request.isAnswered()) {
+            if (posted.isAnswered()) {
                 return;
             }
             __builtin_ia32_pause();
@@ -45,93 +162,94 @@ void spin(const PostedRequest& request) {
     } while (Clock::now() < end);
 }
 
-void sleepUntil(PostedRequest& request, Clock::time_point end) {
-    for (auto now = Clock::now(); now < end && !request.isAnswered(); now = Clock::now()) {
-        const auto left = std::chrono::nanoseconds(end - now).count();
-        request.sleep({left / 1'000'000'000, left % 1'000'000'000});
+void sleepUntil(PostedRequest& posted, Clock::time_point end, bool isWoken) {
+    for (auto now = Clock::now(); now < end && !posted.isAnswered(); now = Clock::now()) {
+        const Clock::duration left =
+            isWoken ? end - now : std::min<Clock::duration>(end - now, nap);
+        posted.sleep({left.count() / 1'000'000'000, left.count() % 1'000'000'000});
     }
 }
 
-// Whether a thread that blocks the signal will go on doing so: it waits for something with the
-// signal blocked, or used its processor for a while without unblocking it. One that got no
-// processor meanwhile may only have been stopped in the middle of a handler.
-bool blocksForLong(const ThreadStatus& status, std::uint64_t ranSince) {
-    constexpr std::uint64_t longRun = 2'000'000;
-    return status.sleeps || ranSince >= longRun;
-}
-
-milliseconds patienceWith(const ThreadStatus& status, std::uint64_t ranSince) {
-    switch (status.answerability) {
-        case Answerability::CanAnswer:
-            return longestWait;
-        case Answerability::BlocksSignal:
-            return blocksForLong(status, ranSince) ? milliseconds(0) : longestWait;
-        case Answerability::Uninterruptible:
-            return longestUninterruptibleWait;
-        case Answerability::Unknown:
-            return longestBlindWait;
-        case Answerability::Gone:
-            break;
+// Why the wait is over although there is no answer; `Visited` while it is not.
+VisitResult reasonToGiveUp(Watch& watch, const PostedRequest& posted, int& looksAtSleep) {
+    watch.look();
+    const Outlook outlook = watch.outlook();
+    if (outlook == Outlook::Gone) {
+        return VisitResult::NoSuchThread;
     }
-    return milliseconds(0);
+    if (posted.isClaimed()) {
+        return VisitResult::Visited;  // nothing but its own work keeps it
+    }
+    constexpr int patience = 3;
+    looksAtSleep = watch.sleepsOnSignal() ? looksAtSleep + 1 : 0;
+    const bool isHopeless = outlook == Outlook::Never || looksAtSleep >= patience;
+    return isHopeless ? VisitResult::NotAnswering : VisitResult::Visited;
 }
 
-// The request stays posted only as long as this function runs: when it returns, the visitor has
-// run to its end or never will.
-VisitResult awaitAnswer(PostedRequest& request, unsigned int threadId, Waiting waiting) {
+VisitResult awaitAnswer(PostedRequest& posted, Watch& watch, const VisitRequest& request,
+                        Waiting waiting, bool isWoken) {
     if (waiting == Waiting::SpinFirst) {
-        spin(request);
+        spin(posted);
     }
-    const auto start = Clock::now();
-    const std::uint64_t ranAtStart = threadRunTime(threadId).value_or(0);
     milliseconds pause = firstLook;
-    for (;;) {
-        sleepUntil(request, Clock::now() + pause);
-        if (request.isAnswered()) {
+    for (int looksAtSleep = 0;;) {
+        sleepUntil(posted, std::min(Clock::now() + pause, request.deadline), isWoken);
+        if (posted.isAnswered()) {
             return VisitResult::Visited;
         }
-        const ThreadStatus status = readThreadStatus(threadId);
-        const std::uint64_t ranSince = threadRunTime(threadId).value_or(0) - ranAtStart;
-        if (Clock::now() - start >= patienceWith(status, ranSince)) {
-            const bool answeredAtLast = !request.cancel();
-            const bool gone = status.answerability == Answerability::Gone;
-            return answeredAtLast ? VisitResult::Visited
-                   : gone         ? VisitResult::NoSuchThread
-                                  : VisitResult::NotAnswering;
+        const VisitResult reason = reasonToGiveUp(watch, posted, looksAtSleep);
+        if (reason != VisitResult::Visited) {
+            return reason;
         }
-        // A host that reset its signal actions at the wrong moment has thrown the signal away. It
-        // is sent again only if it would be delivered at once: one that stays pending, because
-        // there is one already or because the thread is in the handler of the first and about to
-        // answer, would swallow the next that the host itself sends to this thread. Because the
-        // answer is looked for after the status was read, the first signal cannot have been
-        // handled meanwhile.
-        if (!status.signalIsPending && !status.signalIsBlocked && !request.isAnswered() &&
-            ensureCaptureHandler()) {
-            sendCaptureSignal(threadId);
+        if (Clock::now() >= request.deadline) {
+            return VisitResult::NotAnswering;
+        }
+        // Somebody has put another action in place by the raw call, or taken the signal. Because
+        // the answer is looked for after the status was read, and a handler that has not answered
+        // has the signal blocked, it cannot be under way.
+        if (watch.lostTheSignal() && !posted.isAnswered() && ensureCaptureHandler()) {
+            sendCaptureSignal(request.threadId);
         }
         pause = std::min(pause * 2, longestPause);
     }
 }
 
-VisitResult visitStanding(unsigned int threadId, const ReadableRange& stackBounds, Waiting waiting,
-                          ContextVisitor visitor, void* state) {
-    PostedRequest request(threadId, stackBounds, visitor, state);
-    if (!request.isPosted()) {
-        return VisitResult::NotAnswering;
-    }
-    switch (sendCaptureSignal(threadId)) {
-        case SendResult::Sent:
-            return awaitAnswer(request, threadId, waiting);
-        case SendResult::NoSuchThread:
-            return VisitResult::NoSuchThread;
-        case SendResult::Refused:
-            break;
-    }
-    return VisitResult::NotAnswering;
+Visit withEarlierFrames(Visit visit, const VisitSlot& slot, std::span<unsigned long long> frames) {
+    visit.frameCount = slot.copyEarlierFrames(frames);
+    visit.result = visit.frameCount != 0 ? VisitResult::Visited : visit.result;
+    return visit;
 }
 
-// Of the first thread's stack the part above its stack pointer is mapped, however far it has grown
-// since its bounds were looked up: it grows by what is touched, and in one piece.
+/// Once answered, what was found is still in the slot; else it has no frames or is the last word.
+Visit visitOnce(VisitSlot& slot, const VisitRequest& request, Watch& watch, Waiting waiting,
+                const PostedRequest::Question& question, VisitorAnswer& answer,
+                std::span<unsigned long long> frames) {
+    PostedRequest posted(slot, question);
+    VisitResult result = send(watch, request);
+    if (result == VisitResult::Visited) {
+        result = awaitAnswer(posted, watch, request, waiting, question.mayCallSystem);
+    }
+    // Between the last look and this, the handler may have begun, and even ended.
+    if (result != VisitResult::Visited && !posted.cancel() && posted.isAnswered()) {
+        result = VisitResult::Visited;
+    }
+    if (result == VisitResult::Visited) {
+        answer = posted.answer();
+        return {result};
+    }
+    return withEarlierFrames({result}, slot, frames);  // while the slot is still ours
+}
+
+std::uint64_t stackLimit() {
+    rlimit64 limit{};
+    return kernelCall(SYS_prlimit64, 0, RLIMIT_STACK, 0, argument(&limit)) == 0 ? limit.rlim_cur
+                                                                                : 0;
+}
+
+// The first thread's stack grows by what is touched, in one piece and up to its limit; so it may
+// have grown since its bounds were looked up. That much of it can be there, and no page of it is
+// read before the system was asked for it, but those that the kernel has just written. A handler
+// that finds more room above the bounds' begin than it needs does not make it grow past its limit.
 ReadableRange stackBoundsOf(unsigned int threadId) {
     ReadableRange bounds;
     if (!findThreadStack(threadId, bounds)) {
@@ -139,33 +257,53 @@ ReadableRange stackBoundsOf(unsigned int threadId) {
     }
     const auto firstStackTop = reinterpret_cast<std::uint64_t>(__libc_stack_end);
     if (bounds.begin <= firstStackTop && firstStackTop < bounds.end) {
-        bounds.begin = std::min(bounds.begin, bounds.end - firstStackReach);
+        bounds.begin = std::min(bounds.begin, bounds.end - std::min(firstStackReach, stackLimit()));
     }
     return bounds;
 }
 
-VisitorAnswer copyContext(const ThreadContext& context, void* copy) noexcept {
-    *static_cast<ThreadContext*>(copy) = context;
+VisitorAnswer copyContext(const ThreadContext& context, VisitRoom&) noexcept {
+    static_assert(sizeof(ThreadContext) <= visitScratchSize);
+    new (context.scratch.data()) ThreadContext(context);
     return VisitorAnswer::Enough;
+}
+
+// The registers are the thread's of a moment ago; the visitor runs here, in another slot's room.
+void visitCopy(VisitSlot& slot, const VisitRequest& request) {
+    ThreadContext context = *std::launder(reinterpret_cast<ThreadContext*>(slot.scratch().data()));
+    context.standsStill = false;
+    context.mayCallSystem = true;
+    while (request.visitor(context, slot.room()) == VisitorAnswer::RoomMissing && slot.growRoom()) {
+    }
 }
 
 }  // namespace
 
-VisitResult visitBySignal(unsigned int threadId, bool suspend, Waiting waiting,
-                          ContextVisitor visitor, void* state) noexcept {
+Visit visitBySignal(const VisitRequest& request, const ThreadStatus& status, Waiting waiting,
+                    VisitSlot& slot, std::span<unsigned long long> frames) noexcept {
+    Visit visit;
+    slot.clearRoom();
     if (!ensureCaptureHandler()) {
-        return VisitResult::NotAnswering;
+        return withEarlierFrames(visit, slot, frames);
     }
-    if (suspend) {
-        return visitStanding(threadId, stackBoundsOf(threadId), waiting, visitor, state);
+    const PostedRequest::Question question{
+        request.threadId, request.suspend ? request.visitor : copyContext,
+        request.suspend ? stackBoundsOf(request.threadId) : ReadableRange{},
+        status.reading == ThreadStatus::Reading::Known && !status.hasSystemCallFilter};
+    Watch watch(request.threadId, status);
+    VisitorAnswer answer = VisitorAnswer::Enough;
+    do {
+        visit = visitOnce(slot, request, watch, waiting, question, answer, frames);
+        if (visit.result != VisitResult::Visited || visit.frameCount != 0) {
+            return visit;
+        }
+    } while (answer == VisitorAnswer::RoomMissing && slot.growRoom());
+    if (!request.suspend) {
+        visitCopy(slot, request);
     }
-    ThreadContext context;
-    const VisitResult result = visitStanding(threadId, {}, waiting, copyContext, &context);
-    if (result == VisitResult::Visited) {
-        context.standsStill = false;
-        visitor(context, state);
-    }
-    return result;
+    visit.frameCount = slot.copyFrames(frames);
+    // It had no room to walk in.
+    return visit.frameCount != 0 ? visit : withEarlierFrames(visit, slot, frames);
 }
 
 }  // namespace ThreadUtilities::platform

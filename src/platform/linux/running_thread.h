@@ -1,7 +1,14 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Visiting a thread by a signal: the visitor runs in the handler, on the visited thread.
 
+#include <span>
+
+#include "platform/linux/capture_requests.h"
+#include "platform/linux/thread_status.h"
 #include "platform/thread_context.h"
 
 namespace ThreadUtilities::platform {
@@ -11,8 +18,10 @@ enum class Waiting {
     Sleep,      ///< it needs a processor first, maybe this one
 };
 
-/// As `visitThreadContext`, for a thread that runs or that no cheaper way can reach.
-VisitResult visitBySignal(unsigned int threadId, bool suspend, Waiting waiting,
-                          ContextVisitor visitor, void* state) noexcept;
+/// As `visitThreadContext`, for a thread that runs or that no cheaper way can reach. `status` is
+/// what has just been read of the thread. Where the thread does not answer, the frames that `slot`
+/// has kept are the answer. The slot may be left to the thread's handler.
+Visit visitBySignal(const VisitRequest& request, const ThreadStatus& status, Waiting waiting,
+                    VisitSlot& slot, std::span<unsigned long long> frames) noexcept;
 
 }  // namespace ThreadUtilities::platform

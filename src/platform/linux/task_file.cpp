@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/task_file.h"
 
 #include <fcntl.h>
@@ -5,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include "platform/linux/kernel_calls.h"
 
@@ -25,13 +27,14 @@ bool KernelFile::isMissing() const {
     return descriptor_ == -ENOENT || descriptor_ == -ESRCH;
 }
 
-int KernelFile::release() noexcept {
-    return std::exchange(descriptor_, -EBADF);
-}
-
 std::size_t KernelFile::read(char* out, std::size_t size) const noexcept {
     const long got = kernelCall(SYS_read, descriptor_, argument(out), static_cast<long>(size));
     return got > 0 ? static_cast<std::size_t>(got) : 0;
+}
+
+bool KernelFile::readAt(std::uint64_t offset, void* out, std::size_t size) const noexcept {
+    return kernelCall(SYS_pread64, descriptor_, argument(out), static_cast<long>(size),
+                      static_cast<long>(offset)) == static_cast<long>(size);
 }
 
 TaskPath::TaskPath(unsigned int threadId, std::string_view name) noexcept {

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Files of the kernel about one thread of this process, read without the C library: no allocation,
@@ -21,10 +24,10 @@ class KernelFile {
 
     [[nodiscard]] bool isOpen() const { return descriptor_ >= 0; }
     [[nodiscard]] bool isMissing() const;
-    /// Gives the descriptor away; negative when there is none.
-    int release() noexcept;
     /// The bytes read; 0 at the end and on failure.
     std::size_t read(char* out, std::size_t size) const noexcept;
+    /// Whether all `size` bytes that begin at `offset` were read.
+    bool readAt(std::uint64_t offset, void* out, std::size_t size) const noexcept;
 
  private:
     int descriptor_;

@@ -1,4 +1,7 @@
-#include "platform/thread_clock.h"
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/thread_clock.h"
 
 #include <ctime>
 

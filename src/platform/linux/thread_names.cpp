@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/thread_names.h"
 
 #include <sys/auxv.h>
@@ -5,18 +8,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <memory>
-#include <mutex>
-#include <new>
 #include <optional>
 #include <utility>
 
 #include "platform/current.h"
-#include "platform/linux/own_name.h"
 #include "platform/linux/proc_file.h"
-#include "platform/linux/thread_ends.h"
-#include "platform/process_copy.h"
+#include "platform/linux/program_name.h"
+#include "platform/linux/task_folder.h"
+#include "platform/linux/thread_records.h"
 
 // The kernel keeps 15 bytes of a name, and any code may change them. What is kept here is the whole
 // name together with the 15 bytes that stand for it: as long as the kernel's name is those bytes,
@@ -25,49 +29,47 @@
 namespace ThreadUtilities::platform {
 namespace {
 
-struct Name {
-    std::string whole;
-    KernelName inKernel{};
-};
-
-// Made and freed by the thread that it describes, which also is the only one that changes it, so
-// that reading it there needs no lock. `previous` is read by others only while `changing`.
-struct NameRecord {
-    unsigned int threadId = 0;
-    NameRecord* next = nullptr;
-    /// What the kernel's name goes back to when the name is taken away.
-    KernelName unnamed{};
-    Name current;
-    Name previous;
-    bool changing = false;
-    unsigned long long changes = 0;
-};
-
-// Other threads reach a record through its bucket, and hold the bucket's lock for as long as they
-// look at it; the owner unlinks it under that lock before freeing it. No system call and no
-// waiting happens under a lock.
-struct Bucket {
-    std::mutex mutex;
-    NameRecord* first = nullptr;
-};
-
-constexpr std::size_t BucketCount = 256;
-
-// Never destroyed: threads end, and are named, until the very end of the process.
-union Buckets {
-    Bucket all[BucketCount];
-    constexpr Buckets() : all{} {}
-    ~Buckets() {}
-};
-constinit Buckets buckets;
-
-constinit thread_local NameRecord* ownRecord = nullptr;
-
 // The name under which the program was started; threads that nobody named bear it too.
 constinit KernelName programName{};
 
-Bucket& bucketOf(unsigned int threadId) noexcept {
-    return buckets.all[threadId % BucketCount];
+// A thread inherits its creator's name in the kernel. Where its start was not announced, nothing
+// tells that name from one of its own, but had it been given through this library, there would be a
+// record: so a name that this library has given counts as inherited there. Lossy, and shared by
+// all threads: a 32-bit print in the place that the name's hash leads to.
+class GivenNames {
+ public:
+    void add(const KernelName& name) noexcept {
+        const std::uint64_t hash = hashOf(name);
+        auto& place = placeOf(hash);
+        if (place.load(std::memory_order_relaxed) != printOf(hash)) {
+            place.store(printOf(hash), std::memory_order_relaxed);
+        }
+    }
+    bool has(const KernelName& name) noexcept {
+        const std::uint64_t hash = hashOf(name);
+        return placeOf(hash).load(std::memory_order_relaxed) == printOf(hash);
+    }
+
+ private:
+    static std::uint64_t hashOf(const KernelName& name) noexcept {
+        std::array<std::uint64_t, 2> halves;
+        std::memcpy(halves.data(), name.data(), name.size());
+        constexpr std::uint64_t goldenRatio = 0x9E3779B97F4A7C15;
+        std::uint64_t hash = halves[0] * goldenRatio;
+        hash = ((hash ^ hash >> 32) + halves[1]) * goldenRatio;
+        return (hash ^ hash >> 29) * goldenRatio;
+    }
+    static std::uint32_t printOf(std::uint64_t hash) noexcept {
+        return static_cast<std::uint32_t>(hash) | 1;  // 0 is nobody's
+    }
+    std::atomic<std::uint32_t>& placeOf(std::uint64_t hash) noexcept { return prints[hash >> 52]; }
+
+    std::array<std::atomic<std::uint32_t>, 4096> prints{};
+};
+constinit GivenNames givenNames;
+
+bool nobodyGave(const KernelName& name) noexcept {
+    return name == programName || givenNames.has(name);
 }
 
 KernelName kernelPrefix(std::string_view name) noexcept {
@@ -85,44 +87,14 @@ std::string textOf(const KernelName& name) {
     return std::string(name.data(), strnlen(name.data(), name.size()));
 }
 
-void link(NameRecord& record) noexcept {
-    Bucket& bucket = bucketOf(record.threadId);
-    const std::lock_guard lock(bucket.mutex);
-    record.next = bucket.first;
-    bucket.first = &record;
-}
-
-void unlink(NameRecord& record) noexcept {
-    Bucket& bucket = bucketOf(record.threadId);
-    const std::lock_guard lock(bucket.mutex);
-    for (NameRecord** link = &bucket.first; *link != nullptr; link = &(*link)->next) {
-        if (*link == &record) {
-            *link = record.next;
-            return;
-        }
-    }
-}
-
-const NameRecord* find(const Bucket& bucket, unsigned int threadId) noexcept {
-    const NameRecord* record = bucket.first;
-    while (record != nullptr && record->threadId != threadId) {
-        record = record->next;
-    }
-    return record;
-}
-
-// None when the thread's end would not be heard of: its record could never be freed.
-NameRecord* makeOwnRecord(const KernelName& unnamed) {
-    auto record = std::make_unique<NameRecord>();
-    if (!hearOfOwnEnd()) {
-        return nullptr;
-    }
-    record->threadId = currentThreadId();
-    record->unnamed = unnamed;
-    record->current.inKernel = unnamed;
-    ownRecord = record.release();
-    link(*ownRecord);
-    return ownRecord;
+// Of a thread that was not announced.
+ThreadRecord* makeOwnRecord() {
+    auto record = std::make_unique<ThreadRecord>();
+    const KernelName inKernel = ownKernelName();
+    record->unnamed = nobodyGave(inKernel) ? inKernel : programName;
+    record->current.inKernel = record->unnamed;
+    enterOwnRecord(record.release(), false);
+    return ownRecord();
 }
 
 /// The kernel's name of a thread of any process.
@@ -152,14 +124,13 @@ std::optional<FoundName> findKernelName(unsigned int threadId) {
 // the look at the kernel and this one.
 std::optional<std::string> nameBehind(const KernelName& inKernel, unsigned int threadId,
                                       std::optional<unsigned long long> changesBefore) {
-    Bucket& bucket = bucketOf(threadId);
-    const std::lock_guard lock(bucket.mutex);
-    const NameRecord* const record = find(bucket, threadId);
+    const LookAtRecord look(threadId);
+    const ThreadRecord* const record = look.get();
     if (record == nullptr) {
-        if (changesBefore) {
+        if (changesBefore || look.hasEnded()) {
             return std::nullopt;
         }
-        return inKernel == programName ? std::string() : textOf(inKernel);
+        return nobodyGave(inKernel) ? std::string() : textOf(inKernel);
     }
     if (inKernel == record->current.inKernel) {
         return record->current.whole;
@@ -174,10 +145,14 @@ std::optional<std::string> nameBehind(const KernelName& inKernel, unsigned int t
 }
 
 std::optional<unsigned long long> changesOf(unsigned int threadId) {
-    Bucket& bucket = bucketOf(threadId);
-    const std::lock_guard lock(bucket.mutex);
-    const NameRecord* const record = find(bucket, threadId);
-    return record == nullptr ? std::nullopt : std::optional(record->changes);
+    const LookAtRecord look(threadId);
+    return look.get() == nullptr ? std::nullopt : std::optional(look.get()->changes);
+}
+
+/// What is kept of the name of a thread that lives.
+std::optional<std::string> keptName(unsigned int threadId) {
+    const LookAtRecord look(threadId);
+    return look.get() == nullptr ? std::nullopt : std::optional(look.get()->current.whole);
 }
 
 // Nobody else changes the calling thread's record, therefore one look without a lock is enough. The
@@ -185,34 +160,51 @@ std::optional<unsigned long long> changesOf(unsigned int threadId) {
 // name for its own would put back the wrong one.
 std::string readOwnName() {
     const KernelName inKernel = ownKernelName();
-    if (ownRecord == nullptr) {
-        return inKernel == programName ? std::string() : textOf(inKernel);
+    const ThreadRecord* const record = ownRecord();
+    if (record == nullptr) {
+        return nobodyGave(inKernel) ? std::string() : textOf(inKernel);
     }
-    const Name& current = ownRecord->current;
-    return inKernel == current.inKernel ? current.whole : textOf(inKernel);
+    return inKernel == record->current.inKernel ? record->current.whole : textOf(inKernel);
 }
 
-// The calling thread's record was in nobody's hands, since only that thread changes it. The other
-// records may be half changed; they stay where they are, unreachable.
-RestartInCopy keepOnlyTheCallersName([] {
-    for (Bucket& bucket : buckets.all) {
-        new (&bucket) Bucket;
+KernelName fileNameOf(std::string_view path) noexcept {
+    KernelName result{};
+    const std::string_view name = path.substr(path.find_last_of('/') + 1);
+    std::copy_n(name.data(), std::min(name.size(), result.size() - 1), result.data());
+    return result;
+}
+
+std::optional<KernelName> firstThreadsKernelName() noexcept {
+    if (gettid() == getpid()) {
+        return ownKernelName();
     }
-    if (ownRecord != nullptr) {
-        ownRecord->threadId = static_cast<unsigned int>(gettid());
-        link(*ownRecord);
+    std::array<char, 32> text;
+    const auto id = static_cast<unsigned int>(getpid());
+    const std::string_view line =
+        readProcFile(ProcPath("/proc/", id, "/comm"), text.data(), text.size());
+    return line.empty() ? std::nullopt
+                        : std::optional(fileNameOf(line.substr(0, line.find_last_of('\n'))));
+}
+
+// The kernel names a program after the file that was executed. The path that the program was told
+// is that of another file where it was started through the dynamic loader or by a descriptor. At a
+// late load, neither may be left: then other code has named the first thread since.
+KernelName findProgramName() noexcept {
+    const auto* const told = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
+    const std::optional<KernelName> now = firstThreadsKernelName();
+    if (told == nullptr) {
+        return now.value_or(KernelName{});
     }
-});
+    std::array<char, 4096> file;
+    const ssize_t length = readlink("/proc/self/exe", file.data(), file.size());
+    if (length > 0 && now == fileNameOf({file.data(), static_cast<std::size_t>(length)})) {
+        return *now;
+    }
+    return fileNameOf(told);
+}
 
 __attribute__((constructor(101))) void noteProgramName() {
-    const auto* const path = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
-    if (path == nullptr) {
-        programName = ownKernelName();
-        return;
-    }
-    const std::string_view file(path);
-    const std::string_view name = file.substr(file.find_last_of('/') + 1);
-    std::copy_n(name.data(), std::min(name.size(), programName.size() - 1), programName.data());
+    programName = findProgramName();
 }
 
 }  // namespace
@@ -225,37 +217,21 @@ KernelName ownKernelName() noexcept {
     return name;
 }
 
-void noteInheritedName(const KernelName& inherited) noexcept {
-    // Without a record the program's own name means "not named" already.
-    if (inherited == programName) {
-        return;
-    }
-    try {
-        makeOwnRecord(inherited);
-    } catch (const std::bad_alloc&) {
-        // The inherited name is then taken for the thread's own.
-    }
-}
-
-void forgetOwnName() noexcept {
-    if (NameRecord* const record = std::exchange(ownRecord, nullptr); record != nullptr) {
-        unlink(*record);
-        delete record;
-    }
+void nameAfterProgram(ThreadRecord& record) noexcept {
+    record.unnamed = record.current.inKernel = programName;
 }
 
 void setOwnThreadName(std::string_view name) {
-    NameRecord* const record = ownRecord != nullptr ? ownRecord : makeOwnRecord(programName);
-    if (record == nullptr) {
-        prctl(PR_SET_NAME, name.empty() ? programName.data() : kernelPrefix(name).data());
-        return;
-    }
-    Bucket& bucket = bucketOf(record->threadId);
+    currentThreadId();  // notices where this is a copied process
+    ThreadRecord* const record = ownRecord() != nullptr ? ownRecord() : makeOwnRecord();
     // Nobody else looks at `previous` here; its memory is used again.
     record->previous.whole.assign(name);
     record->previous.inKernel = name.empty() ? record->unnamed : kernelPrefix(name);
+    if (!name.empty()) {
+        givenNames.add(record->previous.inKernel);
+    }
     {
-        const std::lock_guard lock(bucket.mutex);
+        const LookAtRecord look(record->threadId);
         std::swap(record->current, record->previous);
         record->changing = true;
         ++record->changes;
@@ -263,7 +239,7 @@ void setOwnThreadName(std::string_view name) {
     // Whoever reads the kernel's name before this line finds the previous name for it, after it
     // the current one.
     prctl(PR_SET_NAME, record->current.inKernel.data());
-    const std::lock_guard lock(bucket.mutex);
+    const LookAtRecord look(record->threadId);
     record->changing = false;
     // Because a reader may have read the kernel's name before that line and comes here after it,
     // the end counts as a change too; otherwise the previous name would look like somebody else's.
@@ -288,14 +264,14 @@ std::string readThreadName(unsigned int threadId) {
             return *std::move(name);
         }
     }
-    if (found && found->ownProcess) {
-        Bucket& bucket = bucketOf(threadId);
-        const std::lock_guard lock(bucket.mutex);
-        if (const NameRecord* const record = find(bucket, threadId)) {
-            return record->current.whole;
-        }
+    // The kernel's files may be out of reach (no descriptor is free) while the kept name is not.
+    if (auto name = keptName(threadId)) {
+        return *std::move(name);
     }
-    return found ? textOf(found->name) : std::string();
+    // In the last moment of a thread the kernel still has its file, and no name of its own counts.
+    const bool isNobodys = found && found->ownProcess &&
+                           (nobodyGave(found->name) || stateOfOwnTask(threadId) != TaskState::Live);
+    return found && !isNobodys ? textOf(found->name) : std::string();
 }
 
 }  // namespace ThreadUtilities::platform

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/thread_stacks.h"
 
 #include <pthread.h>
@@ -147,6 +150,10 @@ bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept {
         }
     }
     return false;
+}
+
+ReadableRange ownEnteredStack() noexcept {
+    return ownRange != 0 ? unpack(ownRange) : ReadableRange{};
 }
 
 void rememberOwnStack() noexcept {

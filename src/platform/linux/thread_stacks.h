@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Where the stacks of this process's threads lie, for readers that may not wait or allocate.
@@ -6,14 +9,18 @@
 
 namespace ThreadUtilities::platform {
 
-/// The stack of thread `threadId` in whole pages: every byte of it can be read for as long as the
-/// thread lives. False when it is not known, which says nothing about the thread.
+/// The stack of thread `threadId` in whole pages: memory that nobody else takes away for as long as
+/// the thread lives, though the thread may have protected parts of it. False when it is not known,
+/// which says nothing about the thread.
 ///
 /// The answer holds for as long as the caller knows the thread to be alive: it stands still, is
 /// seen to be blocked, or is the caller itself.
 ///
 /// Context: anywhere, a signal handler included; no allocation, no lock, no `thread_local`.
 bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept;
+
+/// What the calling thread was entered with; empty when it was not. No lock, no allocation.
+ReadableRange ownEnteredStack() noexcept;
 
 /// Enters the calling thread, which is not the process's first. A thread that cannot be entered
 /// stays unknown.

@@ -1,24 +1,35 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
-// Why a thread does not answer.
+// What the kernel tells of a thread of this process, in one reading.
+
+#include <cstdint>
 
 namespace ThreadUtilities::platform {
 
-enum class Answerability {
-    CanAnswer,        ///< runs, or will as soon as a processor is free
-    BlocksSignal,     ///< has the capture signal blocked
-    Uninterruptible,  ///< waits for a device or is stopped; no signal reaches it before that ends
-    Gone,             ///< ended
-    Unknown,          ///< cannot be told
-};
-
 struct ThreadStatus {
-    Answerability answerability = Answerability::Unknown;
-    bool signalIsPending = false;
-    bool signalIsBlocked = false;  ///< as in a signal handler that has just begun
-    bool sleeps = false;           ///< waits in the kernel, interruptibly
+    enum class Reading {
+        Known,
+        Gone,     ///< there is no such thread in this process
+        Unknown,  ///< `/proc` is missing, or counts threads in other numbers than this process
+    };
+    Reading reading = Reading::Unknown;
+    char state = '?';       ///< the letter that proc(5) has: R S D T t Z X I
+    bool isTraced = false;  ///< by a debugger
+    /// Seccomp, strict or by a filter that the calling thread does not have.
+    bool hasSystemCallFilter = false;
+    std::uint64_t pendingSignals = 0;  ///< sent to the thread itself; bit n-1 stands for signal n
+    std::uint64_t blockedSignals = 0;
 };
 
+/// Keeps no file open, takes no lock, allocates nothing.
 ThreadStatus readThreadStatus(unsigned int threadId) noexcept;
+
+/// Whether bit n-1 of `signals` is set for signal n.
+constexpr bool containsSignal(std::uint64_t signals, int signal) {
+    return (signals >> (signal - 1) & 1) != 0;
+}
 
 }  // namespace ThreadUtilities::platform

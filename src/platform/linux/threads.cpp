@@ -1,14 +1,18 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/threads.h"
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <utility>
 
 #include "platform/current.h"
 #include "platform/linux/list_coverage.h"
 #include "platform/linux/proc_file.h"
 #include "platform/linux/task_folder.h"
-#include "platform/linux/thread_ends.h"
+#include "platform/linux/thread_records.h"
 #include "platform/process_copy.h"
 
 namespace ThreadUtilities::platform {
@@ -68,14 +72,37 @@ std::vector<unsigned int> threadsOfOtherProcess(unsigned int processId) {
     });
 }
 
+// No descriptor is free, or there is no /proc. Those that are known can be asked for one by one.
+// The kernel's count needs no descriptor; it says whether others are to be looked for, and they are
+// likely to be found a little above the process's own id, because ids are handed out upward, or
+// among the lowest, where that starts again after the highest.
+std::vector<unsigned int> threadsFoundWithoutListing(std::vector<unsigned int> known) {
+    constexpr unsigned int MostTries = 1 << 15;
+    const unsigned int process = currentProcessId();
+    const unsigned int self = currentThreadId();
+    std::erase_if(known, [process](unsigned int id) { return !hasTask(process, id); });
+    if (std::find(known.begin(), known.end(), self) == known.end()) {
+        known.push_back(self);
+    }
+    const std::size_t count = countTasks(OwnTaskFolder);
+    for (const unsigned int first : {process, 1U}) {
+        for (unsigned int id = first; id < first + MostTries && known.size() < count; ++id) {
+            if (hasTask(process, id) && std::find(known.begin(), known.end(), id) == known.end()) {
+                known.push_back(id);
+            }
+        }
+    }
+    return known;
+}
+
 }  // namespace
 
 void relyOnNotices() noexcept {
-    everyEndIsAnnounced = countTasks(OwnTaskFolder) == 1;
+    everyEndIsAnnounced = countTasks(OwnTaskFolder) == 1 && countLiveRecords() == 1;
 }
 
 std::vector<unsigned int> enumerateThreadsFromSystemInformation(unsigned int processId) {
-    return processId == currentProcessId() ? liveThreads() : threadsOfOtherProcess(processId);
+    return processId == currentProcessId() ? liveThreads({}) : threadsOfOtherProcess(processId);
 }
 
 // Only processes stand in the folder of all, each under the id of its first thread.
@@ -87,21 +114,27 @@ std::vector<unsigned int> enumerateThreadsFromSnapshot(unsigned int processId) {
     return processes;
 }
 
-// All listed threads are there, because each would announce its end. Where the kernel counts as
-// many tasks as are listed, there are no others.
+// First counted, then looked at: each listed thread was announced before, and one that is still
+// there at the look was there at the count. Where the kernel counted as many, there were no others.
+// An end that the look finds is told, which changes the list and makes the comparison worthless.
 bool noticesCover(std::size_t listed) noexcept {
-    return everyEndIsAnnounced &&
-           countTasks(OwnTaskFolder) == listed + (firstThreadHasEnded() ? 1 : 0);
+    if (!everyEndIsAnnounced) {
+        return false;
+    }
+    const std::size_t counted = countTasks(OwnTaskFolder);
+    const std::optional<std::size_t> live = countLiveRecords();
+    return live == listed && counted == listed + (firstThreadHasEnded() ? 1 : 0);
 }
 
-std::vector<unsigned int> liveThreads() {
+std::vector<unsigned int> liveThreads(const std::vector<unsigned int>& known) {
+    const unsigned int self = currentThreadId();
     std::vector<unsigned int> threads = listThreads(OwnTaskFolder, stateOfOwnTask);
     // A /proc that was mounted for other processes than those that this one can see counts in
     // other numbers.
-    if (std::find(threads.begin(), threads.end(), currentThreadId()) == threads.end()) {
-        threads.clear();
+    if (std::find(threads.begin(), threads.end(), self) != threads.end()) {
+        return threads;
     }
-    return threads;
+    return threadsFoundWithoutListing(known);
 }
 
 }  // namespace ThreadUtilities::platform

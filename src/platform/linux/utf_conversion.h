@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // UTF-8 and UTF-16 with the replacement rule of platform/text.h. Plain logic without the system,

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/clock.h"
 
 #include <thread>
@@ -6,14 +9,6 @@ namespace ThreadUtilities::platform {
 
 std::chrono::steady_clock::time_point steadyNow() noexcept {
     return std::chrono::steady_clock::now();
-}
-
-void sleepFor(std::chrono::milliseconds duration) {
-    std::this_thread::sleep_for(duration);
-}
-
-void yieldProcessor() noexcept {
-    std::this_thread::yield();
 }
 
 unsigned int hardwareThreads() noexcept {

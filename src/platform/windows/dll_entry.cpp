@@ -1,9 +1,11 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // The entry point of the DLL: the loader's notices, handed on.
 
 #include <windows.h>
 
-#include "platform/notices.h"
-#include "platform/windows/hand_on.h"
+#include "platform/windows/entry.h"
 
 // The loader calls this under its lock, on the thread that the notice concerns, one notice at a
 // time; the library's static objects are ready before the first. It reports success whatever the
@@ -12,16 +14,25 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD notice, LPVOID) {
     using namespace ThreadUtilities::platform;
     switch (notice) {
         case DLL_PROCESS_ATTACH:
-            handOn(onProcessAttach);
+            attachProcess();
             break;
         case DLL_THREAD_ATTACH:
-            handOn(onThreadAttach);
+            attachThread();
             break;
         case DLL_THREAD_DETACH:
-            handOn(onThreadDetach);
+            detachThread();
             break;
         default:
             break;
     }
     return TRUE;
 }
+
+namespace ThreadUtilities::platform {
+
+// No code of the DLL runs before its entry point.
+bool noticesArrive() noexcept {
+    return true;
+}
+
+}  // namespace ThreadUtilities::platform

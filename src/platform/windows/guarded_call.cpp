@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/windows/guarded_call.h"
 
 // Neither compiler that builds this has a guard to rely on: one has no __try at all, the other's

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/windows/process_records.h"
 
 #include <memory>
@@ -37,7 +40,7 @@ std::vector<unsigned int> threadIds(ByteCursor processRecord, std::uint32_t coun
 /// The bytes of an answer, or nothing; freed before the next, larger ones are asked for.
 struct Answer {
     explicit Answer(std::uint32_t length)
-        : bytes(new (std::nothrow) std::uint8_t[length]), size(length) {}
+        : bytes(new(std::nothrow) std::uint8_t[length]), size(length) {}
 
     std::unique_ptr<std::uint8_t[]> bytes;
     std::uint32_t size;

@@ -1,35 +1,37 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // The same notices for a program that contains the library instead of loading it. A program has no
 // entry point for threads; its table of per-thread callbacks does what a DLL's entry point does.
 
 #include <windows.h>
 
-#include "platform/notices.h"
-#include "platform/windows/hand_on.h"
+#include "platform/windows/entry.h"
 
 namespace {
 
 using namespace ThreadUtilities::platform;
 
 // The loader runs the callbacks for the process before any static object of the program exists, so
-// the first notice comes from a static object instead. The last priority: behind those objects of
-// the library that need a constructor here, mutexes for example.
+// the first notice comes from a static object instead: behind the objects of the library that need
+// a constructor here, mutexes for example, and before those of the program, which may call it.
 struct ProcessAttach {
     ProcessAttach() {
-        handOn(onProcessAttach);
+        attachProcess();
         isAttached = true;
     }
     static constinit inline bool isAttached = false;
 };
-const ProcessAttach processAttach;
+[[gnu::init_priority(103)]] const ProcessAttach processAttach;
 
 void NTAPI onNotice(PVOID, DWORD notice, PVOID) {
     if (!ProcessAttach::isAttached) {
         return;
     }
     if (notice == DLL_THREAD_ATTACH) {
-        handOn(onThreadAttach);
+        attachThread();
     } else if (notice == DLL_THREAD_DETACH) {
-        handOn(onThreadDetach);
+        detachThread();
     }
 }
 
@@ -40,3 +42,11 @@ void NTAPI onNotice(PVOID, DWORD notice, PVOID) {
 extern "C" {
 __attribute__((section(".CRT$XLY"), used)) PIMAGE_TLS_CALLBACK threadUtilitiesNotice = onNotice;
 }
+
+namespace ThreadUtilities::platform {
+
+bool noticesArrive() noexcept {
+    return ProcessAttach::isAttached;
+}
+
+}  // namespace ThreadUtilities::platform

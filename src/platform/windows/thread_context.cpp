@@ -1,9 +1,14 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/thread_context.h"
 
 #include <windows.h>
 
+#include <algorithm>
 #include <chrono>
 
+#include "platform/debugger.h"
 #include "platform/windows/handle.h"
 #include "platform/windows/visit_order.h"
 
@@ -29,9 +34,9 @@ constinit Order order;
 // A visit lasts microseconds. A visitor that goes on for this long is itself held by something.
 constexpr std::chrono::seconds patience{1};
 
-bool beginVisit(Order::Visit& visit, unsigned int target) noexcept {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (!visit.tryBegin(target)) {
+bool beginVisit(Order::Visit& visit, const VisitRequest& request) noexcept {
+    const auto deadline = std::min(request.deadline, std::chrono::steady_clock::now() + patience);
+    while (!visit.tryBegin(request.threadId)) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
         }
@@ -84,47 +89,52 @@ Registers registersOf(const CONTEXT& context) noexcept {
     return registers;
 }
 
-VisitResult readAndShow(HANDLE thread, bool standsStill, ContextVisitor visitor,
-                        void* state) noexcept {
+// The visitor runs on the calling thread, so the caller's own room will do.
+Visit readAndShow(HANDLE thread, bool standsStill, ContextVisitor visitor,
+                  std::span<unsigned long long> frames) noexcept {
     CONTEXT context{};
     context.ContextFlags = CONTEXT_FULL;
     if (GetThreadContext(thread, &context) == 0) {
-        return VisitResult::NoSuchThread;
+        return {VisitResult::NoSuchThread};
     }
-    // All registers are known, so the visitor's answer can only be that it has enough. The bounds
-    // of the thread's stack are not asked for: its walk runs under a guard.
+    // All registers are known and there is no more room, so the visitor's answer is that it has
+    // enough. The bounds of the thread's stack are not asked for: its walk runs under a guard.
     ThreadContext seen;
     seen.registers = registersOf(context);
     seen.standsStill = standsStill;
-    visitor(seen, state);
-    return VisitResult::Visited;
+    VisitRoom room{frames.data(), frames.size()};
+    visitor(seen, room);
+    return {VisitResult::Visited, room.frameCount};
 }
 
-VisitResult stopAndShow(HANDLE thread, unsigned int threadId, ContextVisitor visitor,
-                        void* state) noexcept {
+Visit stopAndShow(HANDLE thread, const VisitRequest& request,
+                  std::span<unsigned long long> frames) noexcept {
     Order::Visit visit(order, GetCurrentThreadId());
-    if (!beginVisit(visit, threadId)) {
-        return VisitResult::NotAnswering;
+    if (!beginVisit(visit, request)) {
+        return {};
     }
     // Declared behind the visit, so that the thread runs again before the visit ends. A suspension
     // that failed does not end the visit: a thread that others suspended as often as the system
     // counts stands still all the same, and one that has ended has no context.
     const Suspension suspension(thread);
-    return readAndShow(thread, suspension.isInForce(), visitor, state);
+    return readAndShow(thread, suspension.isInForce(), request.visitor, frames);
 }
 
 }  // namespace
 
-VisitResult visitThreadContext(unsigned int threadId, bool suspend, ContextVisitor visitor,
-                               void* state) noexcept {
-    const Handle thread(OpenThread(THREAD_ALL_ACCESS, FALSE, threadId));
+Visit visitThreadContext(const VisitRequest& request,
+                         std::span<unsigned long long> frames) noexcept {
+    if (isDebuggerAttached()) {
+        return {};
+    }
+    const Handle thread(OpenThread(THREAD_ALL_ACCESS, FALSE, request.threadId));
     // A thread of another process could be stopped as well, but nothing true could be said of it:
     // its addresses mean something else here.
     if (!thread || GetProcessIdOfThread(thread.get()) != GetCurrentProcessId()) {
-        return VisitResult::NoSuchThread;
+        return {VisitResult::NoSuchThread};
     }
-    return suspend ? stopAndShow(thread.get(), threadId, visitor, state)
-                   : readAndShow(thread.get(), false, visitor, state);
+    return request.suspend ? stopAndShow(thread.get(), request, frames)
+                           : readAndShow(thread.get(), false, request.visitor, frames);
 }
 
 }  // namespace ThreadUtilities::platform

@@ -1,66 +1,59 @@
-#include "platform/thread_exit.h"
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
 
-#include <pthread.h>
+#include "platform/windows/thread_exit.h"
+
 #include <windows.h>
 
 #include <array>
 #include <atomic>
 #include <cstddef>
 
-// The compiler keeps `thread_local` variables in blocks that hang on a key of its thread library
-// (GCC's emulated TLS over winpthreads), and releases them when the keys of an ending thread are
-// worked off: in the order in which the keys were made, over and over as long as a value was set
-// meanwhile. An object with a destructor would be worked off behind them and find freed memory; so
-// would everything at the loader's notice of the thread's end. A key made before theirs is worked
-// off while the variables still stand.
+#include "platform/thread_exit.h"
+#include "platform/thread_pointer.h"
+#include "platform/windows/entry.h"
+
+// Everything here is in slots of the system, which can be read and written as long as the thread
+// runs. The compiler's `thread_local` variables cannot: GCC keeps them in blocks that hang on a key
+// of its thread library, and the keys of a thread that the library started are worked off before
+// the loader's notice of its end. There a variable would read as never set, and its new block be
+// lost.
 //
-// The DLL has a copy of the thread library in it, and so keys of its own, which are worked off at
-// the notice; the keys of a program that starts a thread are worked off before, so that destructors
-// there still find what the calls release. In either place the lock of the keys is held for reading
-// during a call, therefore a call makes no key: it uses no variable that the library has not used
-// before.
+// The keys of other threads are worked off at the notice, which modules get in the reverse order of
+// their loading. Destructors of `thread_local` objects may so run behind the calls that are made
+// here. Nothing would release what they begin, therefore they get the answer that they are too
+// late.
 
 namespace ThreadUtilities::platform {
 namespace {
 
 using ExitFunction = void (*)() noexcept;
 
-/// The exit calls there are; the key's value is a bit for each that the thread asked for.
+/// The exit calls there are; a thread's requests are a bit for each that it asked for.
 constinit std::array<std::atomic<ExitFunction>, 16> functions{};
 constinit std::atomic<std::size_t> functionCount = 0;
+constexpr std::uintptr_t callsWereMade = std::uintptr_t{1} << functions.size();
 
-/// A value that is set in the last round is never released. Every call that was made stands for a
-/// round that went by.
-constexpr std::uintptr_t mostCalls = PTHREAD_DESTRUCTOR_ITERATIONS - 1;
+struct Slots {
+    Slots() noexcept : requests(TlsAlloc()), pointer(TlsAlloc()) {}
+    bool areThere() const noexcept {
+        return requests != TLS_OUT_OF_INDEXES && pointer != TLS_OUT_OF_INDEXES;
+    }
 
-void callRequested(void* requested) noexcept;
-
-struct Keys {
-    // The count of calls is in a slot of the system, because it outlasts the variables.
-    Keys() noexcept
-        : areMade(pthread_key_create(&requests, [](void* value) { callRequested(value); }) == 0),
-          callsMade(TlsAlloc()) {}
-
-    pthread_key_t requests = 0;
-    bool areMade;
-    DWORD callsMade;
+    DWORD requests;
+    DWORD pointer;
 };
 
-// The first static object of all: before any that could touch a `thread_local` variable.
-__attribute__((init_priority(101))) Keys keys;
+// Before the static objects of a program that contains the library; never given back, because the
+// library stays loaded.
+[[gnu::init_priority(101)]] const Slots slots;
 
-std::uintptr_t callsMade() noexcept {
-    return reinterpret_cast<std::uintptr_t>(TlsGetValue(keys.callsMade));
+std::uintptr_t requestsOfThread() noexcept {
+    return reinterpret_cast<std::uintptr_t>(TlsGetValue(slots.requests));
 }
 
-void callRequested(void* requested) noexcept {
-    TlsSetValue(keys.callsMade, reinterpret_cast<void*>(callsMade() + 1));
-    const auto bits = reinterpret_cast<std::uintptr_t>(requested);
-    for (std::size_t index = 0; index < functions.size(); ++index) {
-        if ((bits >> index & 1) != 0) {
-            functions[index].load()();
-        }
-    }
+bool setRequestsOfThread(std::uintptr_t requests) noexcept {
+    return TlsSetValue(slots.requests, reinterpret_cast<void*>(requests)) != 0;
 }
 
 }  // namespace
@@ -74,13 +67,38 @@ ThreadExitCall::ThreadExitCall(void (*exitFunction)() noexcept) noexcept : funct
 }
 
 bool ThreadExitCall::request() noexcept {
-    if (systemKey < 0 || !keys.areMade || keys.callsMade == TLS_OUT_OF_INDEXES ||
-        callsMade() >= mostCalls) {
+    if (systemKey < 0 || !slots.areThere() || !noticesArrive()) {
         return false;
     }
-    const auto requested = reinterpret_cast<std::uintptr_t>(pthread_getspecific(keys.requests)) |
-                           std::uintptr_t{1} << systemKey;
-    return pthread_setspecific(keys.requests, reinterpret_cast<void*>(requested)) == 0;
+    const std::uintptr_t requests = requestsOfThread();
+    return (requests & callsWereMade) == 0 &&
+           setRequestsOfThread(requests | std::uintptr_t{1} << systemKey);
+}
+
+// The mark is set first: a function may run foreign code that asks again.
+void callAtThreadExit() noexcept {
+    if (!slots.areThere()) {
+        return;
+    }
+    const std::uintptr_t requests = requestsOfThread();
+    setRequestsOfThread(callsWereMade);
+    for (std::size_t index = 0; index < functions.size(); ++index) {
+        if ((requests >> index & 1) != 0) {
+            functions[index].load()();
+        }
+    }
+}
+
+// The system's success at reading a slot takes the place of the caller's last error.
+void* threadPointer() noexcept {
+    const DWORD lastError = GetLastError();
+    void* const pointer = TlsGetValue(slots.pointer);
+    SetLastError(lastError);
+    return pointer;
+}
+
+void setThreadPointer(void* pointer) noexcept {
+    TlsSetValue(slots.pointer, pointer);
 }
 
 }  // namespace ThreadUtilities::platform

@@ -1,9 +1,13 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/threads.h"
 
 #include <windows.h>
 
 #include <tlhelp32.h>
 
+#include "platform/windows/entry.h"
 #include "platform/windows/handle.h"
 #include "platform/windows/process_records.h"
 #include "platform/windows/system_information.h"
@@ -39,10 +43,10 @@ std::vector<unsigned int> enumerateThreadsFromSnapshot(unsigned int processId) {
 
 // The loader announces every thread that starts and ends, whoever made it.
 bool noticesCover(std::size_t) noexcept {
-    return true;
+    return noticesArrive();
 }
 
-std::vector<unsigned int> liveThreads() {
+std::vector<unsigned int> liveThreads(const std::vector<unsigned int>&) {
     return enumerateThreadsFromSystemInformation(GetCurrentProcessId());
 }
 

@@ -1,10 +1,16 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include <cstdint>
 #include <utility>
 #include "platform/code_modules.h"
 #include "platform/thread_context.h"
+#include "stack/cfi/call_site.h"
 #include "stack/cfi/compiled_rule.h"
+#include "stack/cfi/frame_pointer_recovery.h"
+#include "stack/cfi/known_crossings.h"
 #include "stack/cfi/register_file.h"
 #include "stack/cfi/rule_cache.h"
 #include "stack/cfi/table_reader.h"
@@ -17,13 +23,19 @@ namespace ThreadUtilities::cfi {
 /// What a walk knows beyond its position.
 struct WalkMemory {
     WalkMemory(const platform::Registers& startRegisters, std::uint32_t knownAtStart,
-               TableCopies* tableCopies) noexcept
-        : start(startRegisters), knownRegisters(knownAtStart), copies(tableCopies) {}
+               bool systemMayBeCalled, TableCopies* tableCopies) noexcept
+        : start(startRegisters),
+          knownRegisters(knownAtStart),
+          mayCallSystem(systemMayBeCalled),
+          copies(tableCopies) {}
 
     const platform::Registers& start;
     const std::uint32_t knownRegisters;  ///< of `start`
-    /// Given where the thread is not held and may unload the modules that it was in.
+    const bool mayCallSystem;
+    /// Given where modules may be unloaded that the walk finds: the thread is not held, or the walk
+    /// went on from a guess.
     TableCopies* const copies;
+    bool lacksCopies = false;  ///< for the guess that would lead on
 
     platform::CodeModule module;  ///< of the frame before, most likely of this one too
     /// The registers of the frame whose stack pointer is `registersBelong`, for steps by tables.
@@ -39,8 +51,8 @@ struct WalkMemory {
 /// The unwinder that `walkStack` drives.
 ///
 /// Most steps are made by a cached rule, found where the frame before predicted it, and change
-/// nothing but the position: `step` makes these, and leaves all others to `stepSlowly`. Nothing
-/// takes the address of this object, therefore a walk keeps the position in processor registers.
+/// nothing but the position: `stepAhead` makes these in a loop that keeps the position in processor
+/// registers, and `step` all others.
 class CfiUnwinder {
  public:
     enum class Keeps {
@@ -48,14 +60,15 @@ class CfiUnwinder {
         AllRegisters,  ///< every step goes by the tables
     };
 
-    /// `stack` is known to be readable, `stackShift` away from its addresses.
-    CfiUnwinder(RuleCache& ruleCache, Keeps keeps, platform::ReadableRange stack,
-                std::uint64_t shift, WalkMemory& walkMemory) noexcept
+    /// The stack's words stand `shift` away from their addresses.
+    CfiUnwinder(RuleCache& ruleCache, Keeps keeps, StackWords& stackWords, std::uint64_t shift,
+                KnownCrossings& knownCrossings, WalkMemory& walkMemory) noexcept
         : cache(ruleCache),
+          crossings(knownCrossings),
           memory(walkMemory),
           usesCache(keeps == Keeps::FramePointer),
           permanentIdentity(orNone(platform::permanentIdentity())),
-          stackEnd(stack.end),
+          readableEnd(stackWords.readableEnd()),
           stackShift(shift) {
         at.instructionPointer = memory.start[platform::Rip];
         at.stackPointer = memory.start[platform::Rsp];
@@ -76,33 +89,71 @@ class CfiUnwinder {
         at.predicted = cache.latest(at.instructionPointer - 1);
     }
 
-    /// Only from where the walk starts.
-    void returnTo(std::uint64_t address, std::uint64_t stackPointer) noexcept {
+    /// Only from where the walk starts, in code without tables. Such code need not be a leaf, so
+    /// the word on its stack may be anything; it counts when a module's code calls right before it.
+    /// Because even such a word may be a stale one, nothing promises that the module stays, and all
+    /// the walk finds from there on is read as for a thread that is not held.
+    bool returnTo(std::uint64_t address, std::uint64_t stackPointer) noexcept {
+        if (memory.copies == nullptr || !memory.mayCallSystem) {
+            memory.lacksCopies = memory.mayCallSystem;
+            return false;
+        }
+        if (callSiteAt(address) != CallSite::Behind || !enterModule(memory, address - 1)) {
+            return false;
+        }
         loadStart(memory);
         memory.registersBelong = stackPointer;
         memory.callSize = 1;
         at.instructionPointer = address;
         at.stackPointer = stackPointer;
+        return true;
     }
 
-    StepResult step(StackWords& words) noexcept {
-        Prediction outcome = stepByPredictedRule();
-        if (outcome == Prediction::Made) [[likely]] {
-            return StepResult::Made;
-        }
-        if (outcome == Prediction::Wrong && at.identity != RuleCache::noIdentity) {
-            outcome = stepInOtherModule();
-            if (outcome == Prediction::Made) {
-                return StepResult::Made;
+    /// The steps by predicted rules that need no more of the stack than is known to be readable.
+    /// Where one leads is checked when the next is made: only true return addresses have rules.
+    /// Not inlined: the position of a walk needs all of the processor's registers.
+    [[gnu::noinline]] std::size_t stepAhead(unsigned long long* frames, std::size_t room) noexcept {
+        Position position = at;
+        std::size_t count = 0;
+        for (; count < room; ++count) {
+            const std::uint64_t arrivedAt = position.instructionPointer;
+            if (stepByPredictedRule(cache, readableEnd, stackShift, position) != Prediction::Made) {
+                break;
             }
+            frames[count] = arrivedAt;
+        }
+        at = position;
+        return count;
+    }
+
+    [[gnu::noinline]] StepResult step(StackWords& words) noexcept {
+        Prediction outcome = stepByPredictedRule();
+        if (outcome == Prediction::Beyond) {
+            outcome = stepFarther(words);
+        } else if (outcome == Prediction::Wrong && at.identity != RuleCache::noIdentity) {
+            outcome = stepInOtherModule();
+            if (outcome == Prediction::Beyond) {
+                outcome = stepFarther(words);
+            }
+        }
+        if (outcome == Prediction::Made) {
+            return StepResult::Made;
         }
         if (outcome == Prediction::EndOfStack) {
             return StepResult::EndOfStack;
         }
         Position position = at;
-        const StepResult result = stepSlowly(usesCache ? &cache : nullptr, memory, words, position);
+        const StepResult result = stepSlowly(cache, usesCache, memory, words, position);
         at = position;
+        readableEnd = words.readableEnd();
         return result;
+    }
+
+    bool isReturnedTo() noexcept {
+        CompiledRule rule;
+        RuleCache::Slot next = 0;
+        return cache.find(at.predicted, {at.instructionPointer - 1, at.identity}, rule, next) ||
+               isReturnAddress(cache, memory, at.instructionPointer);
     }
 
  private:
@@ -123,10 +174,18 @@ class CfiUnwinder {
     enum class Prediction {
         Made,        ///< and the step with it
         EndOfStack,  ///< the rule is there and says so
+        Beyond,      ///< the rule is there and needs more of the stack; nothing has changed
         Wrong,       ///< or not to be followed without more checks; nothing has changed
     };
 
     Prediction stepByPredictedRule() noexcept {
+        return stepByPredictedRule(cache, readableEnd, stackShift, at);
+    }
+
+    [[gnu::always_inline]] static Prediction stepByPredictedRule(const RuleCache& cache,
+                                                                 std::uint64_t readableEnd,
+                                                                 std::uint64_t stackShift,
+                                                                 Position& at) noexcept {
         CompiledRule rule;
         RuleCache::Slot next = 0;
         if (!cache.find(at.predicted, {at.instructionPointer - 1, at.identity}, rule, next))
@@ -135,20 +194,23 @@ class CfiUnwinder {
         }
         std::uint64_t base = at.stackPointer;
         if (rule.usesFramePointer()) {
-            if (!rule.hasCaller()) [[unlikely]] {
-                return Prediction::EndOfStack;
+            if (rule.isNone()) [[unlikely]] {
+                return rule.hasCaller() ? Prediction::Wrong : Prediction::EndOfStack;
             }
             base = at.framePointer;
-            if (base < at.stackPointer || base > stackEnd) [[unlikely]] {
+            if (base < at.stackPointer) [[unlikely]] {
                 return Prediction::Wrong;
+            }
+            if (base > readableEnd) [[unlikely]] {
+                return Prediction::Beyond;
             }
         }
         // The stack is readable from the base, which is at or above the stack pointer, to the end;
         // no slot lies below the base; no sum leaves 64 bits, because the end of user memory is far
         // from there.
         const std::uint64_t frameAddress = base + rule.frameAddressOffset();
-        if (frameAddress > stackEnd) [[unlikely]] {
-            return Prediction::Wrong;
+        if (frameAddress > readableEnd) [[unlikely]] {
+            return Prediction::Beyond;
         }
         const std::uint64_t saved =
             StackWords::load(frameAddress - rule.framePointerDistance() + stackShift);
@@ -158,6 +220,47 @@ class CfiUnwinder {
         at.previous = at.predicted;
         at.predicted = next;
         return Prediction::Made;
+    }
+
+    /// Makes the stack readable up to where the predicted rule needs it, if it can: up to the base
+    /// that the rule counts from, or up to the frame address. Returns where it ends then.
+    [[gnu::noinline]] static std::uint64_t reach(const RuleCache& cache, KnownCrossings& crossings,
+                                                 StackWords& words, Position position) noexcept {
+        CompiledRule rule;
+        RuleCache::Slot next = 0;
+        const std::uint64_t from = words.readableEnd();
+        if (!cache.find(position.predicted, {position.instructionPointer - 1, position.identity},
+                        rule, next)) {
+            return from;
+        }
+        const bool byStackPointer = !rule.usesFramePointer();
+        const std::uint64_t base = byStackPointer ? position.stackPointer : position.framePointer;
+        const std::uint64_t needed = base > from ? base : base + rule.frameAddressOffset();
+        const KnownCrossings::Crossing crossing{position.instructionPointer, position.stackPointer,
+                                                from};
+        if (!byStackPointer) {
+            words.extendTo(needed);
+        } else if (const std::uint64_t end = crossings.endAfter(crossing); end >= needed) {
+            words.trustTo(end);
+        } else if (words.extendTo(needed)) {
+            crossings.learn(crossing, words.readableEnd());
+        }
+        return words.readableEnd();
+    }
+
+    // Each extension makes more of the stack readable, so a rule needs no more than two: for a base
+    // that lies beyond, and for the frame address above it.
+    Prediction stepFarther(StackWords& words) noexcept {
+        Prediction outcome = Prediction::Beyond;
+        while (outcome == Prediction::Beyond) {
+            const std::uint64_t end = reach(cache, crossings, words, at);
+            if (end == readableEnd) {
+                break;
+            }
+            readableEnd = end;
+            outcome = stepByPredictedRule();
+        }
+        return outcome;
     }
 
     // The caller may be in another module: in one of those that are never unloaded, which needs no
@@ -182,7 +285,7 @@ class CfiUnwinder {
     }
 
     static bool enterModule(WalkMemory& memory, std::uint64_t address) noexcept {
-        if (!platform::findCodeModule(address, memory.copies == nullptr, memory.module)) {
+        if (!platform::findCodeModule(address, memory.module, memory.mayCallSystem)) {
             memory.module = {};
             return false;
         }
@@ -200,37 +303,125 @@ class CfiUnwinder {
                                             : RuleCache::noIdentity;
     }
 
-    [[gnu::noinline]] static StepResult stepSlowly(RuleCache* cache, WalkMemory& memory,
-                                                   StackWords& words, Position& position) noexcept {
+    static RuleCache::Key keyOf(const WalkMemory& memory, std::uint64_t address) noexcept {
+        // An address at which a thread was interrupted says nothing of the same one as one byte
+        // before a return address.
+        constexpr std::uint64_t interrupted = 0x3C79AC492BA7B653;
+        const std::uint64_t identity = orNone(memory.module.identity);
+        const bool isOther = memory.callSize == 0 && identity != RuleCache::noIdentity;
+        return {address, isOther ? identity + interrupted : identity};
+    }
+
+    static bool isAtStart(const WalkMemory& memory, const Position& position) noexcept {
+        return position.stackPointer == memory.start[platform::Rsp] &&
+               position.instructionPointer == memory.start[platform::Rip];
+    }
+
+    // The return addresses in the cache are true ones: behind a call, or where a signal handler or
+    // a thread's first function is made to return to, as the tables have it. So a walk by cached
+    // rules checks none, and any other checks those that are new to the cache.
+    [[gnu::noinline]] static StepResult stepSlowly(RuleCache& cache, bool usesRules,
+                                                   WalkMemory& memory, StackWords& words,
+                                                   Position& position) noexcept {
+        const Position before = position;
+        const std::uint64_t callSize = memory.callSize;
+        const StepResult result = stepByRuleOrTables(cache, usesRules, memory, words, position);
+        if (result != StepResult::UnknownRegister || !lacksFramePointer(memory)) [[likely]] {
+            return result;
+        }
+        if (callSize == 0 && !isBehindSystemCall(before.instructionPointer)) {
+            return result;  // the function may be about to return, its frame half gone
+        }
+        position = before;
+        memory.callSize = callSize;
+        memory.knowsFramePointer =
+            recoverFramePointer(memory.module, before.instructionPointer - callSize,
+                                before.stackPointer, memory.copies, words, position.framePointer);
+        return memory.knowsFramePointer
+                   ? stepByRuleOrTables(cache, usesRules, memory, words, position)
+                   : result;
+    }
+
+    /// Of a thread that is looked at from outside: no context of a held one lacks it.
+    static bool lacksFramePointer(const WalkMemory& memory) noexcept {
+        return !memory.knowsFramePointer &&
+               (memory.knownRegisters & platform::registerBit(platform::Rbp)) == 0;
+    }
+
+    [[gnu::noinline]] static StepResult stepByRuleOrTables(RuleCache& cache, bool usesRules,
+                                                           WalkMemory& memory, StackWords& words,
+                                                           Position& position) noexcept {
         const std::uint64_t address = position.instructionPointer - memory.callSize;
+        bool isTrue = memory.callSize == 0 || isAtStart(memory, position);
         if (!covers(memory.module, address) && !enterModule(memory, address)) {
-            return StepResult::NoUnwindData;
+            isTrue = isTrue || callSite(memory, position.instructionPointer) == CallSite::Behind;
+            return isTrue ? StepResult::NoUnwindData : StepResult::NotReturnedTo;
         }
-        const RuleCache::Key key{address, orNone(memory.module.identity)};
+        const RuleCache::Key key = keyOf(memory, address);
         const RuleCache::Slot previous = std::exchange(position.previous, noSlot);
+        CompiledRule rule;
+        RuleCache::Slot slot = noSlot;
         StepResult result = StepResult::Made;
-        if (cache == nullptr || key.identity == RuleCache::noIdentity) {
-            CompiledRule unused;
-            result = applyTables(address, memory, words, position, unused);
+        const bool isKnown = key.identity != RuleCache::noIdentity &&
+                             cache.search(key, rule, slot, position.predicted);
+        if (isKnown && usesRules && !rule.needsTables()) {
+            result = applyRule(rule, memory, words, position);
         } else {
-            CompiledRule rule;
-            RuleCache::Slot slot = noSlot;
-            if (cache->search(key, rule, slot, position.predicted)) {
-                result = applyRule(rule, memory, words, position);
-            } else {
-                result = applyTables(address, memory, words, position, rule);
-                slot = rule ? cache->store(key, rule) : noSlot;
+            const CallSite site = isTrue || isKnown ? CallSite::Behind
+                                                    : callSite(memory, position.instructionPointer);
+            result = applyTables(address, memory, words, position, rule);
+            isTrue = site == CallSite::Behind || result == StepResult::EndOfStack ||
+                     (result == StepResult::Made && memory.callSize == 0);
+            if (!isTrue && (site == CallSite::NotBehind || result == StepResult::NoUnwindData)) {
+                return StepResult::NotReturnedTo;
             }
-            if (slot != noSlot && previous != noSlot) {
-                cache->predict(previous, slot);
+            if (!rule && result == StepResult::Made) {
+                rule = CompiledRule::byTables();
             }
-            position.previous = slot;
+            if (!isKnown) {
+                const bool isKept = isTrue && rule && key.identity != RuleCache::noIdentity;
+                slot = isKept ? cache.store(key, rule) : noSlot;
+            }
         }
-        const bool isSteady = cache != nullptr && memory.knowsFramePointer &&
-                              memory.callSize == 1 &&
+        if (usesRules && slot != noSlot && previous != noSlot) {
+            cache.predict(previous, slot);
+        }
+        position.previous = slot;
+        const bool isSteady = usesRules && memory.knowsFramePointer && memory.callSize == 1 &&
                               words.covers(position.stackPointer, position.stackPointer);
-        position.identity = isSteady ? key.identity : RuleCache::noIdentity;
+        position.identity = isSteady ? orNone(memory.module.identity) : RuleCache::noIdentity;
         return result;
+    }
+
+    static CallSite callSite(const WalkMemory& memory, std::uint64_t address) noexcept {
+        return memory.mayCallSystem ? callSiteAt(address) : CallSite::Unreadable;
+    }
+
+    /// The same of an address that no step is made from.
+    [[gnu::noinline]] static bool isReturnAddress(const RuleCache& cache, WalkMemory& memory,
+                                                  std::uint64_t address) noexcept {
+        if (memory.callSize == 0) {
+            return true;
+        }
+        const bool inModule =
+            covers(memory.module, address - 1) || enterModule(memory, address - 1);
+        CompiledRule rule;
+        RuleCache::Slot slot = noSlot;
+        RuleCache::Slot next = noSlot;
+        const RuleCache::Key key = keyOf(memory, address - 1);
+        if (inModule && key.identity != RuleCache::noIdentity &&
+            cache.search(key, rule, slot, next)) {
+            return true;
+        }
+        const CallSite site = callSite(memory, address);
+        if (site == CallSite::Behind || !inModule) {
+            return site == CallSite::Behind;
+        }
+        TableRow found;
+        if (findTableRow(memory.module, address - 1, memory.copies, found) != StepResult::Made) {
+            return false;
+        }
+        return site == CallSite::Unreadable || found.isSignalFrame || found.hasNoCaller();
     }
 
     static StepResult applyRule(CompiledRule rule, WalkMemory& memory, StackWords& words,
@@ -244,9 +435,10 @@ class CfiUnwinder {
         const std::uint64_t base =
             rule.usesFramePointer() ? position.framePointer : position.stackPointer;
         const std::uint64_t frameAddress = base + rule.frameAddressOffset();
+        // Upward, as pages are asked for.
         std::uint64_t saved = 0;
-        if (!words.read(frameAddress - 8, position.instructionPointer) ||
-            !words.read(frameAddress - rule.framePointerDistance(), saved)) {
+        if (!words.read(frameAddress - rule.framePointerDistance(), saved) ||
+            !words.read(frameAddress - 8, position.instructionPointer)) {
             return StepResult::Unreadable;
         }
         if (rule.savesFramePointer()) {
@@ -262,8 +454,7 @@ class CfiUnwinder {
     static StepResult applyTables(std::uint64_t address, WalkMemory& memory, StackWords& words,
                                   Position& position, CompiledRule& rule) noexcept {
         RegisterFile& registers = memory.registers;
-        if (position.stackPointer == memory.start[platform::Rsp] &&
-            position.instructionPointer == memory.start[platform::Rip]) {
+        if (isAtStart(memory, position)) {
             loadStart(memory);
         } else if (memory.registersBelong != position.stackPointer) {
             registers.forgetAll();
@@ -291,10 +482,11 @@ class CfiUnwinder {
     }
 
     RuleCache& cache;
+    KnownCrossings& crossings;
     WalkMemory& memory;
     const bool usesCache;
     const std::uint64_t permanentIdentity;
-    const std::uint64_t stackEnd;
+    std::uint64_t readableEnd;  ///< of the stack, from the stack pointer on
     const std::uint64_t stackShift;
     Position at;
 };

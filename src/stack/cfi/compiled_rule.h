@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include <cstdint>
@@ -16,8 +19,8 @@ namespace ThreadUtilities::cfi {
 ///   bits 3-14    where the frame pointer is saved: words below the frame address. 1, where the
 ///                return address is, when it is not saved: reading it then is harmless. Never
 ///                below what the frame address counts from
-///   bits 15-31   frame address minus its base, in words. All ones, and bit 0 set with them, when
-///                there is no caller
+///   bits 15-31   frame address minus its base, in words. All ones, and bit 0 set with them, for
+///                the two rules that are none: there is no caller, or only the tables tell
 ///
 /// No rule is 0.
 class CompiledRule {
@@ -26,6 +29,8 @@ class CompiledRule {
     static constexpr CompiledRule fromBits(std::uint32_t bits) noexcept {
         return CompiledRule(bits);
     }
+    /// For rows of another shape: that the address was found to be a true one.
+    static constexpr CompiledRule byTables() noexcept { return CompiledRule(onlyTablesTell); }
 
     /// The compiled form of a row; an empty rule when the row is of another shape.
     static CompiledRule of(const UnwindRow& row, std::uint64_t returnAddressColumn) noexcept {
@@ -61,7 +66,10 @@ class CompiledRule {
     constexpr std::uint32_t toBits() const noexcept { return bits; }
 
     constexpr bool hasCaller() const noexcept { return bits != noCaller; }
-    /// Of a rule without a caller too.
+    constexpr bool needsTables() const noexcept { return bits == onlyTablesTell; }
+    /// Whether it is no rule to follow: without a caller, or in need of the tables.
+    constexpr bool isNone() const noexcept { return bits >> offsetShift == noOffset; }
+    /// Of those too.
     constexpr bool usesFramePointer() const noexcept { return (bits & basedOnFramePointer) != 0; }
     constexpr bool savesFramePointer() const noexcept { return (bits & savesFrame) != 0; }
     /// Bytes from the slot of the saved frame pointer up to the frame address.
@@ -78,8 +86,11 @@ class CompiledRule {
     static constexpr std::int64_t maxDistance = ((1 << 12) - 1) * wordSize;
     static constexpr unsigned offsetShift = 15;
     static constexpr std::int64_t maxOffset = ((1 << 17) - 2) * wordSize;
+    static constexpr std::uint32_t noOffset = (1 << 17) - 1;
     static constexpr std::uint32_t noCaller =
-        ~std::uint32_t{0} << offsetShift | basedOnFramePointer | wordSize;
+        noOffset << offsetShift | basedOnFramePointer | wordSize;
+    static constexpr std::uint32_t onlyTablesTell =
+        noOffset << offsetShift | basedOnFramePointer | 2 * wordSize;
 
     constexpr explicit CompiledRule(std::uint32_t ruleBits) noexcept : bits(ruleBits) {}
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Operation codes of call frame programs and expressions (DWARF 5, sections 7.24 and 7.7.1).

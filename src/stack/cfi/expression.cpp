@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "stack/cfi/expression.h"
 
 #include "stack/cfi/dwarf.h"
@@ -111,7 +114,7 @@ class Evaluation {
         const auto signedRight = static_cast<std::int64_t>(right);
         const auto signedLeft = static_cast<std::int64_t>(left);
         switch (operation) {
-            // clang-format off
+                // clang-format off
             case Op::And:   return push(left & right);
             case Op::Or:    return push(left | right);
             case Op::Xor:   return push(left ^ right);
@@ -162,7 +165,7 @@ class Evaluation {
             return pushRegister(code - std::uint8_t(Op::Breg0), bytes.sleb128());
         }
         switch (const Op operation{code}) {
-            // clang-format off
+                // clang-format off
             case Op::Addr:
             case Op::Const8u:
             case Op::Const8s:    return push(bytes.read<std::uint64_t>());

@@ -1,14 +1,15 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "stack/cfi/frame_description.h"
 
 #include <optional>
 
 #include "stack/cfi/encoded_pointer.h"
+#include "stack/cfi/scanned_tables.h"
 
 namespace ThreadUtilities::cfi {
 namespace {
-
-/// A table without an index is searched entry by entry, on a thread that stands still.
-constexpr unsigned maxScannedEntries = 1 << 16;
 
 /// From here on the length field would be the 64-bit form, which no unwind table uses.
 constexpr std::uint32_t firstReservedLength = 0xFFFFFFF0;
@@ -151,10 +152,20 @@ bool covers(const FrameDescription& description, std::uint64_t address) noexcept
     return description.codeBegin <= address && address < description.codeEnd;
 }
 
+/// The entry at `entry`, if it covers the address.
+bool isEntryOf(const TableReader& reader, std::uint64_t entry, std::uint64_t address,
+               FrameDescription& description) noexcept {
+    return entry != 0 && parseFrameDescription(reader, entry, description) &&
+           covers(description, address);
+}
+
+}  // namespace
+
 LookupResult scanEntries(const TableReader& reader, std::uint64_t frames, std::uint64_t address,
-                         FrameDescription& description) noexcept {
+                         unsigned mostEntries, FrameDescription& description,
+                         std::uint64_t& found) noexcept {
     std::uint64_t entry = frames;
-    for (unsigned scanned = 0; scanned < maxScannedEntries; ++scanned) {
+    for (unsigned scanned = 0; scanned < mostEntries; ++scanned) {
         TableReader::Piece piece = reader.description(entry);
         ByteCursor body = takeEntry(piece.bytes);
         if (!piece.bytes.ok()) {
@@ -165,16 +176,14 @@ LookupResult scanEntries(const TableReader& reader, std::uint64_t frames, std::u
         }
         const std::uint64_t next = piece.address();
         const bool isCommonPart = body.read<std::uint32_t>() == 0;
-        if (!isCommonPart && parseFrameDescription(reader, entry, description) &&
-            covers(description, address)) {
+        if (!isCommonPart && isEntryOf(reader, entry, address, description)) {
+            found = entry;
             return LookupResult::Found;
         }
         entry = next;
     }
-    return LookupResult::NotCovered;
+    return LookupResult::LongSearch;
 }
-
-}  // namespace
 
 std::uint64_t framesOfHeader(const TableReader& reader, std::uint64_t header) noexcept {
     TableReader::Piece piece = reader.index(header);
@@ -190,10 +199,22 @@ LookupResult findFrameDescription(const TableReader& reader, std::uint64_t heade
                                   std::uint64_t frames, std::uint64_t address,
                                   FrameDescription& description) noexcept {
     const Index index = indexOfHeader(reader, header);
-    if (index.count == 0) {
-        return scanEntries(reader, frames, address, description);
-    }
     std::uint64_t entry = 0;
+    if (index.count == 0) {
+        const std::uint64_t scanned = scannedEntry(address);
+        if (scanned == noEntry) {
+            return LookupResult::NotCovered;
+        }
+        if (isEntryOf(reader, scanned, address, description)) {
+            return LookupResult::Found;
+        }
+        const LookupResult result =
+            scanEntries(reader, frames, address, mostEntriesWhileHeld, description, entry);
+        if (result == LookupResult::LongSearch) {
+            wantScan(frames, address);
+        }
+        return result;
+    }
     if (!searchIndex(reader, header, index, address, entry)) {
         return LookupResult::Malformed;
     }

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Parsing `.eh_frame` and `.eh_frame_hdr` (Linux Standard Base Core 5.0, chapter 10.6).
@@ -25,14 +28,30 @@ struct FrameDescription {
     const std::uint8_t* tableEnd = nullptr;  ///< end of the bytes that expressions may lie in
 };
 
-enum class LookupResult { Found, NotCovered, Malformed };
+enum class LookupResult {
+    Found,
+    NotCovered,
+    Malformed,
+    LongSearch,  ///< not among the first entries of a table without an index
+};
+
+/// Entries that are looked at one by one while a thread stands still, some microseconds, and
+/// outside.
+inline constexpr unsigned mostEntriesWhileHeld = 128;
+inline constexpr unsigned maxScannedEntries = 1 << 16;
 
 /// The address of `.eh_frame` that the index header at `header` names; 0 when it is malformed.
 std::uint64_t framesOfHeader(const TableReader& reader, std::uint64_t header) noexcept;
 
-/// Finds the FDE that covers `address`: by the sorted index where the header has one, else entry
-/// by entry from `frames` on. The true end of `.eh_frame` is not recorded anywhere: a terminator or
+/// Looks at up to `mostEntries` entries from `frames` on for the FDE that covers `address`, which
+/// stands at `found`. The true end of `.eh_frame` is not recorded anywhere: a terminator or
 /// the end of what can be read ends it.
+LookupResult scanEntries(const TableReader& reader, std::uint64_t frames, std::uint64_t address,
+                         unsigned mostEntries, FrameDescription& description,
+                         std::uint64_t& found) noexcept;
+
+/// Finds the FDE that covers `address`: by the sorted index where the header has one, else among
+/// the first entries, or by what a longer search outside has found.
 LookupResult findFrameDescription(const TableReader& reader, std::uint64_t header,
                                   std::uint64_t frames, std::uint64_t address,
                                   FrameDescription& description) noexcept;

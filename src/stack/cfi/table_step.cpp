@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "stack/cfi/table_step.h"
 
 #include "stack/cfi/apply_row.h"
@@ -30,6 +33,8 @@ StepResult findDescription(const platform::CodeModule& module, std::uint64_t add
             return StepResult::Made;
         case LookupResult::NotCovered:
             return StepResult::NoUnwindData;
+        case LookupResult::LongSearch:
+            return StepResult::LongSearch;
         case LookupResult::Malformed:
             break;
     }
@@ -54,6 +59,16 @@ StepResult findDescription(const platform::CodeModule& module, std::uint64_t add
     found.tableEnd = description.tableEnd;
     found.isSignalFrame = description.isSignalFrame;
     return StepResult::Made;
+}
+
+bool findFunction(const platform::CodeModule& module, std::uint64_t address, TableCopies* copies,
+                  std::uint64_t& begin) noexcept {
+    FrameDescription description;
+    if (findDescription(module, address, copies, description) != StepResult::Made) {
+        return false;
+    }
+    begin = description.codeBegin;
+    return true;
 }
 
 TableStep stepByTables(const platform::CodeModule& module, std::uint64_t address,

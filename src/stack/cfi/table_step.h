@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include <cstdint>
@@ -17,6 +20,10 @@ struct TableRow {
     std::uint64_t returnAddressColumn = 0;
     const std::uint8_t* tableEnd = nullptr;  ///< bounds the expressions of the row
     bool isSignalFrame = false;
+
+    bool hasNoCaller() const noexcept {
+        return row.registers[returnAddressColumn].kind() == RegisterRule::Kind::Undefined;
+    }
 };
 
 /// What the tables of `module` say of `address`: `Made` when they have a row for it. With `copies`,
@@ -24,6 +31,11 @@ struct TableRow {
 /// Context: target stopped, or signal handler; no allocation, no lock, no log.
 StepResult findTableRow(const platform::CodeModule& module, std::uint64_t address,
                         TableCopies* copies, TableRow& found) noexcept;
+
+/// The first address of the function that covers `address`, as the tables have it.
+/// Context: as `findTableRow`.
+bool findFunction(const platform::CodeModule& module, std::uint64_t address, TableCopies* copies,
+                  std::uint64_t& begin) noexcept;
 
 struct TableStep {
     StepResult result = StepResult::Made;

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "stack/frame_walk.h"
 
 #include "platform/frame_unwinder.h"
@@ -42,9 +45,12 @@ class GuardedUnwinder {
         return runsWithoutFault(unwind) ? result : StepResult::Unreadable;
     }
 
-    void returnTo(std::uint64_t address, std::uint64_t stackPointer) noexcept {
+    // The system's tables leave out none but leaf functions: a guess is right.
+    bool returnTo(std::uint64_t address, std::uint64_t stackPointer) noexcept {
         unwinder.returnTo(address, stackPointer);
+        return true;
     }
+    bool isReturnedTo() const noexcept { return true; }
 
  private:
     platform::FrameUnwinder unwinder;
@@ -54,6 +60,10 @@ class GuardedUnwinder {
 
 // The system's unwinder is part of the system: nothing is left to bind.
 void prepareFrameWalks() noexcept {}
+
+bool searchForWalks() noexcept {
+    return false;
+}
 
 WalkResult walkThread(const platform::ThreadContext& context, unsigned long long* frames,
                       std::size_t maxFrames) noexcept {

@@ -1,7 +1,13 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <thread>
 #include <vector>
 
@@ -53,6 +59,36 @@ TEST(RandomAcrossFork, TheChildDrawsAtOnceAndOtherNumbers) {
     const Numbers own = drawNumbers();
     EXPECT_NE(first, second);
     EXPECT_NE(first, own);
+}
+
+// Filled with one byte, so that it shows how far down it was used.
+constexpr char unused = 0x5A;
+std::array<char, 128 << 10> threadStack;
+
+void* drawAndMeasure(void* used) {
+    char* const frame = static_cast<char*>(__builtin_frame_address(0));
+    std::fill(threadStack.data(), frame - 512, unused);
+    randomInt(0, 1, false);
+    const auto* const lowest = std::find_if(threadStack.begin(), threadStack.end(),
+                                            [](char byte) { return byte != unused; });
+    *static_cast<std::ptrdiff_t*>(used) = frame - lowest;
+    return nullptr;
+}
+
+TEST(Random, SeedsOnLittleStack) {
+    if (ThreadUtilities::underAddressSanitizer || ThreadUtilities::underThreadSanitizer) {
+        GTEST_SKIP() << "instrumented code needs more stack";
+    }
+    EXPECT_TRUE(ThreadUtilities::runInCopy([] {
+                    pthread_attr_t attributes;
+                    pthread_attr_init(&attributes);
+                    pthread_attr_setstack(&attributes, threadStack.data(), threadStack.size());
+                    pthread_t thread;
+                    std::ptrdiff_t used = 0;
+                    pthread_create(&thread, &attributes, drawAndMeasure, &used);
+                    pthread_join(thread, nullptr);
+                    return used > 512 && used < 4096;
+                }) == 0);
 }
 
 }  // namespace

@@ -1,19 +1,33 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Modules that come, go and change under the list.
 
 #include <ThreadUtilities/StackTrace.h>
 #include <dlfcn.h>
+#include <elf.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <latch>
+#include <string>
 #include <thread>
 
 #include "foundation/text_conversion.h"
 #include "platform/linux/image_reader.h"
 #include "platform/modules.h"
 #include "support/copied_process.h"
+#include "support/parked_thread.h"
 #include "support/sanitizers.h"
 
 extern "C" {
@@ -104,7 +118,7 @@ TEST(ModuleChanges, LoadedAndUnloadedModulesAreSeen) {
 
 TEST(ModuleChanges, NamesAndIdentityAreThoseOfTheMappedFile) {
     const ScratchFolder folder;
-    for (const std::string name : {"plain.so", "two words.so", "ends (deleted).so", "ümlaut.so"}) {
+    for (const std::string name : {"plain.so", "two words.so", "is (deleted)", "ümlaut.so"}) {
         const fs::path path = folder.copyOfPlugin(name);
         const Plugin plugin(path);
         ASSERT_TRUE(plugin.isLoaded()) << name;
@@ -125,6 +139,66 @@ TEST(ModuleChanges, NamesAndIdentityAreThoseOfTheMappedFile) {
             fs::remove(path);
         }
     }
+}
+
+std::string contentOf(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(ModuleChanges, AFileInMemoryHasOneName) {
+    const int file = memfd_create("made", 0);
+    const std::string content = contentOf(MODULES_TEST_PLUGIN);
+    ASSERT_EQ(write(file, content.data(), content.size()), static_cast<ssize_t>(content.size()));
+    const Plugin plugin("/proc/self/fd/" + std::to_string(file));
+    ASSERT_TRUE(plugin.isLoaded());
+    close(file);
+    const CopiedProcess child([] { pause(); });
+    for (const unsigned int process : {child.id(), ownId()}) {
+        platform::DebugGuid guid{};
+        EXPECT_EQ(pathAt(process, plugin.address(), guid), "/memfd:made");
+        EXPECT_EQ(guid, pluginGuid);
+    }
+}
+
+/// As tools that rewrite objects leave it: the program headers at the end of the file.
+fs::path withMovedHeaders(const ScratchFolder& folder) {
+    std::string content = contentOf(MODULES_TEST_PLUGIN);
+    Elf64_Ehdr header;
+    std::memcpy(&header, content.data(), sizeof(header));
+    const std::size_t tableSize = std::size_t{header.e_phnum} * header.e_phentsize;
+    content.resize((content.size() + 4095) / 4096 * 4096);
+    const std::string table = content.substr(header.e_phoff, tableSize);
+    std::fill_n(content.begin() + static_cast<std::ptrdiff_t>(header.e_phoff), tableSize, '\xFF');
+    header.e_phoff = content.size();
+    std::memcpy(content.data(), &header, sizeof(header));
+    const fs::path path = folder.path / "moved.so";
+    std::ofstream(path, std::ios::binary) << content << table;
+    return path;
+}
+
+TEST(ModuleChanges, HeadersThatWereMovedOrHiddenAreFound) {
+    const ScratchFolder folder;
+    const Plugin moved(withMovedHeaders(folder));
+    ASSERT_TRUE(moved.isLoaded()) << dlerror();
+    const Plugin hidden(folder.copyOfPlugin("hidden.so"));
+    ASSERT_TRUE(hidden.isLoaded());
+    Dl_info place;
+    ASSERT_NE(dladdr(reinterpret_cast<void*>(hidden.address()), &place), 0);
+    platform::DebugGuid guid{};
+    EXPECT_EQ(pathAt(ownId(), moved.address(), guid), folder.path / "moved.so");
+    EXPECT_EQ(guid, pluginGuid);
+    const unsigned long long addresses[] = {moved.address(), hidden.address()};
+    mprotect(place.dli_fbase, 1, PROT_NONE);
+    const CopiedProcess child([] { pause(); });
+    for (const unsigned int process : {child.id(), ownId()}) {
+        for (const unsigned long long address : addresses) {
+            guid = {};
+            EXPECT_NE(pathAt(process, address, guid), "");
+            EXPECT_EQ(guid, pluginGuid);
+        }
+    }
+    mprotect(place.dli_fbase, 1, PROT_READ);
 }
 
 TEST(ModuleChanges, ModulesOfOtherLinkMapNamespacesAreListed) {
@@ -164,6 +238,35 @@ TEST(ModuleChanges, LookupsFromAModulesInitialiserDoNotWaitForTheLoader) {
     EXPECT_EQ(hookCalls, loads);
 }
 
+std::latch constructorRuns{1};
+std::latch constructorMayEnd{1};
+
+// The first of all captures, and all that follow it, while the loader is held.
+TEST(ModuleChanges, NothingWaitsForALibraryWhoseConstructorHangs) {
+    const ParkedThread target;
+    pluginInitialiserHook = [] {
+        constructorRuns.count_down();
+        constructorMayEnd.wait();
+    };
+    std::thread opener([] { const Plugin plugin(MODULES_TEST_PLUGIN); });
+    constructorRuns.wait();
+    std::packaged_task<bool()> captures([&] {
+        unsigned long long frames[64];
+        const auto self = static_cast<unsigned int>(gettid());
+        return getStackTrace(target.id(), frames, std::size(frames), true) > 2 &&
+               getStackTrace(self, frames, std::size(frames), true) > 2 &&
+               !getFrameDetails(0, frames[0]).empty();
+    });
+    auto result = captures.get_future();
+    std::thread capturer(std::move(captures));
+    EXPECT_EQ(result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    constructorMayEnd.count_down();
+    EXPECT_TRUE(result.get());
+    capturer.join();
+    opener.join();
+    pluginInitialiserHook = nullptr;
+}
+
 TEST(ModuleChanges, ACopyOfTheProcessCanLookUpWhateverLocksWereHeld) {
     if (underAddressSanitizer || underThreadSanitizer) {
         GTEST_SKIP() << copiesMayHang;
@@ -183,7 +286,7 @@ TEST(ModuleChanges, ACopyOfTheProcessCanLookUpWhateverLocksWereHeld) {
 TEST(ImageReader, TakesTheFileWhereTheMemoryCannotBeRead) {
     const ScratchFolder folder;
     const std::string path = folder.copyOfPlugin("a b.so").string();
-    struct stat facts {};
+    struct stat facts{};
     ASSERT_EQ(stat(path.c_str(), &facts), 0);
     const auto firstByte = [](const std::string& name, std::uint64_t inode) {
         platform::MappedRange unmapped;

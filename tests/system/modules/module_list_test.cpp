@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // The module lists against what others say: the loader, the memory map, the files' own notes.
 
 #include <ThreadUtilities/StackTrace.h>
@@ -19,6 +22,7 @@
 #include "platform/linux/process_map.h"
 #include "platform/modules.h"
 #include "support/copied_process.h"
+#include "support/parked_thread.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -80,8 +84,7 @@ TEST(ProcessModules, AChildsListEqualsTheOwnOne) {
 TEST(ProcessModules, AreReadWhereTheFirstThreadHasEnded) {
     const CopiedProcess child([] {
         pthread_t thread;
-        pthread_create(
-            &thread, nullptr, [](void*) -> void* { return pause(), nullptr; }, nullptr);
+        pthread_create(&thread, nullptr, [](void*) -> void* { return pause(), nullptr; }, nullptr);
         syscall(SYS_exit, 0);
     });
     while (readAll("/proc/" + std::to_string(child.id()) + "/stat").find(") Z") ==
@@ -100,6 +103,8 @@ TEST(ProcessModules, AreEmptyWhereThereIsNothingToInspect) {
     ended.waitForEnd();
     EXPECT_TRUE(platform::listModules(ended.id()).empty());
     EXPECT_EQ(getFrameDetails(ended.id(), 0x401000), L"");
+    const ParkedThread noProcess;
+    EXPECT_TRUE(platform::listModules(noProcess.id()).empty());
 }
 
 TEST(FrameDetails, DescribeTheSameCodeInEveryProcess) {

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Set by the program, found by name: called while the loader runs this module's initialiser.
 extern "C" {
 using InitialiserHook = void (*)();

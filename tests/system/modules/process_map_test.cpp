@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/linux/process_map.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +22,7 @@ TEST(ProcessMap, ReadsEveryWellFormedLine) {
     EXPECT_EQ(ranges[0].name, "/usr/bin/odd name (deleted)");
     EXPECT_EQ(ranges[1].fileOffset, 0x1f000u);
     EXPECT_TRUE(ranges[1].isExecutable);
-    EXPECT_EQ(mappedFilePath(ranges[1].name), "/a\nb");
+    EXPECT_EQ(mappedFilePath(ranges[1].name, true), "/a\nb");
     EXPECT_EQ(ranges[2].name, "");
     EXPECT_EQ(ranges[3].end, 0xffffffffff601000u);
     EXPECT_EQ(ranges[3].name, "[vsyscall]");
@@ -42,9 +45,9 @@ TEST(ProcessMap, LeavesDamagedLinesOut) {
 }
 
 TEST(ProcessMap, PathsOfDeletedFiles) {
-    EXPECT_EQ(mappedFilePath("/lib/a.so (deleted)"), "/lib/a.so");
-    EXPECT_EQ(mappedFilePath("/lib/a (deleted).so"), "/lib/a (deleted).so");
-    EXPECT_EQ(mappedFilePath(" (deleted)"), "");
+    EXPECT_EQ(mappedFilePath("/lib/a.so (deleted)", true), "/lib/a.so");
+    EXPECT_EQ(mappedFilePath("/lib/a (deleted).so", true), "/lib/a (deleted).so");
+    EXPECT_EQ(mappedFilePath(" (deleted)", true), "");
 }
 
 }  // namespace

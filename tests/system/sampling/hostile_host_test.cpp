@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // What a host may do while it is sampled.
 
 #include <ThreadUtilities/Sampling.h>
@@ -87,6 +90,21 @@ TEST(HostileHost, ACancelledCallEndsWithItsWorkers) {
     void* result = nullptr;
     pthread_join(thread, &result);
     EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(ownThreadCount(), before);
+}
+
+TEST(HostileHost, ACallbackThatEndsItsThreadEndsTheRun) {
+    const std::size_t before = ownThreadCount();
+    const std::thread::id caller = std::this_thread::get_id();
+    const std::string report =
+        sampleProcessThread(static_cast<unsigned int>(getpid()), getThreadId(), 1h, 0ms,
+                            [caller](auto...) -> unsigned long long {
+                                if (std::this_thread::get_id() != caller) {
+                                    pthread_exit(nullptr);
+                                }
+                                return 0;
+                            });
+    EXPECT_EQ(report.find("Total sample count: 0\n"), 0u) << report;
     EXPECT_EQ(ownThreadCount(), before);
 }
 

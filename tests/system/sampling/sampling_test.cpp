@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Reports of a real program: this one.
 
 #include <ThreadUtilities/Sampling.h>
@@ -60,12 +63,12 @@ std::optional<unsigned long long> offsetIn(const std::string& module, const std:
 }
 
 // Both kept whole, so that a sample of the spinning thread has a return address in `spinInTurns`.
-[[gnu::noinline, gnu::noclone]] void spinABit() {
+[[gnu::noinline, gnu::used]] void spinABit() {
     for (int turn = 0; turn < 100'000; ++turn) {
         asm volatile("");
     }
 }
-[[gnu::noinline, gnu::noclone]] void spinInTurns(const std::atomic<bool>& stop) {
+[[gnu::noinline, gnu::used]] void spinInTurns(const std::atomic<bool>& stop) {
     while (!stop) {
         spinABit();
     }

@@ -1,12 +1,21 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Scopes in a process that is copied or ends under them.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include <ThreadUtilities/ScopedThreadName.h>
+#include <ThreadUtilities/Threads.h>
 
 #include "support/copied_process.h"
 #include "support/sanitizers.h"
@@ -45,7 +54,9 @@ TEST(ScopedThreadNameTest, FindsTheObserversFreeInACopiedProcess) {
         EXPECT_EQ(runInCopy([] {
                       const auto own = std::make_shared<Counter>();
                       ScopedThreadName::registerCallback(own);
-                      { ScopedThreadName scope("x", true); }
+                      {
+                          ScopedThreadName scope("x", true);
+                      }
                       ScopedThreadName::unRegisterCallback(own);
                       return own->starts == 1 && own->ends == 1;
                   }),
@@ -53,12 +64,27 @@ TEST(ScopedThreadNameTest, FindsTheObserversFreeInACopiedProcess) {
     }
 }
 
+/// Memory that only code of a library that was unloaded since could give back.
+template <typename Value>
+struct UnloadedAllocator {
+    using value_type = Value;
+    UnloadedAllocator() = default;
+    template <typename Other>
+    explicit UnloadedAllocator(const UnloadedAllocator<Other>&) {}
+
+    Value* allocate(std::size_t count) { return std::allocator<Value>().allocate(count); }
+    void deallocate(Value*, std::size_t) { _exit(8); }
+    bool operator==(const UnloadedAllocator&) const = default;
+};
+
 TEST(ScopedThreadNameTest, OutlivesTheEndOfMain) {
     if (ThreadUtilities::underAddressSanitizer) {
         GTEST_SKIP() << "its leak check finds what the library gave up when the process was copied";
     }
     EXPECT_EQ(runInCopy([] {
                   const auto counter = std::make_shared<Counter>();
+                  ScopedThreadName::registerCallback(
+                      std::allocate_shared<Counter>(UnloadedAllocator<Counter>()));
                   ScopedThreadName::registerCallback(counter);
                   for (int i = 0; i < 4; ++i) {
                       std::thread([] {
@@ -74,6 +100,74 @@ TEST(ScopedThreadNameTest, OutlivesTheEndOfMain) {
                   return 0;
               }),
               7);
+}
+
+/// Ends its thread as `how` says, in one of its calls.
+struct EndsItsThread : IScopedThreadCallback {
+    void onScopedThreadStart() override { atStart ? how() : void(); }
+    void onScopedThreadEnd() override { atStart ? void() : how(); }
+
+    bool atStart = false;
+    void (*how)() = nullptr;
+};
+
+/// What a thread finds when its outermost object is unwound.
+struct Found {
+    std::string& name;
+    std::string& hintId;
+    ~Found() {
+        name = ThreadUtilities::getThreadName();
+        hintId = vesko::external_input::hint::getExternalInputHintId();
+    }
+};
+
+void exitThread() {
+    pthread_exit(PTHREAD_CANCELED);
+}
+
+void beCancelled() {
+    pthread_cancel(pthread_self());
+    pthread_testcancel();
+}
+
+TEST(ScopedThreadNameTest, LetsObserversEndTheirThread) {
+    using vesko::external_input::hint;
+    const auto observer = std::make_shared<EndsItsThread>();
+    ScopedThreadName::registerCallback(observer);
+    for (int variant = 0; variant < 8; ++variant) {
+        observer->atStart = (variant & 1) != 0;
+        observer->how = (variant & 2) != 0 ? exitThread : beCancelled;
+        std::string name;
+        std::string hintId;
+        std::function<void()> body = [&, byName = (variant & 4) != 0] {
+            const Found found{name, hintId};
+            ThreadUtilities::setThreadName("before");
+            hint("posted", "h").setAsExternalInputHint();
+            const auto posted = vesko::source::location::current();
+            hint("own", "h").setAsExternalInputHint();
+            const ScopedThreadName unheard("outer", false);
+            if (byName) {
+                const ScopedThreadName scope("x", true);
+            } else {
+                const ScopedThreadName scope(posted);
+            }
+        };
+        pthread_t thread;
+        ASSERT_EQ(pthread_create(
+                      &thread, nullptr,
+                      [](void* argument) -> void* {
+                          (*static_cast<std::function<void()>*>(argument))();
+                          return nullptr;
+                      },
+                      &body),
+                  0);
+        void* result = nullptr;
+        pthread_join(thread, &result);
+        EXPECT_EQ(result, PTHREAD_CANCELED) << variant;
+        EXPECT_EQ(name, "before") << variant;
+        EXPECT_EQ(hintId, "") << variant << ": the outer object saved none";
+    }
+    ScopedThreadName::unRegisterCallback(observer);
 }
 
 }  // namespace

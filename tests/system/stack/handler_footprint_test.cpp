@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <ThreadUtilities/StackTrace.h>
 #include <gtest/gtest.h>
 
@@ -56,7 +59,7 @@ TEST_F(TheHandler, NeedsLittleOfTheStackOfItsThread) {
     ASSERT_TRUE(eventually([] { return turns > 0; }));
     // What the kernel stores for any handler.
     static std::atomic<bool> called{false};
-    struct sigaction action {};
+    struct sigaction action{};
     action.sa_handler = [](int) { called = true; };
     action.sa_flags = SA_ONSTACK;
     sigaction(SIGUSR1, &action, nullptr);
@@ -74,6 +77,30 @@ TEST_F(TheHandler, NeedsLittleOfTheStackOfItsThread) {
         EXPECT_GT(used(), bare);
         EXPECT_LT(used(), bare + 4096);
     }
+}
+
+TEST_F(TheHandler, LeavesAStackAloneThatIsTooSmall) {
+    if (underAddressSanitizer) {
+        GTEST_SKIP() << "instrumented code needs more stack";
+    }
+    handlerStack.fill(unused);
+    static constexpr std::size_t below = 32 << 10;
+    const auto room = static_cast<std::size_t>(sysconf(_SC_MINSIGSTKSZ)) + 1000;
+    TargetThread target([&](const std::atomic<bool>& stop) {
+        stack_t stack{handlerStack.data() + below, 0, room};
+        sigaltstack(&stack, nullptr);
+        descend(30, stop);
+        stack.ss_flags = SS_DISABLE;
+        sigaltstack(&stack, nullptr);
+    });
+    ASSERT_TRUE(isOutOfTheHandler());
+    for (int round = 0; round < 10; ++round) {
+        unsigned long long frames[100];
+        EXPECT_EQ(getStackTrace(target.id(), frames, 100, true), 0U);
+        ASSERT_TRUE(isOutOfTheHandler());
+    }
+    EXPECT_GT(used(), 0U) << "the handler ran";
+    EXPECT_EQ(std::count(handlerStack.begin(), handlerStack.begin() + below, unused), below);
 }
 
 }  // namespace

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <ThreadUtilities/StackTrace.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -63,31 +66,53 @@ class Pipe {
     std::array<int, 2> ends_{};
 };
 
+struct SeenUnderATracer {
+    bool isTraced = false;
+    unsigned long long ofTarget = 0;
+    long unwritten = 0;
+    unsigned long long ofSelf = 0;
+};
+
+// What is captured while some threads of this process are traced.
+SeenUnderATracer captureWhileTraced(const std::vector<unsigned int>& traced, unsigned int target) {
+    Pipe attached;
+    Pipe end;
+    CopiedProcess tracer([&] {
+        const bool attaches = std::all_of(traced.begin(), traced.end(), [](unsigned int thread) {
+            return ptrace(PTRACE_SEIZE, static_cast<pid_t>(thread), nullptr, nullptr) == 0;
+        });
+        attached.signalOther();
+        end.wait();
+        return attaches;  // its end lets the traced threads go
+    });
+    EXPECT_TRUE(attached.wait());
+    SeenUnderATracer seen;
+    std::vector<unsigned long long> frames;
+    seen.ofTarget = capture(target, frames);
+    seen.unwritten = std::count(frames.begin(), frames.end(), untouched);
+    seen.ofSelf = capture(static_cast<unsigned int>(gettid()), frames);
+    end.signalOther();
+    seen.isTraced = tracer.endedWell();
+    return seen;
+}
+
 TEST(UnderATracer, NothingIsCapturedAndNothingWritten) {
     TargetThread target(blockUntil);
     const auto self = static_cast<unsigned int>(gettid());
     ASSERT_TRUE(isCaptured(target.id()) && isCaptured(self));
     prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
-    Pipe attached;
-    Pipe end;
-    CopiedProcess tracer([&] {
-        const bool attaches = ptrace(PTRACE_SEIZE, getppid(), nullptr, nullptr) == 0;
-        attached.signalOther();
-        end.wait();
-        return attaches;  // its end lets the traced thread go
-    });
-    ASSERT_TRUE(attached.wait());
-    std::vector<unsigned long long> frames;
-    const unsigned long long ofTarget = capture(target.id(), frames);
-    const auto unwritten = std::count(frames.begin(), frames.end(), untouched);
-    const unsigned long long ofSelf = capture(self, frames);
-    end.signalOther();
-    if (!tracer.endedWell()) {
+    const SeenUnderATracer allTraced = captureWhileTraced({self, target.id()}, target.id());
+    if (!allTraced.isTraced) {
         GTEST_SKIP() << "no permission to trace";
     }
-    EXPECT_EQ(ofTarget, 0U);
-    EXPECT_EQ(unwritten, 128);
-    EXPECT_EQ(ofSelf, 0U);
+    EXPECT_EQ(allTraced.ofTarget, 0U);
+    EXPECT_EQ(allTraced.unwritten, 128);
+    EXPECT_EQ(allTraced.ofSelf, 0U);
+
+    const SeenUnderATracer targetTraced = captureWhileTraced({target.id()}, target.id());
+    EXPECT_TRUE(targetTraced.isTraced);
+    EXPECT_EQ(targetTraced.ofTarget, 0U);
+    EXPECT_GT(targetTraced.ofSelf, 1U);
     EXPECT_TRUE(isCaptured(target.id()) && isCaptured(self));
 }
 
@@ -154,14 +179,14 @@ TEST_F(HostileHost, MayCloseOrUseUpAllDescriptors) {
     EXPECT_TRUE(child.endedWell());
 }
 
-// Makes the listed system calls fail in this process from now on.
-bool denyCalls(const std::vector<int>& calls) {
+// Makes the listed system calls end so in this thread, and those that it starts, from now on.
+bool denyCalls(const std::vector<int>& calls, std::uint32_t end = SECCOMP_RET_ERRNO | EPERM) {
     std::vector<sock_filter> program{
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
     for (const int call : calls) {
         program.push_back(
             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(call), 0, 1));
-        program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM));
+        program.push_back(BPF_STMT(BPF_RET | BPF_K, end));
     }
     program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
@@ -213,6 +238,51 @@ INSTANTIATE_TEST_SUITE_P(Denied, InASandbox,
                                                  false,
                                                  false}),
                          [](const auto& sandbox) { return sandbox.param.name; });
+
+// Spins in a handler on an alternate stack, whose words only a system call may read.
+[[gnu::noinline]] void spinOnAlternateStack(const std::atomic<bool>& stop) {
+    static const std::atomic<bool>* stopped = nullptr;
+    stopped = &stop;
+    std::vector<char> memory(64 << 10);
+    stack_t stack{memory.data(), 0, memory.size()};
+    sigaltstack(&stack, nullptr);
+    struct sigaction action{};
+    action.sa_flags = SA_ONSTACK;
+    action.sa_handler = [](int) { spinUntil(*stopped); };
+    sigaction(SIGUSR2, &action, nullptr);
+    raise(SIGUSR2);
+    stack.ss_flags = SS_DISABLE;
+    sigaltstack(&stack, nullptr);
+}
+
+TEST_F(HostileHost, MayHaveAFilterOfCallsForAllItsThreadsOrForOne) {
+    CopiedProcess child([] {
+        if (!denyCalls({})) {
+            _exit(0);
+        }
+        TargetThread likeAll(spinOnAlternateStack);
+        std::atomic<bool> isLocked{false};
+        TargetThread lockedUp([&](const std::atomic<bool>& stop) {
+            denyCalls({SYS_process_vm_readv, SYS_rt_sigprocmask, SYS_futex, SYS_getpid},
+                      SECCOMP_RET_KILL_PROCESS);
+            isLocked = true;
+            spinUntil(stop);
+        });
+        const auto seesItsBody = [&] {
+            std::vector<unsigned long long> frames;
+            frames.resize(capture(likeAll.id(), frames));
+            const auto begin = reinterpret_cast<unsigned long long>(&spinOnAlternateStack);
+            return std::any_of(frames.begin(), frames.end(),
+                               [&](auto frame) { return frame > begin && frame < begin + 512; });
+        };
+        bool well = eventually([&] { return isLocked && seesItsBody(); });
+        for (int round = 0; round < 20; ++round) {
+            well = well && isCaptured(lockedUp.id()) && seesItsBody();
+        }
+        _exit(well ? 0 : 1);  // nobody can end the locked thread
+    });
+    EXPECT_EQ(child.result(), 0);
+}
 
 TEST_F(HostileHost, MayForbidItsDump) {
     CopiedProcess child([] {

@@ -1,12 +1,18 @@
-#include <gtest/gtest.h>
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
 
-#include <csetjmp>
+#include <ThreadUtilities/StackTrace.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/syscall.h>
+
+#include <array>
 #include <csignal>
 
 #include "platform/thread_context.h"
 #include "support/target_thread.h"
 
-// Visits to threads of a host that uses the signal, its mask and its own handlers as it likes.
+// Visits to threads that are not there, or that do not answer.
 
 namespace ThreadUtilities {
 namespace {
@@ -15,27 +21,19 @@ using platform::ThreadContext;
 using platform::VisitorAnswer;
 using platform::VisitResult;
 
-class ThreadVisit : public WithPromptSignals {
- protected:
-    // The signal's action is put back as the test found it.
-    ThreadVisit() { sigaction(SIGURG, nullptr, &kept_); }
-    ~ThreadVisit() override { sigaction(SIGURG, &kept_, nullptr); }
+using ThreadVisit = WithPromptSignals;
 
- private:
-    struct sigaction kept_ {};
-};
-
-VisitResult visit(unsigned int threadId, int& visits) {
-    const auto look = [](const ThreadContext&, void* count) noexcept {
-        ++*static_cast<int*>(count);
-        return VisitorAnswer::Enough;
-    };
-    return platform::visitThreadContext(threadId, true, look, &visits);
-}
+std::atomic<int> visits{0};
 
 VisitResult visit(unsigned int threadId) {
-    int visits = 0;
-    return visit(threadId, visits);
+    visits = 0;
+    const auto look = [](const ThreadContext&, platform::VisitRoom&) noexcept {
+        ++visits;
+        return VisitorAnswer::Enough;
+    };
+    std::array<unsigned long long, 1> frames{};
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    return platform::visitThreadContext({threadId, true, look, deadline}, frames).result;
 }
 
 TEST_F(ThreadVisit, ThreadsThatAreNotOursDoNotExist) {
@@ -45,10 +43,16 @@ TEST_F(ThreadVisit, ThreadsThatAreNotOursDoNotExist) {
         ended = target.id();
     }
     for (const unsigned int id : {0U, 1U, ended, 0x7fffffffU, 0x80000000U, 0xffffffffU}) {
-        int visits = 0;
-        EXPECT_EQ(visit(id, visits), VisitResult::NoSuchThread) << id;
+        EXPECT_EQ(visit(id), VisitResult::NoSuchThread) << id;
         EXPECT_EQ(visits, 0) << id;
     }
+}
+
+// As no mask that the C library makes can.
+void blockEverySignal(bool block) {
+    const std::uint64_t everything = ~std::uint64_t{0};
+    syscall(SYS_rt_sigprocmask, block ? SIG_BLOCK : SIG_UNBLOCK, &everything, nullptr,
+            sizeof(everything));
 }
 
 TEST_F(ThreadVisit, AThreadThatBlocksTheSignalIsGivenUpAndNeverVisitedLate) {
@@ -56,80 +60,72 @@ TEST_F(ThreadVisit, AThreadThatBlocksTheSignalIsGivenUpAndNeverVisitedLate) {
     std::atomic<bool> unblock{false};
     std::atomic<bool> unblocked{false};
     TargetThread target([&](const std::atomic<bool>& stop) {
-        sigset_t urgent;
-        sigemptyset(&urgent);
-        sigaddset(&urgent, SIGURG);
-        pthread_sigmask(SIG_BLOCK, &urgent, nullptr);
+        blockEverySignal(true);
         blocked = true;
         spinUntil(unblock);
-        pthread_sigmask(SIG_UNBLOCK, &urgent, nullptr);
+        blockEverySignal(false);
         unblocked = true;
         spinUntil(stop);
     });
     ASSERT_TRUE(eventually([&] { return blocked.load(); }));
-    int visits = 0;
-    EXPECT_EQ(visit(target.id(), visits), VisitResult::NotAnswering);
+    EXPECT_EQ(visit(target.id()), VisitResult::NotAnswering);
     unblock = true;
     ASSERT_TRUE(eventually([&] { return unblocked.load(); }));
     EXPECT_EQ(visits, 0);
-    EXPECT_EQ(visit(target.id(), visits), VisitResult::Visited);
+    EXPECT_EQ(visit(target.id()), VisitResult::Visited);
     EXPECT_EQ(visits, 1);
 }
 
-struct sigaction hostPrevious {};
-std::atomic<int> hostCalls{0};
-std::atomic<int> hostSignals{0};
+// A caller whose own caller can be found by rbx alone, which nobody below it saves. The innermost
+// function calls `poll` without a descriptor, until the time in rdx is over.
+asm(".pushsection .text\n"
+    "pollAlone:\n\t"
+    ".cfi_startproc\n\t"
+    "movl $7, %eax\n\t"
+    "xorl %edi, %edi\n\t"
+    "xorl %esi, %esi\n\t"
+    "syscall\n\t"
+    "ret\n\t"
+    ".cfi_endproc\n"
+    "pollBehindARegister:\n\t"
+    ".cfi_startproc\n\t"
+    "pushq %rbx\n\t"
+    ".cfi_def_cfa_offset 16\n\t"
+    ".cfi_offset rbx, -16\n\t"
+    "movq %rsp, %rbx\n\t"
+    ".cfi_def_cfa_register rbx\n\t"
+    "andq $-64, %rsp\n\t"
+    "movl $10, %edx\n\t"
+    "call pollAlone\n\t"
+    "movq %rbx, %rsp\n\t"
+    ".cfi_def_cfa_register rsp\n\t"
+    "popq %rbx\n\t"
+    ".cfi_def_cfa_offset 8\n\t"
+    "ret\n\t"
+    ".cfi_endproc\n\t"
+    ".popsection");
+extern "C" void pollBehindARegister();
 
-void chainingHostHandler(int number, siginfo_t* info, void* context) {
-    ++hostCalls;
-    if (info->si_code == SI_TKILL && info->si_pid == getpid()) {
-        ++hostSignals;
-    }
-    if ((hostPrevious.sa_flags & SA_SIGINFO) != 0) {
-        hostPrevious.sa_sigaction(number, info, context);
-    }
-}
-
-TEST_F(ThreadVisit, AHostsHandlerGetsItsOwnSignalsAndMayChainToItsPredecessor) {
-    TargetThread target(spinUntil);
-    for (int round = 0; round < 4; ++round) {
-        ASSERT_EQ(visit(target.id()), VisitResult::Visited);
-        struct sigaction action {};
-        action.sa_sigaction = chainingHostHandler;
-        action.sa_flags = SA_SIGINFO;
-        ASSERT_EQ(sigaction(SIGURG, &action, &hostPrevious), 0);
-        hostCalls = hostSignals = 0;
-        ASSERT_EQ(visit(target.id()), VisitResult::Visited);
-        EXPECT_EQ(hostCalls, 0) << "the library's own signal is none of the host's";
-        pthread_kill(target.handle(), SIGURG);
-        EXPECT_TRUE(eventually([] { return hostSignals > 0; }));
-        ASSERT_EQ(visit(target.id()), VisitResult::Visited);
-        signal(SIGURG, round % 2 == 0 ? SIG_DFL : SIG_IGN);
-    }
-}
-
-TEST_F(ThreadVisit, TheHostsHandlerRunsWithItsOwnMaskAndMayJumpAway) {
-    static sigjmp_buf jump;
-    static std::atomic<int> jumps{0};
-    static std::atomic<bool> otherSignalsOpen{true};
-    signal(SIGURG, [](int) {
-        sigset_t mask;
-        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
-        otherSignalsOpen = sigismember(&mask, SIGTERM) == 0 && sigismember(&mask, SIGURG) == 1;
-        siglongjmp(jump, 1);
-    });
-    TargetThread target([](const std::atomic<bool>& stop) {
-        if (sigsetjmp(jump, 1) != 0) {
-            ++jumps;
+TEST_F(ThreadVisit, WhatWasFoundOfAThreadAtRestStandsWhereItTakesNoSignal) {
+    std::atomic<bool> isBlocked{false};
+    TargetThread target([&](const std::atomic<bool>& stop) {
+        blockEverySignal(true);
+        isBlocked = true;
+        while (!stop) {
+            pollBehindARegister();
         }
-        spinUntil(stop);
+        blockEverySignal(false);
     });
-    for (int round = 1; round <= 20; ++round) {
-        ASSERT_EQ(visit(target.id()), VisitResult::Visited);
-        pthread_kill(target.handle(), SIGURG);
-        ASSERT_TRUE(eventually([&] { return jumps >= round; }));
-        EXPECT_TRUE(otherSignalsOpen);
-    }
+    ASSERT_TRUE(eventually([&] { return isBlocked.load(); }));
+    constexpr unsigned long long untouched = 0xDEAD;
+    std::array<unsigned long long, 4> frames{};
+    ASSERT_TRUE(eventually([&] {
+        frames.fill(untouched);
+        return getStackTrace(target.id(), frames.data(), frames.size(), true) == 1;
+    }));
+    const auto begin = reinterpret_cast<unsigned long long>(&pollBehindARegister);
+    EXPECT_TRUE(begin < frames[0] && frames[0] < begin + 32);
+    EXPECT_EQ(frames[1], untouched);
 }
 
 }  // namespace

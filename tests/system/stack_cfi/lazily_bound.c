@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Linked for lazy binding: the first call of each function goes through the binder.
 
 #include <ctype.h>

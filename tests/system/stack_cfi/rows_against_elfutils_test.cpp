@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // The unwind rows of whole libraries, ours against those of elfutils.
 
 #include <dlfcn.h>
@@ -5,14 +8,20 @@
 #include <elfutils/libdw.h>
 #include <fcntl.h>
 #include <gelf.h>
+#include <glob.h>
 #include <gtest/gtest.h>
 #include <link.h>
 #include <sys/auxv.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <span>
+#include <string>
 
 #include "platform/code_modules.h"
 #include "stack/cfi/table_step.h"
@@ -177,7 +186,7 @@ void compareRows(const ElfutilsRows& theirs, std::uint64_t loadBias) {
             SCOPED_TRACE(address);
             const std::uint64_t loaded = address + loadBias;
             if (loaded - module.begin >= module.size) {
-                ASSERT_TRUE(platform::findCodeModule(loaded, true, module));
+                ASSERT_TRUE(platform::findCodeModule(loaded, module));
             }
             TableRow ours;
             const StepResult found = findTableRow(module, loaded, nullptr, ours);
@@ -208,10 +217,26 @@ void compareRows(const ElfutilsRows& theirs, std::uint64_t loadBias) {
     EXPECT_GT(compared, 5u);
 }
 
+/// A library beside the C library, whichever version of it is there; its name as it stands if none.
+std::string pathOfLibrary(const std::string& pattern) {
+    Dl_info info{};
+    dladdr(reinterpret_cast<void*>(&::open), &info);
+    std::string path = info.dli_fname;
+    path.replace(path.rfind('/') + 1, path.npos, pattern);
+    glob_t matches{};
+    if (glob(path.c_str(), 0, nullptr, &matches) == 0) {
+        path = matches.gl_pathv[0];
+    } else {
+        path = pattern;
+    }
+    globfree(&matches);
+    return path;
+}
+
 class RowsAgainstElfutils : public testing::TestWithParam<const char*> {};
 
 TEST_P(RowsAgainstElfutils, AreTheSameInTheWholeLibrary) {
-    void* const library = dlopen(GetParam(), RTLD_LAZY);
+    void* const library = dlopen(pathOfLibrary(GetParam()).c_str(), RTLD_LAZY);
     if (library == nullptr) {
         GTEST_SKIP() << "needs " << GetParam();
     }
@@ -222,8 +247,8 @@ TEST_P(RowsAgainstElfutils, AreTheSameInTheWholeLibrary) {
 
 INSTANTIATE_TEST_SUITE_P(Libraries, RowsAgainstElfutils,
                          testing::Values("libc.so.6", "libstdc++.so.6", "ld-linux-x86-64.so.2",
-                                         "libcrypto.so.3", "libicui18n.so.72",
-                                         "libpython3.11.so.1.0", "libLLVM-14.so.1"),
+                                         "libcrypto.so.[0-9]", "libicui18n.so.[0-9][0-9]",
+                                         "libpython3.*.so.1.0", "libLLVM*[0-9].so*"),
                          [](const auto& tested) {
                              std::string name = tested.param;
                              std::erase_if(name, [](unsigned char letter) {

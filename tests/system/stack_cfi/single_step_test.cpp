@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Steps through code one instruction at a time, and walks the stack from each. What the walk must
 // find is known from watching the calls and returns on the way.
 
@@ -15,6 +18,9 @@
 #include <string>
 #include <string_view>
 
+#include "platform/code_modules.h"
+#include "stack/cfi/call_site.h"
+#include "stack/cfi/frame_pointer_recovery.h"
 #include "stack/frame_walk.h"
 #include "stack_cfi/stepped_code.h"
 #include "support/sanitizers.h"
@@ -106,6 +112,9 @@ struct Stepping {
     WrongWalk wrong[8192];
     std::size_t jumpCount = 0;
     std::size_t jumps[256];  ///< the instructions at which functions were left without a return
+    bool looksForFramePointers = false;
+    std::size_t framePointers = 0;
+    std::size_t wrongFramePointers = 0;
 } stepping;
 
 [[gnu::noinline]] void stopStepping() {
@@ -123,6 +132,25 @@ void checkWalk(const platform::ThreadContext& context) {
         stepping.wrongCount < std::size(stepping.wrong)) {
         stepping.wrong[stepping.wrongCount++] = {context.registers[platform::Rip], gotCount,
                                                  expectedCount, stepping.instructions};
+    }
+}
+
+/// What is found without knowing the frame pointer must be the true one, wherever it is found: here
+/// for functions that a call has just returned to.
+void checkFramePointer(const platform::ThreadContext& context) {
+    const std::uint64_t address = context.registers[platform::Rip] - 1;
+    if (cfi::callSiteAt(address + 1) != cfi::CallSite::Behind) {
+        return;
+    }
+    platform::CodeModule module;
+    cfi::TableCopies copies;
+    StackWords words(context.stack);
+    std::uint64_t found = 0;
+    if (platform::findCodeModule(address, module) &&
+        cfi::recoverFramePointer(module, address, context.registers[platform::Rsp], &copies, words,
+                                 found)) {
+        ++stepping.framePointers;
+        stepping.wrongFramePointers += found != context.registers[platform::Rbp] ? 1 : 0;
     }
 }
 
@@ -146,6 +174,9 @@ void onTrap(int, siginfo_t*, void* machineContext) {
         stepping.jumps[stepping.jumpCount++] = stepping.instructions;
     }
     checkWalk(context);
+    if (stepping.looksForFramePointers) {
+        checkFramePointer(context);
+    }
 }
 
 Dl_info symbolOf(std::uint64_t address) {
@@ -165,12 +196,18 @@ std::string placeOf(std::uint64_t address) {
 
 // Known exceptions: places where the tables are wrong, for every unwinder alike.
 
-/// A function that aligns its stack restores rbp and ends in `lea -8(%r10),%rsp; ret`. For these
-/// two GCC's tables say still that the caller's rbp is where rbp points to.
+/// A function that aligns its stack restores rbp and ends in `lea -8(%r10),%rsp` and `ret`, with no
+/// or few instructions between. From the first to the last of these GCC's tables say still that the
+/// caller's rbp is where rbp points to.
 bool isInEndOfRealignedFunction(const WrongWalk& wrong) {
-    static constexpr unsigned char end[] = {0x49, 0x8D, 0x62, 0xF8, 0xC3};
-    const auto* const code = reinterpret_cast<const unsigned char*>(wrong.address);
-    return std::memcmp(code, end, sizeof(end)) == 0 || std::memcmp(code - 4, end, sizeof(end)) == 0;
+    static constexpr std::string_view load = "\x49\x8D\x62\xF8";
+    static constexpr std::size_t reach = 12;
+    const auto* const code = reinterpret_cast<const char*>(wrong.address);
+    // Of the loads up to here the last, whose instruction may be the one that is stepped on.
+    const std::string_view before(code - reach, reach + load.size());
+    const std::size_t found = before.rfind(load);
+    return found != before.npos &&
+           std::string_view(code, reach).find('\xC3') != std::string_view::npos;
 }
 
 /// Before the runtime jumps to a function that catches, it writes the registers which that function
@@ -201,7 +238,7 @@ class SingleStep : public testing::Test {
         static char alternateStack[64 << 10];
         const stack_t alternate{alternateStack, 0, sizeof(alternateStack)};
         ASSERT_EQ(sigaltstack(&alternate, nullptr), 0);
-        struct sigaction action {};
+        struct sigaction action{};
         action.sa_sigaction = onTrap;
         action.sa_flags = SA_SIGINFO | SA_ONSTACK;
         ASSERT_EQ(sigaction(SIGTRAP, &action, &previousAction), 0);
@@ -235,7 +272,7 @@ class SingleStep : public testing::Test {
     }
 
  private:
-    struct sigaction previousAction {};
+    struct sigaction previousAction{};
 };
 
 void use(int value) {
@@ -259,6 +296,24 @@ STEP_THROUGH_LEVEL(o0)
 STEP_THROUGH_LEVEL(o1)
 STEP_THROUGH_LEVEL(o2)
 STEP_THROUGH_LEVEL(o3)
+
+TEST_F(SingleStep, FramePointersThatAreFoundAreTrue) {
+    stepping.looksForFramePointers = true;
+    stepThrough(
+        [] {
+            use(stepped::f0::realigned(9) + stepped::f2::realigned(9));
+            use(stepped::f0::variableSize(7) + stepped::f2::variableSize(7));
+            use(stepped::f0::manyRegisters(3) + stepped::f2::manyRegisters(3));
+            use(stepped::f0::recursion(6) + stepped::f2::recursion(6));
+            use(stepped::f0::containers(3) + stepped::f2::containers(3));
+            use(stepped::f0::callsThroughC(4) + stepped::f2::callsThroughC(4));
+            use(stepped::f0::recursion(9) + stepped::f2::recursion(11));
+        },
+        10'000);
+    EXPECT_GE(stepping.framePointers, 500U);
+    EXPECT_EQ(stepping.wrongFramePointers, 0U);
+    std::printf("%zu frame pointers\n", stepping.framePointers);
+}
 
 TEST_F(SingleStep, ThroughThrowAndCatch) {
     stepThrough(

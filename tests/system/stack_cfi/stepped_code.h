@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // Code to step through, compiled once for every optimisation level.
@@ -18,6 +21,8 @@ STEPPED_CODE(o0)
 STEPPED_CODE(o1)
 STEPPED_CODE(o2)
 STEPPED_CODE(o3)
+STEPPED_CODE(f0)  // with frame pointers
+STEPPED_CODE(f2)
 #undef STEPPED_CODE
 
 }  // namespace stepped

@@ -1,18 +1,26 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // A program that finds the library the way its arguments say, and then compares what the library
 // says of the program's threads with what the program knows. Ends with 0 when all is right.
 //
 //   loading_probe present              the library is there from the start, however it came
 //   loading_probe dlopen <library>     the library is loaded when threads run already
+//   loading_probe descriptor           the same, started by a file descriptor
 //   loading_probe exiting              the program ends while threads use the library
 //
 // The library is only reached by look-up, so that the same program serves all ways of loading.
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -72,6 +80,13 @@ void findBackgroundThreads() {
     std::erase(ids, ownId());
 }
 
+std::string kernelName() {
+    std::array<char, 16> name{};
+    prctl(PR_GET_NAME, name.data());
+    return name.data();
+}
+const std::string startName = kernelName();
+
 void expect(bool right, const char* what) {
     if (!right) {
         std::fprintf(stderr, "wrong: %s\n", what);
@@ -93,6 +108,8 @@ void expectList(const Library& library, const Ids& expected, const char* what) {
 
 void checkStartsAndEnds(const Library& library, Ids expected) {
     expectList(library, expected, "before the first start");
+    expect(library.name(ownId()).empty(), "a program that nobody named");
+    library.setName("the creator of all the threads");
     for (int round = 0; round < 200; ++round) {
         ParkedThread first;
         ParkedThread second([&] { library.setName("the second of the threads"); });
@@ -106,6 +123,18 @@ void checkStartsAndEnds(const Library& library, Ids expected) {
         expectList(library, during, "one of them ended");
     }
     expectList(library, expected, "all ended");
+    library.setName("");
+    expect(kernelName() == startName, "the name goes back to what it was");
+    const ParkedThread named([&] { library.setName("a name that is kept in memory"); });
+    expected.push_back(named.id());
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = 0;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    expectList(library, expected, "no descriptor is free");
+    expect(library.name(named.id()) == "a name that is kept in memory", "nor needed for a name");
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // The first thread may end before the others; the rest of the check runs on a second one.
@@ -196,6 +225,11 @@ int main(int count, char** arguments) {
     const char* const mode = count > 1 ? arguments[1] : "";
     if (std::strcmp(mode, "present") == 0) {
         runPresent();
+    }
+    if (std::strcmp(mode, "descriptor") == 0) {
+        std::array<char, 8> present{"present"};
+        std::array<char*, 3> again{arguments[0], present.data(), nullptr};
+        fexecve(open("/proc/self/exe", O_RDONLY), again.data(), environ);
     }
     if (std::strcmp(mode, "dlopen") == 0 && count > 2) {
         runLoaded(arguments[2]);

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <dirent.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
@@ -9,6 +12,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <future>
+#include <latch>
 #include <memory>
 #include <new>
 #include <set>
@@ -169,8 +174,8 @@ TEST(ThreadListOnLinuxDeathTest, AnExceptionEndsTheProgramWhereItWasThrown) {
                 ::testing::ExitedWithCode(42), "");
 }
 
-// Threads of the kernel that nobody announces.
-TEST(ThreadListOnLinux, SeesThreadsThatWereMadeBehindTheLibrary) {
+// Starts and ends that nobody announces, also as many of either as keep the count.
+TEST(ThreadListOnLinux, SeesStartsAndEndsBehindTheLibrary) {
     if (underThreadSanitizer) {
         GTEST_SKIP() << "a bare thread has no state for ThreadSanitizer";
     }
@@ -183,12 +188,24 @@ TEST(ThreadListOnLinux, SeesThreadsThatWereMadeBehindTheLibrary) {
         }
         return 0;
     };
+    std::latch endNow{1};
+    std::promise<unsigned int> started;
+    std::thread endsUnheard([&] {
+        started.set_value(ownId());
+        endNow.wait();
+        syscall(SYS_exit, 0);
+    });
+    const unsigned int unheard = started.get_future().get();
+    EXPECT_EQ(getThreadIds().back(), unheard);
+    endNow.count_down();
+    endsUnheard.join();
     const int id = clone(
         body, stack.data() + stack.size(),
         CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM, nullptr);
     ASSERT_GT(id, 0);
     const auto bare = static_cast<unsigned int>(id);
     EXPECT_EQ(getThreadIds().back(), bare);
+    EXPECT_EQ(countOf(unheard), 0);
     {
         const ParkedThread announced;
         EXPECT_EQ(countOf(announced.id()), 1);
@@ -270,32 +287,66 @@ TEST(ThreadListOnLinux, ACopyOfTheProcessStartsAfreshWhateverOthersDid) {
     EXPECT_EQ(getThreadId(), parent);
 }
 
-// Another library's exit destructor runs after the library's own.
-TEST(ThreadListOnLinux, ServesExitDestructorsOfOthers) {
+// In the last round of exit destructors a thread is still there, at its place and by its name.
+TEST(ThreadListOnLinux, KeepsAThreadUntilItsVeryEnd) {
     if (underThreadSanitizer) {
         GTEST_SKIP() << "ThreadSanitizer takes a thread for ended before all destructors ran";
     }
-    static std::atomic<int> calls;
     static pthread_key_t key;
-    calls = 0;
+    static thread_local int rounds = 0;
+    static std::unique_ptr<std::latch> atTheEnd;
+    static std::unique_ptr<std::latch> goOn;
+    atTheEnd = std::make_unique<std::latch>(1);
+    goOn = std::make_unique<std::latch>(1);
     const auto destructor = [](void*) {
-        setThreadName("an ending thread of some name");
-        const bool right = getThreadName() == "an ending thread of some name" &&
-                           getThreadId() == ownId() && !getThreadIds().empty();
-        if (right && ++calls < 3) {
+        if (++rounds < PTHREAD_DESTRUCTOR_ITERATIONS) {
             pthread_setspecific(key, &key);
+            return;
         }
+        setThreadName("an ending thread of some name");
+        atTheEnd->count_down();
+        goOn->wait();
     };
     ASSERT_EQ(pthread_key_create(&key, destructor), 0);
-    unsigned int id = 0;
-    std::thread([&] {
-        id = ownId();
-        pthread_setspecific(key, &key);
-    }).join();
-    EXPECT_EQ(calls, 3);
-    EXPECT_EQ(countOf(id), 0);
-    EXPECT_EQ(getThreadName(id), "");
+    ParkedThread ending([] { pthread_setspecific(key, &key); });
+    const ParkedThread later;
+    const std::vector<unsigned int> before = getThreadIds();
+    std::thread releasing([&] { ending.end(); });
+    atTheEnd->wait();
+    std::vector<unsigned int> during = getThreadIds();
+    during.pop_back();  // the releasing one
+    EXPECT_EQ(during, before);
+    EXPECT_EQ(getThreadName(ending.id()), "an ending thread of some name");
+    goOn->count_down();
+    releasing.join();
+    EXPECT_EQ(countOf(ending.id()), 0);
+    EXPECT_EQ(getThreadName(ending.id()), "");
     pthread_key_delete(key);
+}
+
+// Neither is told to fork handlers; the first question in the child finds out.
+TEST(ThreadListOnLinux, ACopyThatNobodyAnnouncesStartsAfreshToo) {
+    if (underAddressSanitizer || underThreadSanitizer) {
+        GTEST_SKIP() << copiesMayHang;
+    }
+    setThreadName("the thread that is copied");
+    const ParkedThread notCopied;
+    EXPECT_EQ(getThreadIds().size(), 2U);
+    const auto copyIsRight = [] {
+        const unsigned int self = ownId();
+        return getMainThreadId() == self && getThreadId() == self &&
+               getThreadIds() == std::vector{self} &&
+               getThreadName(self) == "the thread that is copied";
+    };
+    const auto child = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
+    if (child == 0) {
+        alarm(120);
+        _exit(copyIsRight() ? 0 : 1);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    setThreadName("");
 }
 
 TEST(ThreadListOnLinux, AnotherProcessIsListedByItsOwnIdOnly) {

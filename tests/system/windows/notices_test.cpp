@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // The DLL itself, loaded by a thread that is not the program's first: what the loader announces.
 
 #include <gtest/gtest.h>
@@ -100,6 +103,18 @@ TEST(Notices, TheListIsKeptFromTheLoadOn) {
     std::sort(kept.begin(), kept.end());
     std::sort(enumerated.begin(), enumerated.end());
     EXPECT_EQ(kept, enumerated);
+}
+
+// Were it unloaded, each time would cost the process some of its slots for values of threads. Each
+// round closes it more often than it opened it, whoever else has it open.
+TEST(Notices, TheLibraryStaysHoweverOftenItIsLoadedAndClosed) {
+    for (int round = 0; round < 2000; ++round) {
+        const LoadedLibrary library;
+        ASSERT_TRUE(contains(library.getThreadIds(), GetCurrentThreadId())) << round;
+        FreeLibrary(library.module);
+        FreeLibrary(library.module);
+        ASSERT_NE(GetModuleHandleA("ThreadUtilities.dll"), nullptr) << round;
+    }
 }
 
 TEST(Notices, ThreadsThatComeAndGoLeaveNothingBehind) {

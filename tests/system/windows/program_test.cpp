@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // The DLL as a program uses it, linked through its import library.
 
 #include <gtest/gtest.h>
@@ -7,10 +10,14 @@
 #include <ThreadUtilities/ThreadUtilities.h>
 
 #include <atomic>
+#include <exception>
 #include <memory>
 #include <regex>
 #include <sstream>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "windows_support/target_thread.h"
 
@@ -103,6 +110,40 @@ TEST(Program, AThreadIsSampledThroughTheProgramsOwnCapture) {
     EXPECT_EQ(sampleProcessThread(processId, target.id(), 1s, 100ms, {}), "");
 }
 
+// The callback throws on a thread of the library, which throws the exception once more here. With
+// two copies of the C++ run-time, the program's would count one exception too few ever after.
+TEST(Program, AnExceptionThatTheLibraryThrowsIsCountedOnce) {
+    const unsigned int caller = getThreadId();
+    const auto throwing = [caller](unsigned int, const unsigned int&,
+                                   std::vector<unsigned long long>&,
+                                   unsigned long long) -> unsigned long long {
+        if (getThreadId() != caller) {
+            throw std::out_of_range("the callback's own");
+        }
+        return 0;
+    };
+    EXPECT_THROW(sampleProcessThread(GetCurrentProcessId(), caller, 1s, 100ms, throwing),
+                 std::out_of_range);
+    EXPECT_EQ(std::uncaught_exceptions(), 0);
+}
+
+TEST(Program, TheFileTellsItsVersion) {
+    std::vector<char> resource(GetFileVersionInfoSizeA("ThreadUtilities.dll", nullptr));
+    ASSERT_TRUE(GetFileVersionInfoA("ThreadUtilities.dll", 0, static_cast<DWORD>(resource.size()),
+                                    resource.data()));
+    VS_FIXEDFILEINFO* fixed = nullptr;
+    char* text = nullptr;
+    UINT length = 0;
+    ASSERT_TRUE(VerQueryValueA(resource.data(), "\\", reinterpret_cast<void**>(&fixed), &length));
+    ASSERT_TRUE(VerQueryValueA(resource.data(), "\\StringFileInfo\\040904B0\\FileVersion",
+                               reinterpret_cast<void**>(&text), &length));
+    EXPECT_STREQ(text, LIBRARY_VERSION);
+    EXPECT_EQ(std::to_string(HIWORD(fixed->dwFileVersionMS)) + '.' +
+                  std::to_string(LOWORD(fixed->dwFileVersionMS)) + '.' +
+                  std::to_string(HIWORD(fixed->dwFileVersionLS)),
+              LIBRARY_VERSION);
+}
+
 TEST(Program, ThreadsThatComeAndGoDisturbNoSampling) {
     std::atomic<bool> stop = false;
     std::thread starter([&stop] {
@@ -139,14 +180,35 @@ struct CountingAllocator : std::allocator<Value> {
     }
 };
 
-/// Gives the calling thread a name, a hint and a store.
-void beginValues() {
-    const std::shared_ptr<context_store> store(new context_store,
-                                               std::default_delete<context_store>(),
-                                               CountingAllocator<context_store>());
+std::shared_ptr<context_store> newCountedStore() {
+    return std::shared_ptr<context_store>(new context_store, std::default_delete<context_store>(),
+                                          CountingAllocator<context_store>());
+}
+
+void handOver(const std::shared_ptr<context_store>& store) {
     vesko::source::location posted = vesko::source::location::current();
     posted.contextStore = store;
     hint::copyThreadStorageIfNecessary(posted);
+}
+
+std::atomic<int> lateBeginnings = 0;
+
+/// Begins values again at the end of its thread: by how the thread was started, before or behind
+/// the library's notice of that.
+struct LateBeginning {
+    ~LateBeginning() {
+        handOver(newCountedStore());
+        hint("id", "late").setAsExternalInputHint();
+        ++lateBeginnings;
+    }
+    bool isWanted = false;
+};
+thread_local LateBeginning lateBeginning;
+
+/// Gives the calling thread a name, a hint and a store.
+void beginValues() {
+    const auto store = newCountedStore();
+    handOver(store);
     EXPECT_EQ(context_store::getStore().lock(), store);
     hint("id", "name").setAsExternalInputHint();
     EXPECT_EQ(hint::getExternalInputHintName(), "name");
@@ -155,30 +217,32 @@ void beginValues() {
 }
 
 DWORD WINAPI beginValuesInThread(void*) {
+    lateBeginning.isWanted = true;
     beginValues();
     return 0;
 }
 
 unsigned __stdcall beginValuesInThreadOfCRuntime(void*) {
-    beginValues();
-    return 0;
+    return beginValuesInThread(nullptr);
 }
 
 // What is left of the store then is the reference of the thread.
 TEST(Program, TheValuesOfAThreadEndWithItHoweverItWasStarted) {
     for (int round = 0; round < 50; ++round) {
-        std::thread ofTheStandardLibrary(beginValues);
-        const HANDLE ofTheSystem =
-            CreateThread(nullptr, 0, beginValuesInThread, nullptr, 0, nullptr);
-        const auto ofTheCRuntime = reinterpret_cast<HANDLE>(
-            _beginthreadex(nullptr, 0, beginValuesInThreadOfCRuntime, nullptr, 0, nullptr));
-        ofTheStandardLibrary.join();
-        for (const HANDLE thread : {ofTheSystem, ofTheCRuntime}) {
+        // One after the other: threads with `thread_local` destructors that end at the same time
+        // can stop each other for good here, with or without calls of the library.
+        std::thread(beginValuesInThread, nullptr).join();
+        for (const bool bySystem : {true, false}) {
+            const HANDLE thread =
+                bySystem ? CreateThread(nullptr, 0, beginValuesInThread, nullptr, 0, nullptr)
+                         : reinterpret_cast<HANDLE>(_beginthreadex(
+                               nullptr, 0, beginValuesInThreadOfCRuntime, nullptr, 0, nullptr));
             WaitForSingleObject(thread, INFINITE);
             CloseHandle(thread);
         }
         EXPECT_EQ(controlBlocks, 0);
     }
+    EXPECT_EQ(lateBeginnings, 150);
     beginValues();
     EXPECT_EQ(controlBlocks, 1) << "this thread still has its own";
 }

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // The system's converters against the rule that the library's own converter follows.
 
 #include "platform/text.h"

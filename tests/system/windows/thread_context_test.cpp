@@ -1,8 +1,12 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "platform/thread_context.h"
 
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -22,8 +26,9 @@ struct Sight {
     unsigned int suspendCount = 0;
 };
 
-VisitorAnswer look(const ThreadContext& context, void* state) noexcept {
-    auto& sight = *static_cast<Sight*>(state);
+Sight sight;
+
+VisitorAnswer look(const ThreadContext& context, VisitRoom&) noexcept {
     ++sight.visits;
     sight.context = context;
     sight.suspendCount = SuspendThread(sight.thread);
@@ -31,13 +36,19 @@ VisitorAnswer look(const ThreadContext& context, void* state) noexcept {
     return VisitorAnswer::Enough;
 }
 
+VisitResult visit(unsigned int threadId, bool suspend, ContextVisitor visitor) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    unsigned long long frame = 0;
+    return visitThreadContext({threadId, suspend, visitor, deadline}, {&frame, 1}).result;
+}
+
 TEST(ThreadContext, AThreadStandsExactlyForTheVisit) {
     for (const TargetThread::Body body : {TargetThread::block, TargetThread::spin}) {
         TargetThread target(body);
         for (const bool suspend : {true, false}) {
-            Sight sight;
+            sight = {};
             sight.thread = target.handle();
-            EXPECT_EQ(visitThreadContext(target.id(), suspend, look, &sight), VisitResult::Visited);
+            EXPECT_EQ(visit(target.id(), suspend, look), VisitResult::Visited);
             EXPECT_EQ(sight.visits, 1);
             EXPECT_EQ(sight.suspendCount, suspend ? 1u : 0u);
             EXPECT_EQ(sight.context.standsStill, suspend);
@@ -60,8 +71,8 @@ TEST(ThreadContext, AVisitEndsOnlyItsOwnSuspension) {
         for (unsigned int count = 0; count < suspensions; ++count) {
             SuspendThread(target.handle());
         }
-        Sight sight;  // without the thread, whose count the visitor would change
-        EXPECT_EQ(visitThreadContext(target.id(), true, look, &sight), VisitResult::Visited);
+        sight = {};  // without the thread, whose count the visitor would change
+        EXPECT_EQ(visit(target.id(), true, look), VisitResult::Visited);
         EXPECT_EQ(sight.visits, 1);
         for (unsigned int count = suspensions; count > 0; --count) {
             EXPECT_EQ(ResumeThread(target.handle()), count);
@@ -77,9 +88,8 @@ TEST(ThreadContext, WhatIsNoThreadOfThisProcessIsNotVisited) {
 
     for (const unsigned int threadId : {0u, 0xFFFFFFFCu, ended.id(), other.primaryThreadId()}) {
         for (const bool suspend : {true, false}) {
-            Sight sight;
-            EXPECT_EQ(visitThreadContext(threadId, suspend, look, &sight),
-                      VisitResult::NoSuchThread);
+            sight = {};
+            EXPECT_EQ(visit(threadId, suspend, look), VisitResult::NoSuchThread);
             EXPECT_EQ(sight.visits, 0);
         }
     }
@@ -100,11 +110,11 @@ TEST(ThreadContext, ThreadsThatVisitEachOtherAllGoOn) {
             ids[self] = GetCurrentThreadId();
             for (int round = 0; round < rounds; ++round) {
                 const unsigned int target = ids[(self + 1 + round) % threadCount];
-                const auto nothing = [](const ThreadContext&, void*) noexcept {
+                const auto nothing = [](const ThreadContext&, VisitRoom&) noexcept {
                     return VisitorAnswer::Enough;
                 };
                 if (target != 0 && target != GetCurrentThreadId() &&
-                    visitThreadContext(target, true, nothing, nullptr) == VisitResult::Visited) {
+                    visit(target, true, nothing) == VisitResult::Visited) {
                     ++visited;
                 }
             }

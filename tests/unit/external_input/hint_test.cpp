@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -69,14 +72,18 @@ TEST(HintTest, GuardsEndWhateverIsCurrent) {
 class ScriptedRandom {
  public:
     explicit ScriptedRandom(int value) {
-        vesko::randomIntHook = [value](int lo, int hi, bool randomSign) {
+        next = value;
+        vesko::randomIntHook = [](int lo, int hi, bool randomSign) {
             EXPECT_EQ(lo, 0);
             EXPECT_EQ(hi, 999);
             EXPECT_FALSE(randomSign);
-            return value;
+            return next;
         };
     }
     ~ScriptedRandom() { vesko::randomIntHook = vesko::randomInt; }
+
+ private:
+    static inline int next = 0;
 };
 
 TEST(HintTest, IdsHoldARandomNumberAndACount) {
@@ -189,7 +196,9 @@ TEST(ThreadValuesTest, AreNotBegunWhenNothingWouldReleaseThem) {
         const long before = allocations::alive();
         hint(longName, longName).setAsExternalInputHint();
         EXPECT_EQ(current(), "none");
-        { auto guard = hint::createExternalInputHint(longName); }
+        {
+            auto guard = hint::createExternalInputHint(longName);
+        }
         hint::copyThreadStorageIfNecessary(full);
         EXPECT_EQ(current(), "none");
         EXPECT_EQ(context_store::getStore().lock(), nullptr);

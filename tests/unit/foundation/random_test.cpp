@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -10,7 +13,7 @@ namespace vesko {
 namespace {
 
 struct Random : testing::Test {
-    std::function<int(int, int, bool)> original = randomIntHook;
+    decltype(randomIntHook) original = randomIntHook;
     ~Random() override { randomIntHook = original; }
 };
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "stack/module_manager.h"
 
 #include <gtest/gtest.h>
@@ -90,6 +93,10 @@ TEST_F(ModuleManagerTest, AListOfTheSameVersionStays) {
     scripted::processModules[otherProcess] = {{moduleAt(0x1000, 0x1000, "/c")}, {{6, 1}}};
     EXPECT_EQ(findPath(otherProcess, 0x1800), "/c");
     EXPECT_EQ(findPath(process, 0x9800), "/b");
+    // A listing that failed is no answer to keep.
+    scripted::processModules[process] = {{}, {{7, 1}}};
+    EXPECT_EQ(findPath(process, 0x1800), "");
+    EXPECT_EQ(renewals(process, 0x1800), 1);
 }
 
 TEST_F(ModuleManagerTest, AnUnloadedModuleIsFoundUntilTheNextRenewal) {

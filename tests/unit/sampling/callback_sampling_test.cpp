@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Sampling through a callback over a made-up clock.
 
 #include <ThreadUtilities/Sampling.h>
@@ -5,6 +8,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <locale>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -95,16 +99,23 @@ TEST_F(CallbackSampling, AnEmptyCallbackGivesAnEmptyReport) {
 }
 
 TEST_F(CallbackSampling, FocusThreadIsSampledOncePerIntervalAndSleptFor) {
-    // Time passes in sleeps alone: samples at 0, 250, 500 and 750 ms.
-    EXPECT_EQ(sampleFocus(1s, 250ms),
-              "Total sample count: 4\nParallelism: 1\n\n"
-              "Thread 5 [4]: \n  [4]: frame 77/10\n\n");
-    milliseconds slept{};
-    for (const milliseconds sleep : scripted::sleeps()) {
+    // No text of the library is written as the host's locale says.
+    struct EachDigit : std::numpunct<char> {
+        std::string do_grouping() const override { return "\1"; }
+    };
+    const std::locale before = std::locale::global(std::locale(std::locale(), new EachDigit));
+    // Time passes in sleeps alone: samples at 0, 250, 500 ms and so on.
+    EXPECT_EQ(sampleFocus(3s, 250ms),
+              "Total sample count: 12\nParallelism: 1\n\n"
+              "Thread 5 [12]: \n  [12]: frame 77/10\n\n");
+    std::locale::global(before);
+    std::chrono::nanoseconds slept{};
+    for (const std::chrono::nanoseconds sleep : scripted::sleeps()) {
         slept += sleep;
         EXPECT_GT(sleep, 0ms);
     }
-    EXPECT_EQ(slept, 1000ms);
+    EXPECT_EQ(slept, 3s);
+    rooms.resize(5);
     EXPECT_EQ(rooms, (std::vector<std::size_t>{256, 0, 1, 1, 1}))
         << "one call before the start; the worker keeps its vector";
 }

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "unit/sampling/lower_layers.h"
 
 #include <ThreadUtilities/StackTrace.h>
@@ -93,9 +96,10 @@ unsigned long long getStackTrace(const unsigned int& threadId, unsigned long lon
     return count;
 }
 
-unsigned long long captureOtherThread(unsigned int threadId, unsigned long long* frames,
-                                      unsigned long long maxFrames, bool suspend) {
-    return getStackTrace(threadId, frames, maxFrames, suspend);
+platform::Visit captureOtherThread(unsigned int threadId, std::span<unsigned long long> frames,
+                                   bool suspend, std::chrono::steady_clock::time_point) {
+    return {platform::VisitResult::Visited, static_cast<std::size_t>(getStackTrace(
+                                                threadId, frames.data(), frames.size(), suspend))};
 }
 
 WideString describeFrame(unsigned int processId, unsigned long long address) {

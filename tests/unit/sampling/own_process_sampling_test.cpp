@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Sampling of the calling process over a made-up clock.
 
 #include <ThreadUtilities/Sampling.h>
@@ -5,7 +8,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <mutex>
+#include <new>
+#include <string>
+#include <vector>
 
 #include "scripted_platform/clock_script.h"
 #include "support/latch.h"
@@ -39,23 +47,26 @@ class OwnProcessSampling : public testing::Test {
     std::vector<unsigned int> captured;
 };
 
-TEST_F(OwnProcessSampling, TakesEachThreadOncePerInterval) {
-    // Every reading of the clock takes 1 ms: each turn ends within the interval of 100 ms.
-    scripted::setAdvancePerReading(1ms);
+// Time passes in sleeps alone.
+TEST_F(OwnProcessSampling, WaitsUntilAThreadIsDueAndLooksForNewOnesMeanwhile) {
+    int fetches = 0;
+    layers.onThreadList = [&] {
+        if (++fetches == 6) {  // 4 ms after the beginning
+            layers.threads[0].push_back(13);
+        }
+    };
     const std::string report = sampleAllThreads(1s, 100ms);
-    for (const unsigned int thread : {11u, 12u}) {
-        EXPECT_GE(captures(thread), 8) << thread;
-        EXPECT_LE(captures(thread), 10) << thread;
-        const std::string count = std::to_string(captures(thread));
-        const std::string id = std::to_string(thread);
-        const std::string block = "Thread " + id + " [" + count + "]: \n  [" + count +
-                                  "]: frame 0/10" + id + "\n   [" + count + "]: frame 0/20" + id +
-                                  "\n\n";
+    // A fetch after each of 1000 waits, and at once after each of 11 passes that found a thread.
+    EXPECT_EQ(report.find("Total sample count: 30\nIteration count: 1020\nParallelism: 1\n\n"), 0u)
+        << report;
+    for (const std::string id : {"11", "12", "13"}) {
+        const std::string block = "Thread " + id + " [10]: \n  [10]: frame 0/10" + id +
+                                  "\n   [10]: frame 0/20" + id + "\n\n";
         EXPECT_NE(report.find(block), std::string::npos) << report;
     }
-    EXPECT_EQ(report.find("Total sample count: " + std::to_string(captured.size()) + "\n"), 0u);
-    EXPECT_TRUE(scripted::sleeps().empty()) << "this worker never sleeps";
-    EXPECT_GT(scripted::yieldCount(), 0u) << "but lets others run when nothing is due";
+    const auto sleeps = scripted::sleeps();
+    EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), std::chrono::nanoseconds(1ms)), 1000);
+    EXPECT_EQ(sleeps.size(), 1000u);
 }
 
 TEST_F(OwnProcessSampling, CountsEveryPassAndFetchesTheListForEach) {
@@ -73,7 +84,7 @@ TEST_F(OwnProcessSampling, CountsEveryPassAndFetchesTheListForEach) {
     EXPECT_NE(report.find("\nIteration count: " + std::to_string(fetches - 2) + "\n"),
               std::string::npos)
         << report << fetches;
-    EXPECT_EQ(scripted::yieldCount(), 0u) << "every pass found something due";
+    EXPECT_TRUE(scripted::sleeps().empty()) << "every pass found something due";
 }
 
 TEST_F(OwnProcessSampling, ParallelismIsHalfTheHardwareThreads) {
@@ -117,20 +128,30 @@ TEST_F(OwnProcessSampling, WorkersAreNeverSampled) {
 
 TEST_F(OwnProcessSampling, CapturesOfSeveralWorkersOverlap) {
     scripted::setHardwareThreads(4);
-    // Returns only when both workers capture at the same time.
+    // Captures after the first of each thread return only when both workers capture at the same
+    // time: one of them waited for the other to find a thread due.
     tests::Latch bothCapture(2);
+    std::atomic<int> begun = 0;
     layers.captureOwn = [&](unsigned int) {
-        bothCapture.arrive_and_wait();
-        scripted::advanceClock(1h);
+        if (++begun > 2) {
+            bothCapture.arrive_and_wait();
+            scripted::advanceClock(1h);
+        }
         return Frames{1};
     };
-    EXPECT_EQ(sampleAllThreads(1s, 1min).substr(0, 22), "Total sample count: 2\n");
+    EXPECT_EQ(sampleAllThreads(1min, 1s).substr(0, 22), "Total sample count: 4\n");
 }
 
-TEST_F(OwnProcessSampling, WhatAWorkerThrowsReachesTheCaller) {
-    scripted::setHardwareThreads(6);
-    layers.captureOwn = [](unsigned int) -> Frames { throw std::bad_alloc(); };
-    EXPECT_THROW(sampleAllThreads(std::chrono::seconds::max(), 0ms), std::bad_alloc);
+TEST_F(OwnProcessSampling, WorkersThatWaitForOneAnotherAllEnd) {
+    scripted::setHardwareThreads(16);
+    layers.threads[0] = {11, 12, 13, 14, 15};
+    layers.captureOwn = [](unsigned int) { return Frames{1}; };
+    EXPECT_NE(sampleAllThreads(10s, 1ms), "");
+    // Also where one of them ends by itself, while the time stands still.
+    layers.captureOwn = [count = std::make_shared<std::atomic<int>>()](unsigned int) {
+        return ++*count == 1000 ? throw std::bad_alloc() : Frames{1};
+    };
+    EXPECT_THROW(sampleAllThreads(std::chrono::seconds::max(), 1ms), std::bad_alloc);
 }
 
 }  // namespace

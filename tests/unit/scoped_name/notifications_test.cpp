@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -89,9 +92,13 @@ TEST_F(NotificationsTest, AnnounceTheOutermostScopeThatMayNotify) {
         hint("h", "own").setAsExternalInputHint();
         location posted = location::current("a.cpp", 1, "f");
         hint("k", "before").setAsExternalInputHint();
-        { ScopedThreadName scope(posted); }
+        {
+            ScopedThreadName scope(posted);
+        }
         EXPECT_THAT(heard(), ElementsAre("a start a.cpp:1:f/before", "a end a.cpp:1:f/own"));
-        { ScopedThreadName scope(location::current(nullptr, 1, "f")); }
+        {
+            ScopedThreadName scope(location::current(nullptr, 1, "f"));
+        }
         EXPECT_THAT(heard(), IsEmpty()) << "a scope that names nothing";
     });
 }
@@ -103,14 +110,20 @@ TEST_F(NotificationsTest, CallRegistrationsInOrder) {
     ScopedThreadName::registerCallback(nullptr);
     ScopedThreadName::unRegisterCallback(nullptr);
     ScopedThreadName::unRegisterCallback(std::make_shared<Recorder>(events, "unknown"));
-    { ScopedThreadName scope("x", true); }
+    {
+        ScopedThreadName scope("x", true);
+    }
     EXPECT_THAT(heard(), ElementsAre("a start x", "b start x", "a start x", "a end x", "b end x",
                                      "a end x"));
     ScopedThreadName::unRegisterCallback(first);
-    { ScopedThreadName scope("x", true); }
+    {
+        ScopedThreadName scope("x", true);
+    }
     EXPECT_THAT(heard(), ElementsAre("b start x", "a start x", "b end x", "a end x"));
     second.reset();
-    { ScopedThreadName scope("x", true); }
+    {
+        ScopedThreadName scope("x", true);
+    }
     EXPECT_THAT(heard(), ElementsAre("a start x", "a end x")) << "an ended observer is skipped";
 }
 
@@ -145,10 +158,14 @@ TEST_F(NotificationsTest, LetObserversChangeTheList) {
         ScopedThreadName::registerCallback(third);
         first->atStart = nullptr;
     };
-    { ScopedThreadName scope("x", true); }
+    {
+        ScopedThreadName scope("x", true);
+    }
     EXPECT_THAT(heard(), ElementsAre("a start x", "b start x", "a end x", "c end x"));
     first->atStart = [] { ScopedThreadName::deinitNotifier(); };
-    { ScopedThreadName scope("x", true); }
+    {
+        ScopedThreadName scope("x", true);
+    }
     EXPECT_THAT(heard(), ElementsAre("a start x", "c start x")) << "an event under way is finished";
 }
 
@@ -171,12 +188,14 @@ TEST_F(NotificationsTest, AThrowingStartIsDroppedByScopesOfALocationOnly) {
                                          "b end a.cpp:1:f/before"));
 
         hint("h", "own").setAsExternalInputHint();
-        EXPECT_THROW(ScopedThreadName("x", true), std::runtime_error);
+        EXPECT_THROW(const ScopedThreadName name("x", true), std::runtime_error);
         EXPECT_EQ(getThreadName(), "");
         EXPECT_EQ(hint::getExternalInputHintId(), "h");
         first->atStart = nullptr;
         heard();
-        { ScopedThreadName scope("y", true); }
+        {
+            ScopedThreadName scope("y", true);
+        }
         EXPECT_THAT(heard(),
                     ElementsAre("a start y/own", "b start y/own", "a end y/own", "b end y/own"));
     });
@@ -189,13 +208,31 @@ TEST_F(NotificationsTest, AThrowingEndLeavesNameAndHint) {
         hint("h", "own").setAsExternalInputHint();
         const location posted = location::current("a.cpp", 1, "f");
         hint::clearExternalInputHint();
-        { ScopedThreadName scope(posted); }
+        {
+            ScopedThreadName scope(posted);
+        }
         EXPECT_EQ(getThreadName(), "a.cpp:1:f");
         EXPECT_EQ(hint::getExternalInputHintId(), "h");
-        { ScopedThreadName scope("next", true); }
+        {
+            ScopedThreadName scope("next", true);
+        }
         EXPECT_THAT(heard(), ElementsAre("a start a.cpp:1:f", "a end a.cpp:1:f/own",
                                          "a start next/own", "a end next/own"));
     });
+}
+
+TEST_F(NotificationsTest, ScopesThatObserversBeginAreAnnouncedToACertainDepth) {
+    auto observer = add("a");
+    observer->atStart = [] { ScopedThreadName nested("nested", true); };
+    observer->atEnd = [] { ScopedThreadName again("again", true); };
+    for (int turn = 0; turn < 2; ++turn) {
+        {
+            ScopedThreadName scope("x", true);
+        }
+        EXPECT_THAT(heard(),
+                    ElementsAre("a start x", "a end x", "a start again", "a end again",
+                                "a start again", "a end again", "a start again", "a end again"));
+    }
 }
 
 // An observer that ends while the list is searched must not do so under the list's lock, because
@@ -238,7 +275,9 @@ TEST_F(NotificationsTest, AnyThreadMayChangeTheListAtAnyTime) {
     searching.join();
     naming.join();
     const auto last = add("last");
-    { ScopedThreadName scope("x", true); }
+    {
+        ScopedThreadName scope("x", true);
+    }
     EXPECT_THAT(heard(), ElementsAre("last start x", "last end x"));
 }
 

@@ -1,6 +1,11 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <string>
+#include <type_traits>
 #include <vector>
 
 #include <ThreadUtilities/ScopedThreadName.h>
@@ -25,6 +30,13 @@ using vesko::external_input::hint;
 using vesko::source::location;
 
 const location here = location::current("C:\\work\\net/Worker.cpp", 57, "Worker::run");
+
+// A text as the second argument is no flag.
+template <typename... Arguments>
+constexpr bool canBeMadeFrom = std::is_constructible_v<ScopedThreadName, Arguments...>;
+static_assert(canBeMadeFrom<const char*, bool> && canBeMadeFrom<std::string, int>);
+static_assert(!canBeMadeFrom<const char*, const char (&)[2]> &&
+              !canBeMadeFrom<std::string, const char*&> && !canBeMadeFrom<std::string, void*>);
 
 TEST(ScopedThreadNameTest, NamesTheThreadUntilItEnds) {
     struct Case {

@@ -1,19 +1,27 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include "stack/capture_session.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 
+#include "platform/clock.h"
 #include "scripted_platform/clock_script.h"
 #include "scripted_platform/current_script.h"
 #include "scripted_platform/debugger_script.h"
-#include "scripted_platform/thread_clock_script.h"
+#include "scripted_platform/run_witness_script.h"
 #include "scripted_platform/thread_context_script.h"
 #include "stack/frame_walk.h"
 
 namespace ThreadUtilities {
 
 void prepareFrameWalks() noexcept {}
+bool searchForWalks() noexcept {
+    return false;
+}
 
 std::size_t walkCallingThread(unsigned long long*, std::size_t) noexcept {
     return 0;
@@ -33,11 +41,15 @@ namespace {
 
 constexpr unsigned int target = 6;
 
-scripted::VisitScript visitOf(std::uint64_t frameCount, std::uint64_t firstFrame) {
+constexpr platform::ThreadRuns firstRun{1, 100, 10};
+constexpr platform::ThreadRuns secondRun{2, 100, 10};
+
+scripted::VisitScript visitOf(std::uint64_t frameCount, std::uint64_t firstFrame,
+                              std::optional<platform::ThreadRuns> atRest) {
     platform::ThreadContext context;
     context.registers[platform::Rax] = frameCount;
     context.registers[platform::Rsp] = firstFrame;
-    return {{context}, platform::VisitResult::Visited};
+    return {{context}, platform::VisitResult::Visited, atRest};
 }
 
 class CaptureSessions : public testing::Test {
@@ -46,7 +58,7 @@ class CaptureSessions : public testing::Test {
         scripted::setCurrentThreadId(5);
         scripted::visitScripts.clear();
         scripted::visits = 0;
-        scripted::threadRunTimes.clear();
+        scripted::threadRuns.clear();
         scripted::resetClock();
         scripted::debuggerAttached = false;
     }
@@ -55,50 +67,79 @@ class CaptureSessions : public testing::Test {
         scripted::setCurrentThreadId(0);
     }
 
-    CaptureSession session_{16};
+    int visitsFor(unsigned int thread) {
+        const int before = scripted::visits;
+        EXPECT_EQ(session_.capture(thread), 3U);
+        EXPECT_EQ(session_.frames()[2], 30U);
+        return scripted::visits - before;
+    }
+
+    static constexpr std::size_t files = 2;
+    CaptureSession session_{16, std::chrono::steady_clock::time_point::max(), files};
 };
 
-TEST_F(CaptureSessions, AThreadIsVisitedAgainOnlyWhenItHasRun) {
-    scripted::visitScripts[target] = visitOf(3, 10);
-    scripted::threadRunTimes[target] = 100;
-    for (int round = 0; round < 5; ++round) {
-        ASSERT_EQ(session_.capture(target), 3U);
-        EXPECT_EQ(session_.frames()[2], 30U);
-    }
-    EXPECT_EQ(scripted::visits, 1);
+TEST_F(CaptureSessions, AThreadIsVisitedAgainOnlyWhenItHasRunSinceItWasAtRest) {
+    scripted::visitScripts[target] = visitOf(3, 10, firstRun);
+    scripted::threadRuns[target] = firstRun;
+    EXPECT_EQ(visitsFor(target), 1);
+    EXPECT_EQ(visitsFor(target), 0);
+    EXPECT_EQ(visitsFor(target), 0);
 
-    scripted::visitScripts[target] = visitOf(2, 40);
-    scripted::threadRunTimes[target] = 101;
-    EXPECT_EQ(session_.capture(target), 2U);
-    EXPECT_EQ(session_.frames()[1], 80U);
-    EXPECT_EQ(scripted::visits, 2);
+    // It ran again while it was being captured: what was found is older.
+    scripted::threadRuns[target] = secondRun;
+    EXPECT_EQ(visitsFor(target), 1);
+    EXPECT_EQ(visitsFor(target), 1);
+    scripted::visitScripts[target] = visitOf(3, 10, secondRun);
+    EXPECT_EQ(visitsFor(target), 1);
+    EXPECT_EQ(visitsFor(target), 0);
+
+    // It was stopped, and ran on in the same turn.
+    scripted::visitScripts[target] = visitOf(3, 10, std::nullopt);
+    scripted::threadRuns[target] = {3, 100, 10};
+    EXPECT_EQ(visitsFor(target), 1);
+    EXPECT_EQ(visitsFor(target), 1);
 }
 
-TEST_F(CaptureSessions, KeepThreadsApart) {
-    for (const unsigned int thread : {7U, 8U, 7U, 8U}) {
-        scripted::visitScripts[thread] = visitOf(thread, 10);
-        scripted::threadRunTimes[thread] = 100;
+TEST_F(CaptureSessions, KeepThreadsApartAndNoMoreFilesThanTheyMay) {
+    for (const unsigned int thread : {7U, 8U, 9U, 7U, 8U, 9U}) {
+        scripted::visitScripts[thread] = visitOf(thread, 10, firstRun);
+        scripted::threadRuns[thread] = firstRun;
         EXPECT_EQ(session_.capture(thread), thread);
     }
-    EXPECT_EQ(scripted::visits, 2);
+    EXPECT_EQ(scripted::visits, 3);
+    EXPECT_EQ(scripted::openWitnesses, static_cast<int>(files));
+    // Threads that come and go give theirs back.
+    scripted::threadRuns.clear();
+    bool allWereGivenBack = false;
+    for (unsigned int thread = 100; thread < 1000; ++thread) {
+        scripted::visitScripts[thread] = visitOf(3, 10, firstRun);
+        session_.capture(thread);
+        allWereGivenBack = allWereGivenBack || scripted::openWitnesses == 0;
+    }
+    EXPECT_TRUE(allWereGivenBack);
 }
 
-TEST_F(CaptureSessions, VisitEveryTimeWithoutAClockOrAnAnswer) {
-    scripted::visitScripts[target] = visitOf(3, 10);
-    EXPECT_EQ(session_.capture(target), 3U);
-    EXPECT_EQ(session_.capture(target), 3U);
-    EXPECT_EQ(scripted::visits, 2);
-
-    scripted::threadRunTimes[target] = 100;
+TEST_F(CaptureSessions, AnAnswerThatFailedIsNotKept) {
+    scripted::threadRuns[target] = firstRun;
     scripted::visitScripts[target] = {{}, platform::VisitResult::NotAnswering};
     EXPECT_EQ(session_.capture(target), 0U);
-    scripted::visitScripts[target] = visitOf(3, 10);
-    EXPECT_EQ(session_.capture(target), 3U);
+    scripted::visitScripts[target] = visitOf(3, 10, firstRun);
+    EXPECT_EQ(visitsFor(target), 1);
+}
+
+TEST_F(CaptureSessions, WaitForASecondAndNoLongerThanTheRun) {
+    const auto now = platform::steadyNow();
+    scripted::visitScripts[target] = visitOf(3, 10, std::nullopt);
+    EXPECT_EQ(visitsFor(target), 1);
+    EXPECT_EQ(scripted::lastDeadline - now, std::chrono::seconds(1));
+    CaptureSession session(16, now + std::chrono::milliseconds(5), 0);
+    EXPECT_EQ(session.capture(target), 3U);
+    EXPECT_EQ(scripted::lastDeadline - now, std::chrono::milliseconds(5));
 }
 
 TEST_F(CaptureSessions, NoticeADebuggerWithinAMillisecond) {
-    scripted::visitScripts[target] = visitOf(3, 10);
-    scripted::threadRunTimes[target] = 100;
+    scripted::visitScripts[target] = visitOf(3, 10, firstRun);
+    scripted::threadRuns[target] = firstRun;
     ASSERT_EQ(session_.capture(target), 3U);
     scripted::debuggerAttached = true;
     scripted::advanceClock(std::chrono::milliseconds(1));

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // Walks over made-up code and stacks: what contexts of different kinds ask of the walk.
 
 #include "stack/frame_walk.h"
@@ -6,6 +9,7 @@
 
 #include "scripted_platform/code_modules_script.h"
 #include "scripted_platform/memory_script.h"
+#include "stack/cfi/frame_description.h"
 #include "stack_cfi/table_builder.h"
 
 namespace ThreadUtilities {
@@ -109,13 +113,12 @@ TEST_F(FrameWalk, FindsFramesByRegistersThatCachedRulesLose) {
     }
 }
 
-/// The instruction at which a signal struck may be the first of a function: nothing before it is
-/// looked up, whereas a return address right behind a function belongs to the call before it.
 /// Looked up one byte earlier, it is what the empty entries of the cache could be taken for.
 TEST_F(FrameWalk, HasNoRuleForAddressOne) {
     addModule(true);
+    scripted::memory[builder.address()] = builder.memory;
     setStack({0, 0, 0, 1, in(plain), 0});
-    EXPECT_EQ(walk(in(plain), WalkEnd::NoUnwindData), Expected{1});
+    EXPECT_EQ(walk(in(plain), WalkEnd::NoReturnAddress), Expected{});
     context.registers[platform::Rsp] += 32;
     const auto asInterrupted = [&] {
         context.registers[platform::Rip] = 1;
@@ -126,6 +129,8 @@ TEST_F(FrameWalk, HasNoRuleForAddressOne) {
     EXPECT_EQ(asInterrupted(), in(plain));
 }
 
+/// The instruction at which a signal struck may be the first of a function: nothing before it is
+/// looked up, whereas a return address right behind a function belongs to the call before it.
 TEST_F(FrameWalk, LooksUpInterruptedAddressesAsTheyStand) {
     addModule(true);
     setStack({0, 0, 0, in(trampoline),         0, 0, 0, 0,
@@ -138,12 +143,46 @@ TEST_F(FrameWalk, LooksUpInterruptedAddressesAsTheyStand) {
     }
 }
 
+/// The first entries of a table without an index are looked at on the spot, all others outside.
 TEST_F(FrameWalk, FindsFunctionsWithoutAnIndex) {
-    builder.memory[2] = builder.memory[3] =
-        0xFF;  // the encodings of count and pairs: there are none
+    cfi::TableBuilder large;
+    const auto common = large.addCommonPart("zR", {0x1B}, cfi::usualCommonProgram);
+    large.addFunction(common, plain, 0x100, {0x0E, 32});
+    large.addFunction(common, outermost, 0x100, {0x07, 16});
+    for (unsigned number = 0; number < cfi::mostEntriesWhileHeld; ++number) {
+        large.addFunction(common, 0xB000 + 32 * number, 32, {0x0E, 16});
+    }
+    constexpr std::uint64_t late = 0xD000;
+    large.addFunction(common, late, 0x100, {0x0E, 32});
+    large.finish();
+    large.memory[2] = large.memory[3] = 0xFF;  // encodings of count and pairs: there are none
+    builder = large;
     addModule(true);
-    setStack({0, 0, 0, in(savesRbx), 0, 0, 0, in(outermost)});
-    EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack), (Expected{in(savesRbx), in(outermost)}));
+    setStack({0, 0, 0, in(late), 0, 0, 0, in(outermost)});
+    scripted::memory[builder.address()] = builder.memory;
+    EXPECT_EQ(walk(in(plain), WalkEnd::LongSearch), Expected{in(late)});
+    prepareFrameWalks();
+    EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack), (Expected{in(late), in(outermost)}));
+}
+
+/// A filter of a thread's own may end it for any system call.
+TEST_F(FrameWalk, MakesNoSystemCallWhereItMayNot) {
+    addModule(true);
+    setStack({0, 0, 0, in(plain), 0, 0, 0, in(plain), 0, 0, 0, in(outermost)});
+    const auto begin = reinterpret_cast<std::uint64_t>(words.data());
+    context.stack = {begin, begin + 8 * words.size()};
+    context.readableStack = {begin, begin + 64};
+    context.stackShift = 0;
+    context.registers[platform::Rsp] = begin;
+    scripted::memory[builder.address()] = builder.memory;
+    scripted::memory[begin] = scripted::bytesOf(words);
+    context.mayCallSystem = false;
+    scripted::memoryQuestions = 0;
+    EXPECT_EQ(walk(in(plain), WalkEnd::Unreadable), (Expected{in(plain), in(plain)}));
+    EXPECT_EQ(scripted::memoryQuestions, 0u);
+    context.mayCallSystem = true;
+    EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack),
+              (Expected{in(plain), in(plain), in(outermost)}));
 }
 
 /// Tables of a module that may go while the walk reads them are not touched in place.

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 #include <algorithm>
@@ -13,7 +16,8 @@ namespace ThreadUtilities::cfi {
 using Bytes = std::vector<std::uint8_t>;
 
 /// Writes unwind tables for made-up code into memory of its own. The module begins with the index,
-/// `.eh_frame` follows, and the code lies in the rest, of which nothing is ever read.
+/// `.eh_frame` follows, and the code lies in the rest: one call in each function, which ends at its
+/// byte 16.
 class TableBuilder {
  public:
     TableBuilder() : memory(moduleSize) {}
@@ -50,6 +54,7 @@ class TableBuilder {
         put8(0);  // no augmentation data
         putAll(program);
         endEntry(entry);
+        memory.at(code + 16 - 5) = 0xE8;
         functions.push_back({static_cast<std::uint32_t>(code), static_cast<std::uint32_t>(entry)});
     }
 
@@ -84,7 +89,7 @@ class TableBuilder {
     }
 
     static constexpr std::size_t moduleSize = 1 << 16;
-    static constexpr std::size_t framesOffset = 1024;
+    static constexpr std::size_t framesOffset = 2048;
 
     Bytes memory;
 

@@ -1,6 +1,12 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <map>
+#include <utility>
 #include <vector>
 
 #include "stack/walk.h"
@@ -25,6 +31,9 @@ class ScriptedUnwinder {
     template <class Words>
     StepResult step(Words&) {
         const auto frame = frames.find(counter);
+        if (!isReturnedTo()) {
+            return StepResult::NotReturnedTo;
+        }
         if (frame == frames.end()) {
             return StepResult::NoUnwindData;
         }
@@ -35,9 +44,13 @@ class ScriptedUnwinder {
         return frame->second.result;
     }
 
-    void returnTo(std::uint64_t address, std::uint64_t stackPointer) {
+    // Addresses from 100 on are none that a call returns to.
+    bool isReturnedTo() const { return counter < 100; }
+
+    bool returnTo(std::uint64_t address, std::uint64_t stackPointer) {
         counter = address;
         stack = stackPointer;
+        return isReturnedTo();
     }
 
     std::map<std::uint64_t, Frame> frames;
@@ -107,6 +120,19 @@ INSTANTIATE_TEST_SUITE_P(
              {2, 3},
              WalkEnd::EndOfStack},
         Case{"NoMoreRoom", {{1, {made, 2}}, {2, {made, 3}}}, {}, 1, {2}, WalkEnd::FrameLimit},
+        Case{"NotReturnedTo",
+             {{1, {made, 2}}, {2, {made, 100}}},
+             {},
+             9,
+             {2},
+             WalkEnd::NoReturnAddress},
+        Case{"LastIsNotReturnedTo",
+             {{1, {made, 2}}, {2, {made, 100}}},
+             {},
+             2,
+             {2},
+             WalkEnd::NoReturnAddress},
+        Case{"GuessIsNotReturnedTo", {}, {{1000, 100}}, 9, {}, WalkEnd::NoUnwindData},
         Case{"TwoFramesWithoutTables", {}, {{1000, 2}, {1008, 3}}, 9, {2}, WalkEnd::NoUnwindData},
         Case{"OuterFrameWithoutTables",
              {{1, {made, 2}}},

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 // The reports over stand-ins for what they put together, which write down who was called when.
 
 #include <gmock/gmock.h>

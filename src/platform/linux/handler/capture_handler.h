@@ -1,29 +1,34 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // The signal handler that answers capture requests on the thread that they are for.
 
 #include <csignal>
-#include <cstddef>
+#include <cstdint>
+
+#include "platform/linux/handler/handler_chain.h"
 
 namespace ThreadUtilities::platform {
 
-/// Ignored by default, so harmless to a thread or program that has no handler for it.
-inline constexpr int captureSignal = SIGURG;
-
 /// What `rt_tgsigqueueinfo` is given to call the handler on a thread. It names that thread, which
 /// saves the handler a system call, and no request: the handler finds those by the thread's id.
-siginfo_t captureSignalInfo(unsigned int threadId) noexcept;
+siginfo_t captureSignalInfo(int number, unsigned int threadId) noexcept;
 
-using SignalFunction = void (*)(int, siginfo_t*, void*);
+/// The handler. Answers the requests of this copy of the library; signals that are not its own go
+/// to `previousAction`.
+void onCaptureSignal(int number, siginfo_t* info, void* interrupted) noexcept;
 
-/// A host may put its own handler in front of ours, keep ours as "the previous one" and call it.
-/// If we then put the same function in front again and passed foreign signals to the host's, the
-/// two would call each other for ever. Therefore every installation uses the next of these
-/// functions, each of which passes signals on only to the action that was there before it.
-inline constexpr std::size_t handlerLayers = 64;
-SignalFunction handlerOfLayer(std::size_t layer) noexcept;
+/// Returns from the handler to the interrupted code.
+extern "C" __attribute__((visibility("hidden"))) void tuCaptureRestorer() noexcept;
 
-/// Where layer `layer` passes signals that are not ours; set before the layer is installed.
-void setPreviousAction(std::size_t layer, const struct sigaction& action) noexcept;
+/// Set before the handler is installed.
+extern constinit ChainLink previousAction asm("tuCapturePreviousAction")
+    __attribute__((visibility("hidden")));
+
+/// How much stack must be left below a handler's frame for it to walk: what it takes with all that
+/// it calls is less. With less room it answers without frames.
+inline constexpr std::uintptr_t handlerRoom = 4096;
 
 }  // namespace ThreadUtilities::platform

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // What a capturing thread asks of a running one, and the rules by which the two sides meet.
@@ -6,25 +9,30 @@
 // arrive after its capturer has given up, returned and ended. A slot's word says who owns it:
 //
 //     Free --post--> Posted --claim--> Claimed --complete--> Done --release--> Free
-//                      \----cancel----> Free
+//                      \----cancel----> Free  \--abandon--> Abandoned --complete--> Free
 //
-// The capturer posts, cancels and releases, the handler claims and completes. Claim and cancel are
+// The capturer posts, cancels, abandons and releases, the handler claims and completes. All are
 // compare-exchanges on the same word and that word holds the slot's generation as well; therefore
-// exactly one of them wins, and a handler that comes with an older generation changes nothing.
+// of claim and cancel, and of abandon and complete, exactly one wins, and a handler that comes with
+// an older generation changes nothing. Everything that a handler reads or writes lies in the slot.
+// Whoever moves it to Free for good (the capturer, or the handler of an abandoned request) takes it
+// out of use; therefore a handler that is late, frozen, or left by a jump never writes to what
+// belongs to somebody else.
 
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "platform/thread_context.h"
 
 namespace ThreadUtilities::platform {
 
-enum class RequestPhase : std::uint32_t { Free, Posted, Claimed, Done };
+enum class RequestPhase : std::uint32_t { Free, Posted, Claimed, Done, Abandoned };
 
 /// Phase, generation and the capturer's wish to be woken, in the 32 bits that a futex can wait on.
-/// 2^29 generations pass before a late signal could name a slot's number again.
+/// 2^28 generations pass before a late signal could name a slot's number again.
 class RequestWord {
  public:
     constexpr RequestWord() = default;
@@ -49,11 +57,14 @@ class RequestWord {
     [[nodiscard]] constexpr std::uint32_t bits() const { return bits_; }
 
  private:
-    static constexpr std::uint32_t phaseMask = 3;
-    static constexpr std::uint32_t sleepsBit = 4;
-    static constexpr std::uint32_t generationShift = 3;
+    static constexpr std::uint32_t phaseMask = 7;
+    static constexpr std::uint32_t sleepsBit = 8;
+    static constexpr std::uint32_t generationShift = 4;
     std::uint32_t bits_ = 0;
 };
+
+inline constexpr std::size_t slotFrames = 256;
+inline constexpr std::size_t stackCopySize = 4096;
 
 struct alignas(64) CaptureRequest {
     std::atomic<std::uint32_t> word{0};
@@ -62,13 +73,23 @@ struct alignas(64) CaptureRequest {
     std::atomic<std::uint32_t> threadId{0};
     // From here on: written before posting, read after claiming.
     ContextVisitor visitor = nullptr;
-    void* visitorState = nullptr;
     ReadableRange stackBounds;  ///< of the thread's own stack; empty when unknown
+    bool mayCallSystem = false;
     // Written between claim and completion, read after it.
+    std::uintptr_t handlerFrame = 0;
+    std::uintptr_t handlerStack = 0;  ///< the alternate stack's begin, if it stands on one
     VisitorAnswer answer = VisitorAnswer::Enough;
+    VisitRoom room;
+    /// More room than the slot has itself; stays with the slot until its next user.
+    std::span<unsigned long long> mapping;
+    alignas(64) std::array<std::byte, visitScratchSize> scratch;
+    std::array<unsigned long long, slotFrames> frames;
+    /// Of a thread's stack, for the capturer.
+    std::array<std::byte, stackCopySize> stackCopy;
 };
 
-inline constexpr std::size_t requestSlots = 1024;
+// Only pages of slots that were ever in use at once take memory.
+inline constexpr std::size_t requestSlots = 128;
 inline constexpr std::size_t slotsPerWord = 64;
 
 /// The slots, and one bit for each that is in use.

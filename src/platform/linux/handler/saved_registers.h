@@ -1,7 +1,11 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // What the kernel saved of a thread when it called a signal handler on it.
 
+#include <signal.h>
 #include <ucontext.h>
 
 #include "platform/thread_context.h"
@@ -18,6 +22,26 @@ inline Registers savedRegisters(const ucontext_t& interrupted) noexcept {
             static_cast<std::uint64_t>(interrupted.uc_mcontext.gregs[savedAs[number]]);
     }
     return registers;
+}
+
+/// The pages that the kernel has just written for the signal, if it did so on the stack that was in
+/// use: from the context up to the red zone, below which the registers' extended state was put at
+/// the next multiple of 64.
+inline ReadableRange pagesOfSignal(const ucontext_t& interrupted) noexcept {
+    constexpr std::uint64_t unwritten = 128 + 64;
+    constexpr std::uint64_t inPage = memoryPageSize - 1;
+    const auto context = reinterpret_cast<std::uint64_t>(&interrupted);
+    const auto stackPointer = static_cast<std::uint64_t>(interrupted.uc_mcontext.gregs[REG_RSP]);
+    const auto alternate = reinterpret_cast<std::uint64_t>(interrupted.uc_stack.ss_sp);
+    const auto isAlternate = [&](std::uint64_t address) {
+        return (interrupted.uc_stack.ss_flags & SS_DISABLE) == 0 &&
+               address - alternate < interrupted.uc_stack.ss_size;
+    };
+    const bool isOnSameStack = !isAlternate(context) || isAlternate(stackPointer);
+    if (!isOnSameStack || stackPointer < context || stackPointer - context < unwritten) {
+        return {};
+    }
+    return {context & ~inPage, (stackPointer - unwritten + inPage) & ~inPage};
 }
 
 /// The part of a stack that a walk from `stackPointer` may read: what lies above, and the 128 bytes

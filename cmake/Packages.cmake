@@ -1,0 +1,31 @@
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+
+# `cpack` in the build folder makes a .tar.gz of everything and Debian packages: the library, and
+# what programs are built with.
+set(CPACK_GENERATOR TGZ)
+set(CPACK_PACKAGE_NAME threadutilities)
+set(CPACK_PACKAGE_VENDOR "The ThreadUtilities authors")
+set(CPACK_PACKAGE_CONTACT "The ThreadUtilities authors <threadutilities@localhost>")
+set(CPACK_RESOURCE_FILE_LICENSE "${PROJECT_SOURCE_DIR}/LICENSE")
+set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL Runtime Development)
+
+if(NOT WIN32)
+    list(APPEND CPACK_GENERATOR DEB)
+    set(CPACK_DEB_COMPONENT_INSTALL ON)
+    set(CPACK_PACKAGING_INSTALL_PREFIX "")
+    set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+    set(CPACK_DEBIAN_PACKAGE_SECTION libs)
+    set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libthreadutilities${PROJECT_VERSION_MAJOR})
+    set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "${PROJECT_DESCRIPTION}")
+    set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+    set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libthreadutilities-dev)
+    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+    set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION} (headers)")
+    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+        "libthreadutilities${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
+endif()
+include(CPack)

@@ -1,0 +1,16 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#pragma once
+
+#include <array>
+
+namespace ThreadUtilities::platform {
+
+/// A thread's name as the kernel keeps it: at most 15 bytes and a NUL, the rest zero.
+using KernelName = std::array<char, 16>;
+
+/// The calling thread's name in the kernel.
+KernelName ownKernelName() noexcept;
+
+}  // namespace ThreadUtilities::platform

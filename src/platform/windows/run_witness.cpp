@@ -1,0 +1,21 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "platform/run_witness.h"
+
+namespace ThreadUtilities::platform {
+
+// The times that the system keeps of a thread are counted in ticks of the system timer; a thread
+// can run between two of them.
+RunWitness::RunWitness(unsigned int threadId) noexcept : threadId_(threadId), file_(-1) {}
+RunWitness::~RunWitness() = default;
+
+std::optional<ThreadRuns> RunWitness::read() const noexcept {
+    return std::nullopt;
+}
+
+std::size_t separateOpenFiles() noexcept {
+    return 0;
+}
+
+}  // namespace ThreadUtilities::platform

@@ -1,0 +1,279 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "platform/linux/capture_signal.h"
+
+#include <ThreadUtilities/StackTrace.h>
+#include <asm/prctl.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/syscall.h>
+
+#include <array>
+#include <csetjmp>
+#include <csignal>
+#include <vector>
+
+#include "platform/thread_context.h"
+#include "support/copied_process.h"
+#include "support/sanitizers.h"
+#include "support/target_thread.h"
+
+// The C library's own: takes the lowest real-time signal away from the program.
+extern "C" int __libc_allocate_rtsig(int high);  // NOLINT
+
+// The signal of captures in hosts that use signals, and in copies of the library, as they like.
+
+namespace ThreadUtilities {
+namespace {
+
+using platform::captureSignal;
+using platform::ThreadContext;
+using platform::VisitorAnswer;
+using platform::VisitResult;
+using platform::VisitRoom;
+
+using CaptureSignal = WithPromptSignals;
+using Handler = WithPromptSignals;
+
+bool isCaptured(unsigned int threadId) {
+    unsigned long long frames[64];
+    return getStackTrace(threadId, frames, 64, true) > 0;
+}
+
+struct KernelAction {
+    void* function = nullptr;
+    unsigned long flags = 0;
+    void* restorer = nullptr;
+    unsigned long mask = 0;
+};
+
+KernelAction exchangeAction(int number, const KernelAction* next) {
+    KernelAction previous;
+    EXPECT_EQ(syscall(SYS_rt_sigaction, number, next, &previous, sizeof(previous.mask)), 0);
+    return previous;
+}
+
+TEST_F(CaptureSignal, ReachesNoHostThatTakesAllSignalsItself) {
+    std::atomic<int> received{0};
+    const auto waitForSignals = [&](const std::atomic<bool>& stop) {
+        sigset_t everything;
+        sigfillset(&everything);
+        pthread_sigmask(SIG_SETMASK, &everything, nullptr);
+        const int descriptor = signalfd(-1, &everything, SFD_NONBLOCK | SFD_CLOEXEC);
+        while (!stop) {
+            const timespec noTime{};
+            signalfd_siginfo info;
+            received += sigtimedwait(&everything, nullptr, &noTime) > 0 ? 1 : 0;
+            received += read(descriptor, &info, sizeof(info)) > 0 ? 1 : 0;
+        }
+        close(descriptor);
+    };
+    TargetThread target(waitForSignals);
+    for (int round = 0; round < 50; ++round) {
+        EXPECT_TRUE(isCaptured(target.id()));
+    }
+    EXPECT_EQ(received, 0);
+}
+
+// The C library carries changes of a process's ids to all threads by the same signal.
+TEST_F(CaptureSignal, LeavesTheCLibraryItsOwn) {
+    CopiedProcess child([] {
+        TargetThread spinning(spinUntil);
+        const KernelAction untouched = exchangeAction(captureSignal(), nullptr);
+        bool well = true;
+        for (int round = 0; round < 50; ++round) {
+            well = well && isCaptured(spinning.id()) && setresgid(-1, getegid(), -1) == 0;
+            if (round % 10 == 0) {
+                // As the C library puts it in place at the first start of a thread.
+                exchangeAction(captureSignal(), &untouched);
+            }
+        }
+        return well;
+    });
+    EXPECT_TRUE(child.endedWell());
+}
+
+// The new program would be killed by one: its action is the default one again.
+TEST(PendingCaptureSignal, DoesNotOutliveItsProgram) {
+    const auto pendingAfterExec = [](bool ofCaptures) {
+        CopiedProcess child([&] {
+            const std::uint64_t everything = ~std::uint64_t{0};
+            syscall(SYS_rt_sigprocmask, SIG_BLOCK, &everything, nullptr, sizeof(everything));
+            const auto self = static_cast<unsigned int>(gettid());
+            if (ofCaptures) {
+                platform::sendCaptureSignal(self);
+            } else {
+                syscall(SYS_tgkill, getpid(), self, captureSignal());
+            }
+            execlp("grep", "grep", "-q", "^SigPnd:\t0*$", "/proc/self/status", nullptr);
+            return 2;
+        });
+        return child.result();
+    };
+    EXPECT_EQ(pendingAfterExec(true), 0);
+    EXPECT_EQ(pendingAfterExec(false), 1) << "the check itself";
+}
+
+// As with another C library, which has the usual signal for something else.
+TEST_F(CaptureSignal, OfTheSecondChoiceGivesWayToTheHosts) {
+    CopiedProcess child([] {
+        __libc_allocate_rtsig(1);
+        TargetThread spinning(spinUntil);
+        bool well = captureSignal() == SIGURG && isCaptured(spinning.id());
+        static std::atomic<int> handled{0};
+        struct sigaction host{};
+        host.sa_handler = [](int) { ++handled; };
+        sigaction(SIGURG, &host, nullptr);
+        well = well && !isCaptured(spinning.id());
+        struct sigaction found{};
+        sigaction(SIGURG, nullptr, &found);
+        well = well && found.sa_handler == host.sa_handler && handled == 0;
+        signal(SIGURG, SIG_IGN);
+        return well && isCaptured(spinning.id());
+    });
+    EXPECT_TRUE(child.endedWell());
+}
+
+using CaptureByCopy = unsigned long long (*)(unsigned int);
+
+TEST_F(CaptureSignal, IsSharedByCopiesOfTheLibraryAndOutlivesThem) {
+    if (underAddressSanitizer) {
+        GTEST_SKIP() << "reports the globals that every copy has";
+    }
+    CopiedProcess child([] {
+        TargetThread spinning(spinUntil);
+        std::vector<void*> plugins;
+        std::vector<CaptureByCopy> captures;
+        for (const char* const name : {COPY_IN_first_PLUGIN, COPY_IN_second_PLUGIN}) {
+            plugins.push_back(dlopen(name, RTLD_NOW | RTLD_LOCAL));
+            captures.push_back(
+                reinterpret_cast<CaptureByCopy>(dlsym(plugins.back(), "captureByCopy")));
+        }
+        const KernelAction untouched = exchangeAction(captureSignal(), nullptr);
+        bool well = isCaptured(spinning.id());
+        for (int round = 0; round < 100; ++round) {
+            for (const CaptureByCopy capture : captures) {
+                well = well && capture(spinning.id()) > 0;
+            }
+            well = well && isCaptured(spinning.id());
+            // With the C library's action in the way each copy must come back, in any order, and
+            // that action must stay within reach of all.
+            if (round % 10 == 9) {
+                exchangeAction(captureSignal(), &untouched);
+                std::swap(captures.front(), captures.back());
+            }
+            well = well && setresgid(-1, getegid(), -1) == 0;
+        }
+        exchangeAction(captureSignal(), &untouched);
+        well = well && captures.front()(spinning.id()) > 0;
+        std::thread ending([&] {
+            captures.front()(spinning.id());
+            for (void* const plugin : plugins) {
+                dlclose(plugin);
+            }
+        });
+        ending.join();
+        return well && isCaptured(spinning.id()) && setresgid(-1, getegid(), -1) == 0;
+    });
+    EXPECT_TRUE(child.endedWell());
+}
+
+VisitResult visit(unsigned int threadId, platform::ContextVisitor visitor) {
+    std::array<unsigned long long, 1> frames{};
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    return platform::visitThreadContext({threadId, true, visitor, deadline}, frames).result;
+}
+
+// So that slots must be taken back from the threads that they were left to.
+constexpr int moreThanAllSlots = 150;
+
+TEST_F(Handler, MayBeLeftByAJumpOfTheHosts) {
+    static thread_local sigjmp_buf jump;
+    struct sigaction action{};
+    action.sa_handler = [](int) { siglongjmp(jump, 1); };
+    sigaction(SIGILL, &action, nullptr);
+    TargetThread target([](const std::atomic<bool>& stop) {
+        sigsetjmp(jump, 1);
+        spinUntil(stop);
+    });
+    const auto leave = [](const ThreadContext&, VisitRoom&) noexcept -> VisitorAnswer {
+        __builtin_trap();
+    };
+    std::array<unsigned long long, 1> frames{};
+    for (int round = 0; round < moreThanAllSlots; ++round) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(3);
+        platform::visitThreadContext({target.id(), true, leave, deadline}, frames);
+    }
+    EXPECT_TRUE(isCaptured(target.id()));
+    signal(SIGILL, SIG_DFL);
+}
+
+TEST_F(Handler, MayEndWithItsThread) {
+    CopiedProcess child([] {
+        const auto end = [](const ThreadContext&, VisitRoom&) noexcept -> VisitorAnswer {
+            syscall(SYS_exit, 0);
+            return VisitorAnswer::Enough;
+        };
+        bool well = true;
+        for (int round = 0; round < moreThanAllSlots; ++round) {
+            TargetThread target(spinUntil);
+            well = well && visit(target.id(), end) == VisitResult::NoSuchThread;
+        }
+        TargetThread spinning(spinUntil);
+        return well && isCaptured(spinning.id());
+    });
+    EXPECT_TRUE(child.endedWell());
+}
+
+TEST_F(Handler, NeedsNoThreadLocalStorage) {
+    TargetThread target([](const std::atomic<bool>& stop) {
+        unsigned long segment = 0;
+        syscall(SYS_arch_prctl, ARCH_GET_FS, &segment);
+        asm volatile(
+            "xorl %%esi, %%esi\n\t"
+            "syscall\n"
+            "1:\n\t"
+            "pause\n\t"
+            "cmpb $0, (%[stop])\n\t"
+            "je 1b\n\t"
+            "movl $158, %%eax\n\t"
+            "movq %[segment], %%rsi\n\t"
+            "syscall"
+            :
+            : "a"(SYS_arch_prctl), "D"(ARCH_SET_FS), [stop] "r"(&stop), [segment] "r"(segment)
+            : "rcx", "r11", "rsi", "memory", "cc");
+    });
+    for (int round = 0; round < 20; ++round) {
+        EXPECT_TRUE(isCaptured(target.id()));
+    }
+}
+
+TEST_F(Handler, CallsNoSystemOnAThreadThatMayNot) {
+    CopiedProcess child([] {
+        static std::atomic<bool> isLocked{false};
+        static std::atomic<unsigned long> turns{0};
+        TargetThread target([](const std::atomic<bool>&) {
+            prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT);
+            isLocked = true;
+            for (;;) {
+                ++turns;
+            }
+        });
+        eventually([] { return isLocked.load(); });
+        bool well = true;
+        for (int round = 0; round < 20; ++round) {
+            well = well && isCaptured(target.id());
+            const unsigned long before = turns;
+            well = well && eventually([&] { return turns != before; });
+        }
+        _exit(well ? 0 : 1);  // nobody can end the thread
+    });
+    EXPECT_EQ(child.result(), 0);
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
