@@ -9,8 +9,8 @@ if(NOT LIBUNWIND)
 endif()
 add_executable(unwind_benchmark unwind_benchmark.cpp deep_stack_with_frame_pointers.cpp
     deep_stack_without_frame_pointers.cpp
-    $<TARGET_OBJECTS:tu_stack_cfi> $<TARGET_OBJECTS:tu_platform_linux>
-    $<TARGET_OBJECTS:tu_foundation>)
+    $<TARGET_OBJECTS:thread_utilities_stack_cfi> $<TARGET_OBJECTS:thread_utilities_platform_linux>
+    $<TARGET_OBJECTS:thread_utilities_foundation>)
 target_include_directories(unwind_benchmark PRIVATE "${PROJECT_SOURCE_DIR}/src"
     "${PROJECT_SOURCE_DIR}/include")
 target_link_libraries(unwind_benchmark PRIVATE thread_utilities_options

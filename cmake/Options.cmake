@@ -32,14 +32,14 @@ target_compile_definitions(thread_utilities_build INTERFACE THREAD_UTILITIES_BUI
     $<$<NOT:$<BOOL:${BUILD_SHARED_LIBS}>>:THREAD_UTILITIES_STATIC>)
 
 # add_family(<name> [VARIANT] <source>...): one layer of the library, or a part of one, as an object
-# library named tu_<name>. A variant is not part of every form of the library.
+# library named thread_utilities_<name>. A variant is not part of every form of the library.
 function(add_family name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "VARIANT" "" "")
-    add_library(tu_${name} OBJECT ${arg_UNPARSED_ARGUMENTS})
-    target_link_libraries(tu_${name} PRIVATE thread_utilities_build)
+    add_library(thread_utilities_${name} OBJECT ${arg_UNPARSED_ARGUMENTS})
+    target_link_libraries(thread_utilities_${name} PRIVATE thread_utilities_build)
     # Each source has its own unnamed namespace, whatever the including project does with its own.
-    set_target_properties(tu_${name} PROPERTIES UNITY_BUILD OFF)
+    set_target_properties(thread_utilities_${name} PROPERTIES UNITY_BUILD OFF)
     if(NOT arg_VARIANT)
-        set_property(GLOBAL APPEND PROPERTY THREAD_UTILITIES_OBJECTS $<TARGET_OBJECTS:tu_${name}>)
+        set_property(GLOBAL APPEND PROPERTY THREAD_UTILITIES_OBJECTS $<TARGET_OBJECTS:thread_utilities_${name}>)
     endif()
 endfunction()

@@ -4,7 +4,13 @@
 #include <vesko/external_input.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
 
 #include "external_input/thread_values.h"
 

@@ -4,6 +4,10 @@
 #include <vesko/external_input.h>
 
 #include <atomic>
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <string>
 #include <utility>
 
 #include "external_input/thread_values.h"

@@ -3,7 +3,11 @@
 
 #include <vesko/source_location.h>
 
+#include <cstdint>
+#include <memory>
+#include <ostream>
 #include <sstream>
+#include <string>
 #include <string_view>
 #include <utility>
 

@@ -3,6 +3,7 @@
 
 #include "foundation/guid_text.h"
 
+#include <cstddef>
 #include <cstdint>
 
 namespace vesko {

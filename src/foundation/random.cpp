@@ -8,7 +8,9 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <random>
 #include <vector>
 
 #include "platform/process_copy.h"

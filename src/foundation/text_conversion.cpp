@@ -5,6 +5,8 @@
 
 #include <cstddef>
 #include <limits>
+#include <string>
+#include <string_view>
 
 namespace ThreadUtilities {
 namespace {

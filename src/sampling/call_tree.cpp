@@ -4,6 +4,10 @@
 #include <ThreadUtilities/Sampling.h>
 #include <ThreadUtilities/Threads.h>
 
+#include <ios>
+#include <memory>
+#include <mutex>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <utility>

@@ -4,9 +4,12 @@
 #include <ThreadUtilities/Sampling.h>
 #include <ThreadUtilities/Threads.h>
 
+#include <chrono>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/clock.h"
 #include "sampling/sampling_run.h"

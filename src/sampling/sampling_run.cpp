@@ -4,6 +4,11 @@
 #include "sampling/sampling_run.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <exception>
+#include <mutex>
+#include <vector>
 
 #include "platform/clock.h"
 

@@ -3,7 +3,10 @@
 
 #include "sampling/worker_group.h"
 
+#include <exception>
 #include <functional>
+#include <mutex>
+#include <thread>
 
 #include "foundation/exceptions.h"
 

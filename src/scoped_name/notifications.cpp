@@ -4,7 +4,10 @@
 #include "scoped_name/notifications.h"
 
 #include <algorithm>
+#include <memory>
+#include <mutex>
 #include <new>
+#include <vector>
 
 #include "foundation/never_destroyed.h"
 #include "platform/process_copy.h"

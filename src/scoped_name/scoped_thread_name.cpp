@@ -3,7 +3,10 @@
 
 #include <ThreadUtilities/ScopedThreadName.h>
 
+#include <memory>
+#include <string>
 #include <string_view>
+#include <typeinfo>
 #include <utility>
 
 #include <ThreadUtilities/Threads.h>

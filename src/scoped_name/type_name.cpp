@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: MIT
 
 #include "scoped_name/type_name.h"
+#include <string>
+#include <typeinfo>
 
 // The header of the Itanium C++ ABI, whose type names are mangled: a matter of the compiler, which
 // is the same one on several systems. Without it, names are readable as they are.

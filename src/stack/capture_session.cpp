@@ -6,7 +6,11 @@
 #include <ThreadUtilities/StackTrace.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstddef>
 #include <iterator>
+#include <memory>
+#include <optional>
 
 #include "platform/clock.h"
 #include "platform/current.h"

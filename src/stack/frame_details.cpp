@@ -6,6 +6,8 @@
 #include <ThreadUtilities/StackTrace.h>
 
 #include <charconv>
+#include <cstddef>
+#include <string>
 #include <string_view>
 
 #include "foundation/ascii.h"

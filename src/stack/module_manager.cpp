@@ -3,8 +3,12 @@
 
 #include "stack/module_manager.h"
 
+#include <cstddef>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "foundation/guid_text.h"
 #include "foundation/never_destroyed.h"

@@ -4,7 +4,9 @@
 #include <ThreadUtilities/StackTrace.h>
 
 #include <array>
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include <ThreadUtilities/Threads.h>
 

@@ -6,7 +6,9 @@
 #include <ThreadUtilities/StackTrace.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "platform/clock.h"
 #include "platform/current.h"

@@ -3,6 +3,8 @@
 
 #include <array>
 #include <charconv>
+#include <string>
+#include <vector>
 
 #include <ThreadUtilities/Threads.h>
 

@@ -7,6 +7,8 @@
 #include <atomic>
 #include <mutex>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "foundation/never_destroyed.h"
 #include "platform/current.h"

@@ -3,6 +3,7 @@
 
 #include "platform/thread_names.h"
 
+#include <string>
 #include <string_view>
 
 #include <ThreadUtilities/Threads.h>

@@ -3,4 +3,4 @@
 
 add_fuzz_target(text_conversion_fuzz
     SOURCES text_conversion_fuzz.cpp
-    OBJECTS tu_foundation tu_scripted_platform)
+    OBJECTS thread_utilities_foundation thread_utilities_scripted_platform)

@@ -24,9 +24,9 @@ set(allowed_outside
 
 set(runs_in_handlers
     "/handler/"
-    "tu_stack_cfi\\.dir"
+    "thread_utilities_stack_cfi\\.dir"
     "/capture_visitor\\."
-    "tu_platform_linux\\.dir/.*(code_modules|elf_headers|memory|module_identity|module_table)\\.")
+    "thread_utilities_platform_linux\\.dir/.*(code_modules|elf_headers|memory|module_identity|module_table)\\.")
 list(JOIN runs_in_handlers "|" runs_in_handlers)
 
 string(REPLACE "|" ";" objects "${OBJECTS}")

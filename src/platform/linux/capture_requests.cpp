@@ -6,10 +6,14 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <limits>
+#include <span>
 
 #include "platform/linux/kernel_calls.h"
 #include "platform/process_copy.h"

@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <exception>
 
 #include "platform/linux/module_identity.h"

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "platform/linux/copied_process.h"

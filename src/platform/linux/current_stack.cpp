@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "platform/linux/kernel_calls.h"
 #include "platform/linux/stack_layout.h"

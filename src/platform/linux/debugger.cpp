@@ -4,6 +4,7 @@
 #include "platform/debugger.h"
 
 #include <array>
+#include <cstddef>
 #include <string_view>
 
 #include "platform/linux/task_file.h"

@@ -6,7 +6,10 @@
 #include <elf.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <limits>
+#include <optional>
 
 namespace ThreadUtilities::platform {
 

@@ -6,7 +6,9 @@
 #include <elf.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 
 #include "platform/linux/elf_headers.h"
 

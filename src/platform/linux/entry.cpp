@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <memory>
 #include <new>
 
 #include "platform/linux/copied_process.h"

@@ -8,6 +8,9 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <span>
 #include <string>
 
 namespace ThreadUtilities::platform {

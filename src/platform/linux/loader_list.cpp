@@ -4,6 +4,7 @@
 #include "platform/linux/loader_list.h"
 
 #include <atomic>
+#include <cstddef>
 
 #include "platform/process_copy.h"
 

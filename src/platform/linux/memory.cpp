@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 
 #include "platform/linux/kernel_calls.h"
 

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "platform/linux/loader_list.h"
 #include "platform/linux/permanent_modules.h"

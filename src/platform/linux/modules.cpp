@@ -2,6 +2,9 @@
 // SPDX-License-Identifier: MIT
 
 #include "platform/modules.h"
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "platform/current.h"
 #include "platform/linux/own_modules.h"

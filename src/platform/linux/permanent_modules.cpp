@@ -7,6 +7,9 @@
 #include <sys/auxv.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <span>
 
 #include "platform/linux/elf_headers.h"
 #include "platform/linux/loaded_headers.h"

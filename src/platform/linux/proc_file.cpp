@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstddef>
+#include <string_view>
 
 #include "platform/linux/task_file.h"
 

@@ -7,6 +7,9 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 
 #include "platform/linux/copied_process.h"
 

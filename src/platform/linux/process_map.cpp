@@ -4,6 +4,12 @@
 #include "platform/linux/process_map.h"
 
 #include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
 
 namespace ThreadUtilities::platform {
 namespace {

@@ -11,10 +11,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "foundation/ascii.h"
 #include "foundation/text_conversion.h"

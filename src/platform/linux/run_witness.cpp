@@ -8,7 +8,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <limits>
+#include <optional>
 #include <string_view>
 
 #include "platform/linux/kernel_calls.h"

@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <new>
+#include <span>
 #include <string_view>
 
 #include "platform/linux/capture_requests.h"

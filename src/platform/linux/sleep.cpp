@@ -3,6 +3,7 @@
 
 #include <sys/prctl.h>
 
+#include <chrono>
 #include <thread>
 
 #include "platform/clock.h"

@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cstdint>
 #include <cstring>
+#include <string_view>
 
 #include "platform/linux/kernel_calls.h"
 

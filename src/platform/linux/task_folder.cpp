@@ -12,8 +12,11 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <system_error>
+#include <vector>
 
 #include "foundation/checked_bytes.h"
 #include "platform/linux/kernel_calls.h"

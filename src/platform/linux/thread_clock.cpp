@@ -3,7 +3,9 @@
 
 #include "platform/linux/thread_clock.h"
 
+#include <cstdint>
 #include <ctime>
+#include <optional>
 
 #include "platform/linux/kernel_calls.h"
 

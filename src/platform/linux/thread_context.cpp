@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: MIT
 
 #include "platform/thread_context.h"
+#include <optional>
+#include <span>
 
 #include "platform/debugger.h"
 #include "platform/linux/blocked_thread.h"

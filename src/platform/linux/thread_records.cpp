@@ -5,7 +5,10 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "platform/current.h"

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "platform/current.h"
 #include "platform/linux/list_coverage.h"

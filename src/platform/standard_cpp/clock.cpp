@@ -3,6 +3,7 @@
 
 #include "platform/clock.h"
 
+#include <chrono>
 #include <thread>
 
 namespace ThreadUtilities::platform {

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "stack/cfi/apply_row.h"
+#include <cstdint>
 
 #include "stack/cfi/expression.h"
 

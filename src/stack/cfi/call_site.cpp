@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 
 #include "foundation/checked_bytes.h"
 #include "platform/memory.h"

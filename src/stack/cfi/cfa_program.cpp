@@ -4,6 +4,7 @@
 #include "stack/cfi/cfa_program.h"
 
 #include <array>
+#include <cstdint>
 #include <limits>
 
 #include "stack/cfi/dwarf.h"

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "stack/cfi/expression.h"
+#include <cstdint>
 
 #include "stack/cfi/dwarf.h"
 

@@ -3,7 +3,9 @@
 
 #include "stack/cfi/frame_description.h"
 
+#include <cstdint>
 #include <optional>
+#include <string_view>
 
 #include "stack/cfi/encoded_pointer.h"
 #include "stack/cfi/scanned_tables.h"

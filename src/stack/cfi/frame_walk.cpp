@@ -3,6 +3,8 @@
 
 #include "stack/frame_walk.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <new>
 #include <span>
 

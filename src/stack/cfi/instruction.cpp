@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: MIT
 
 #include "stack/cfi/instruction.h"
+#include <cstdint>
+#include <optional>
 
 namespace ThreadUtilities::cfi {
 namespace {

@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: MIT
 
 #include "stack/cfi/prologue.h"
+#include <cstdint>
+#include <optional>
 
 #include "stack/cfi/instruction.h"
 

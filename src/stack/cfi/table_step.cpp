@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "stack/cfi/table_step.h"
+#include <cstdint>
 
 #include "stack/cfi/apply_row.h"
 #include "stack/cfi/cfa_program.h"

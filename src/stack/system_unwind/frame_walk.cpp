@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: MIT
 
 #include "stack/frame_walk.h"
+#include <cstddef>
+#include <cstdint>
 
 #include "platform/frame_unwinder.h"
 #include "stack/walk.h"

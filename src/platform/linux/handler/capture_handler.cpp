@@ -4,6 +4,10 @@
 #include "platform/linux/handler/capture_handler.h"
 
 #include <ucontext.h>
+#include <atomic>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
 
 #include "platform/linux/handler/capture_request.h"
 #include "platform/linux/handler/saved_registers.h"
