@@ -23,7 +23,7 @@ std::string_view runningCLibraryPath() {
         return {};
     }
     link_map* map = nullptr;
-    const bool known = dlinfo(library, RTLD_DI_LINKMAP, &map) == 0;
+    const bool known = dlinfo(library, RTLD_DI_LINKMAP, static_cast<void*>(&map)) == 0;
     // The map outlives this reference, because the program itself holds the C library.
     dlclose(library);
     return known && map->l_name != nullptr ? std::string_view(map->l_name) : std::string_view();

@@ -83,9 +83,10 @@ void endWithoutRounds(void*) {
 
 bool hearOfOwnEnd() noexcept {
     if (!ownEnd.isHeardOf && ownEnd.roundsBegun < LastRound) {
-        ownEnd.isHeardOf = hearOfNextRound() || (ownEnd.roundsBegun == 0 &&
-                                                 __cxa_thread_atexit_impl(endWithoutRounds, nullptr,
-                                                                          &__dso_handle) == 0);
+        ownEnd.isHeardOf =
+            hearOfNextRound() || (ownEnd.roundsBegun == 0 &&
+                                  __cxa_thread_atexit_impl(endWithoutRounds, nullptr,
+                                                           static_cast<void*>(&__dso_handle)) == 0);
     }
     return ownEnd.isHeardOf;
 }
