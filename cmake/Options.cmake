@@ -40,6 +40,7 @@ function(add_family name)
     # Each source has its own unnamed namespace, whatever the including project does with its own.
     set_target_properties(thread_utilities_${name} PROPERTIES UNITY_BUILD OFF)
     if(NOT arg_VARIANT)
-        set_property(GLOBAL APPEND PROPERTY THREAD_UTILITIES_OBJECTS $<TARGET_OBJECTS:thread_utilities_${name}>)
+        set_property(GLOBAL APPEND PROPERTY THREAD_UTILITIES_OBJECTS
+            $<TARGET_OBJECTS:thread_utilities_${name}>)
     endif()
 endfunction()

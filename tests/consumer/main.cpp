@@ -6,6 +6,7 @@
 #include <ThreadUtilities/ThreadUtilities.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <string>
 #include <thread>
@@ -103,13 +104,28 @@ void checkSampling() {
     expect(report.find("Thread ") != report.npos, "the report names a thread");
 }
 
-}  // namespace
-
-int main() {
+void checkAll() {
     checkThreads();
     checkCThreads();
     checkStacks();
     checkScopes();
     checkSampling();
-    return failures == 0 ? 0 : 1;
+}
+
+/// Asks before and after main: with an archive behind this object file on the linker's command, a
+/// static object of the library's would not be initialised yet, and be gone already.
+struct StaticObject {
+    StaticObject() { checkAll(); }
+    ~StaticObject() {
+        checkAll();
+        if (failures != 0) {
+            std::_Exit(1);
+        }
+    }
+} staticObject;
+
+}  // namespace
+
+int main() {
+    checkAll();
 }

@@ -7,6 +7,8 @@
 #
 #   installed_package.sh shared|static|deb SOURCE_FOLDER BUILD_FOLDER SCRATCH_FOLDER COMPILER
 #
+# CXXFLAGS are those of the library's build: they may choose the standard library.
+#
 # shared: what the build folder holds; static: a static library beside that, in the same folder;
 # deb: the Debian packages that the build folder makes, unpacked.
 set -euo pipefail
@@ -70,7 +72,7 @@ compile() {
     if [[ -z $link_static ]]; then
         flags+=" -Wl,-rpath,\"$library_folder\""
     fi
-    eval "\"$compiler\" -std=c++20 \"$input\" $flags $* -o \"$output\""
+    eval "\"$compiler\" -std=c++20 ${CXXFLAGS:-} \"$input\" $flags $* -o \"$output\""
 }
 
 is_needed() { readelf -d "$1" | grep -q 'NEEDED.*libThreadUtilities'; }
