@@ -20,6 +20,9 @@ constexpr bool underThreadSanitizer = false;
 /// Why blocked threads are not always captured untouched there.
 constexpr auto framePointersAreKept =
     "AddressSanitizer keeps frame pointers, which the look at a blocked thread does not tell";
+constexpr auto threadsMustSayThatTheyEnd =
+    "AddressSanitizer's state of a thread that ends by a bare system call stands in the way of the "
+    "next thread on its stack";
 constexpr auto copiesMayHang = "the sanitizer's own locks may stay locked in a copy of the process";
 
 }  // namespace ThreadUtilities

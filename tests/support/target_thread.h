@@ -5,7 +5,6 @@
 
 // Threads to be captured, and what tests wait with.
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,8 +13,6 @@
 #include <functional>
 #include <string>
 #include <thread>
-
-#include "support/sanitizers.h"
 
 namespace ThreadUtilities {
 
@@ -81,16 +78,6 @@ inline KernelView kernelViewOf(unsigned int threadId) {
     }
     return view;
 }
-
-/// For tests that capture threads while they run.
-class WithPromptSignals : public testing::Test {
- protected:
-    void SetUp() override {
-        if (underThreadSanitizer) {
-            GTEST_SKIP() << "signals reach no thread that runs: ThreadSanitizer holds them back";
-        }
-    }
-};
 
 inline void spinUntil(const std::atomic<bool>& stop) {
     while (!stop) {

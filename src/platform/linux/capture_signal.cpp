@@ -7,10 +7,12 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <limits>
 #include <optional>
 
 #include "platform/linux/handler/capture_handler.h"
@@ -176,6 +178,51 @@ bool install(int number) {
     return true;
 }
 
+// A queue that is full for a moment is waited for; one that stays full would cost every capture of
+// a running thread that wait, and a sampler of fifty its second. Hence the wait is the process's
+// and not the capture's: it begins when a signal is refused, ends with the first that is taken, and
+// once it has lasted this long without one, nobody waits. Each capture still tries once; therefore
+// a queue with room is never taken for a full one, and room that comes is noticed by whoever comes
+// next. What was seen long ago says nothing of now: then the wait begins anew.
+class FullQueue {
+ public:
+    [[nodiscard]] bool isWorthWaiting() noexcept {
+        const Time now = nowInNanoseconds();
+        const Time seen = lastSeen_.exchange(now, std::memory_order_relaxed);
+        Time since = since_.load(std::memory_order_relaxed);
+        if (since == never || now - seen > longestMemory) {
+            since_.store(now, std::memory_order_relaxed);
+            since = now;
+        }
+        return now - since < longestWait;
+    }
+    void hadRoom() noexcept {
+        if (since_.load(std::memory_order_relaxed) != never) {
+            since_.store(never, std::memory_order_relaxed);
+        }
+    }
+
+ private:
+    using Time = std::chrono::nanoseconds::rep;
+
+    static Time nowInNanoseconds() noexcept {
+        const auto now = std::chrono::steady_clock::now().time_since_epoch();
+        return std::chrono::nanoseconds(now).count();
+    }
+
+    static constexpr Time never = std::numeric_limits<Time>::min();
+    static constexpr Time longestWait =
+        std::chrono::nanoseconds(std::chrono::milliseconds(20)).count();
+    static constexpr Time longestMemory =
+        std::chrono::nanoseconds(std::chrono::milliseconds(200)).count();
+
+    std::atomic<Time> since_{never};
+    std::atomic<Time> lastSeen_{0};
+};
+
+// Of moments, so that a copy of the process need not forget it.
+constinit FullQueue fullQueue;
+
 }  // namespace
 
 int captureSignal() noexcept {
@@ -207,12 +254,13 @@ SendResult sendCaptureSignal(unsigned int threadId) noexcept {
                                    static_cast<int>(threadId), number, argument(&info));
     switch (result) {
         case 0:
+            fullQueue.hadRoom();
             return SendResult::Sent;
         case -ESRCH:
         case -EINVAL:  // no thread can have this id
             return SendResult::NoSuchThread;
         case -EAGAIN:
-            return SendResult::QueueFull;
+            return fullQueue.isWorthWaiting() ? SendResult::QueueFull : SendResult::Refused;
         default:
             return SendResult::Refused;
     }

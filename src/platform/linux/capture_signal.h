@@ -18,7 +18,7 @@ enum class SendResult {
     Sent,
     NoSuchThread,
     QueueFull,  ///< the host has used up the limit of queued signals; it may have room soon
-    Refused,
+    Refused,    ///< by a rule of the host's, or by a queue that stays full
 };
 
 /// Calls the handler on thread `threadId` of this process.

@@ -37,8 +37,6 @@ constexpr milliseconds longestPause{100};
 // Waits for memory, a local disk or a spawned process's start are over by then; waits for a server
 // that is gone are not.
 constexpr milliseconds longestUninterruptibleWait{100};
-// A queue of signals that is still full then is not about to be emptied.
-constexpr milliseconds longestWaitForQueue{20};
 // A fork of a large process computes for milliseconds with all signals blocked, and a thread that
 // starts many others is seen in one moment after the other.
 constexpr milliseconds longestBlockedRun{10};
@@ -132,7 +130,6 @@ void takeNap() {
 
 /// Sends the signal as soon as it can be taken. `Visited` stands for sent.
 VisitResult send(Watch& watch, const VisitRequest& request) {
-    const auto queueDeadline = std::min(request.deadline, Clock::now() + longestWaitForQueue);
     for (;; takeNap(), watch.look()) {
         const Outlook outlook = watch.outlook();
         if (outlook == Outlook::Gone || outlook == Outlook::Never) {
@@ -140,7 +137,7 @@ VisitResult send(Watch& watch, const VisitRequest& request) {
         }
         if (outlook == Outlook::WillAnswer) {
             const SendResult result = sendCaptureSignal(request.threadId);
-            if (result != SendResult::QueueFull || Clock::now() >= queueDeadline) {
+            if (result != SendResult::QueueFull) {
                 return result == SendResult::Sent           ? VisitResult::Visited
                        : result == SendResult::NoSuchThread ? VisitResult::NoSuchThread
                                                             : VisitResult::NotAnswering;

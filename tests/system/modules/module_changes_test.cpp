@@ -13,13 +13,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <iterator>
-#include <latch>
 #include <string>
 #include <thread>
 
@@ -27,7 +24,6 @@
 #include "platform/linux/image_reader.h"
 #include "platform/modules.h"
 #include "support/copied_process.h"
-#include "support/parked_thread.h"
 #include "support/sanitizers.h"
 
 extern "C" {
@@ -236,35 +232,6 @@ TEST(ModuleChanges, LookupsFromAModulesInitialiserDoNotWaitForTheLoader) {
     }
     pluginInitialiserHook = nullptr;
     EXPECT_EQ(hookCalls, loads);
-}
-
-std::latch constructorRuns{1};
-std::latch constructorMayEnd{1};
-
-// The first of all captures, and all that follow it, while the loader is held.
-TEST(ModuleChanges, NothingWaitsForALibraryWhoseConstructorHangs) {
-    const ParkedThread target;
-    pluginInitialiserHook = [] {
-        constructorRuns.count_down();
-        constructorMayEnd.wait();
-    };
-    std::thread opener([] { const Plugin plugin(MODULES_TEST_PLUGIN); });
-    constructorRuns.wait();
-    std::packaged_task<bool()> captures([&] {
-        unsigned long long frames[64];
-        const auto self = static_cast<unsigned int>(gettid());
-        return getStackTrace(target.id(), frames, std::size(frames), true) > 2 &&
-               getStackTrace(self, frames, std::size(frames), true) > 2 &&
-               !getFrameDetails(0, frames[0]).empty();
-    });
-    auto result = captures.get_future();
-    std::thread capturer(std::move(captures));
-    EXPECT_EQ(result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    constructorMayEnd.count_down();
-    EXPECT_TRUE(result.get());
-    capturer.join();
-    opener.join();
-    pluginInitialiserHook = nullptr;
 }
 
 TEST(ModuleChanges, ACopyOfTheProcessCanLookUpWhateverLocksWereHeld) {

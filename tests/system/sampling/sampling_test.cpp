@@ -22,8 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-using Sampling = WithPromptSignals;
-
 struct ThreadBlock {
     std::string name;
     std::size_t samples = 0;
@@ -74,7 +72,7 @@ std::optional<unsigned long long> offsetIn(const std::string& module, const std:
     }
 }
 
-TEST_F(Sampling, AReportShowsWhereEachThreadIs) {
+TEST(Sampling, AReportShowsWhereEachThreadIs) {
     TargetThread spinning([](const std::atomic<bool>& stop) {
         setThreadName("spinner");
         spinInTurns(stop);

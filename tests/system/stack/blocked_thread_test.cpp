@@ -145,7 +145,7 @@ int captureUnderAForeignProc() {
     return isRight ? 0 : 1;
 }
 
-TEST_F(WithPromptSignals, UnderTheProcOfAnotherNamespaceNoThreadIsTakenForAnother) {
+TEST(UnderTheProcOfAnotherNamespace, NoThreadIsTakenForAnother) {
     CopiedProcess outside([] {
         if (unshare(CLONE_NEWPID) != 0) {
             return notPossible;

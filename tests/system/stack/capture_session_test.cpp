@@ -8,12 +8,11 @@
 
 #include <algorithm>
 
+#include "support/sanitizers.h"
 #include "support/target_thread.h"
 
 namespace ThreadUtilities {
 namespace {
-
-using ASessionOfNaps = WithPromptSignals;
 
 std::atomic<int> naps{0};
 
@@ -28,7 +27,7 @@ std::atomic<int> naps{0};
     asm volatile("");
 }
 
-TEST_F(ASessionOfNaps, SeesEveryWakeUp) {
+TEST(ASessionOfNaps, SeesEveryWakeUp) {
     if (underAddressSanitizer) {
         GTEST_SKIP() << framePointersAreKept;
     }

@@ -8,12 +8,11 @@
 #include <array>
 #include <csignal>
 
+#include "support/sanitizers.h"
 #include "support/target_thread.h"
 
 namespace ThreadUtilities {
 namespace {
-
-using TheHandler = WithPromptSignals;
 
 // The target's alternate stack, which shows how far down it was used.
 constexpr char unused = 0x5A;
@@ -44,7 +43,7 @@ bool isOutOfTheHandler() {
     return eventually([&] { return turns > before + 1; });
 }
 
-TEST_F(TheHandler, NeedsLittleOfTheStackOfItsThread) {
+TEST(TheHandler, NeedsLittleOfTheStackOfItsThread) {
     if (underAddressSanitizer) {
         GTEST_SKIP() << "instrumented code needs more stack";
     }
@@ -79,7 +78,7 @@ TEST_F(TheHandler, NeedsLittleOfTheStackOfItsThread) {
     }
 }
 
-TEST_F(TheHandler, LeavesAStackAloneThatIsTooSmall) {
+TEST(TheHandler, LeavesAStackAloneThatIsTooSmall) {
     if (underAddressSanitizer) {
         GTEST_SKIP() << "instrumented code needs more stack";
     }

@@ -15,6 +15,7 @@
 #include <ctime>
 #include <vector>
 
+#include "support/sanitizers.h"
 #include "support/target_thread.h"
 
 namespace ThreadUtilities {
@@ -182,7 +183,7 @@ struct Scenario {
     void (*stay)(Spot&);
 };
 
-class CapturedAt : public WithPromptSignals, public testing::WithParamInterface<Scenario> {};
+class CapturedAt : public testing::TestWithParam<Scenario> {};
 
 TEST_P(CapturedAt, TheFramesAreThoseThatTheThreadItselfSees) {
     const bool isOutOfReach =

@@ -21,8 +21,6 @@ using platform::ThreadContext;
 using platform::VisitorAnswer;
 using platform::VisitResult;
 
-using ThreadVisit = WithPromptSignals;
-
 std::atomic<int> visits{0};
 
 VisitResult visit(unsigned int threadId) {
@@ -36,7 +34,7 @@ VisitResult visit(unsigned int threadId) {
     return platform::visitThreadContext({threadId, true, look, deadline}, frames).result;
 }
 
-TEST_F(ThreadVisit, ThreadsThatAreNotOursDoNotExist) {
+TEST(ThreadVisit, ThreadsThatAreNotOursDoNotExist) {
     unsigned int ended = 0;
     {
         TargetThread target([](const auto&) {});
@@ -55,7 +53,7 @@ void blockEverySignal(bool block) {
             sizeof(everything));
 }
 
-TEST_F(ThreadVisit, AThreadThatBlocksTheSignalIsGivenUpAndNeverVisitedLate) {
+TEST(ThreadVisit, AThreadThatBlocksTheSignalIsGivenUpAndNeverVisitedLate) {
     std::atomic<bool> blocked{false};
     std::atomic<bool> unblock{false};
     std::atomic<bool> unblocked{false};
@@ -106,7 +104,7 @@ asm(".pushsection .text\n"
     ".popsection");
 extern "C" void pollBehindARegister();
 
-TEST_F(ThreadVisit, WhatWasFoundOfAThreadAtRestStandsWhereItTakesNoSignal) {
+TEST(ThreadVisit, WhatWasFoundOfAThreadAtRestStandsWhereItTakesNoSignal) {
     std::atomic<bool> isBlocked{false};
     TargetThread target([&](const std::atomic<bool>& stop) {
         blockEverySignal(true);

@@ -176,6 +176,9 @@ TEST(ThreadListOnLinuxDeathTest, AnExceptionEndsTheProgramWhereItWasThrown) {
 
 // Starts and ends that nobody announces, also as many of either as keep the count.
 TEST(ThreadListOnLinux, SeesStartsAndEndsBehindTheLibrary) {
+    if (underAddressSanitizer) {
+        GTEST_SKIP() << threadsMustSayThatTheyEnd;
+    }
     if (underThreadSanitizer) {
         GTEST_SKIP() << "a bare thread has no state for ThreadSanitizer";
     }
