@@ -8,6 +8,7 @@
 #include "platform/code_modules.h"
 #include "platform/thread_context.h"
 #include "stack/cfi/call_site.h"
+#include "stack/cfi/code_depth.h"
 #include "stack/cfi/compiled_rule.h"
 #include "stack/cfi/frame_pointer_recovery.h"
 #include "stack/cfi/known_crossings.h"
@@ -46,6 +47,14 @@ struct WalkMemory {
     /// belong to the next function, or to another row, when the call does not return, whereas the
     /// call lies before it. 0 where the thread stands and where a signal struck.
     std::uint64_t callSize = 0;
+
+    /// Where the thread was interrupted that has been stepped out of last; a stack pointer of 0
+    /// for none.
+    struct Interrupted {
+        std::uint64_t instructionPointer = 0;
+        std::uint64_t stackPointer = 0;
+        std::uint64_t framePointer = 0;
+    } interrupted;
 };
 
 /// The unwinder that `walkStack` drives.
@@ -107,6 +116,20 @@ class CfiUnwinder {
         at.instructionPointer = address;
         at.stackPointer = stackPointer;
         return true;
+    }
+
+    /// From a place of interruption whose tables claim that nothing is on the stack but the return
+    /// address. Those of assembly may leave out what it pushed.
+    bool stepByCode(StackWords& words, std::uint64_t stackPointer) noexcept {
+        const WalkMemory::Interrupted from = std::exchange(memory.interrupted, {});
+        if (from.stackPointer == 0 || stackPointer != from.stackPointer + 8) {
+            return false;
+        }
+        Position position = at;
+        const bool made = stepByCode(from, memory, words, position);
+        at = position;
+        readableEnd = words.readableEnd();
+        return made;
     }
 
     /// The steps by predicted rules that need no more of the stack than is known to be readable.
@@ -352,6 +375,10 @@ class CfiUnwinder {
                                                            WalkMemory& memory, StackWords& words,
                                                            Position& position) noexcept {
         const std::uint64_t address = position.instructionPointer - memory.callSize;
+        if (memory.callSize == 0 && memory.knowsFramePointer) {
+            memory.interrupted = {position.instructionPointer, position.stackPointer,
+                                  position.framePointer};
+        }
         bool isTrue = memory.callSize == 0 || isAtStart(memory, position);
         if (!covers(memory.module, address) && !enterModule(memory, address)) {
             isTrue = isTrue || callSite(memory, position.instructionPointer) == CallSite::Behind;
@@ -391,6 +418,30 @@ class CfiUnwinder {
                               words.covers(position.stackPointer, position.stackPointer);
         position.identity = isSteady ? orNone(memory.module.identity) : RuleCache::noIdentity;
         return result;
+    }
+
+    [[gnu::noinline]] static bool stepByCode(const WalkMemory::Interrupted& from,
+                                             WalkMemory& memory, StackWords& words,
+                                             Position& position) noexcept {
+        // What is found may be a stale word, as for `returnTo`.
+        if (memory.copies == nullptr || !memory.mayCallSystem) {
+            memory.lacksCopies = memory.mayCallSystem;
+            return false;
+        }
+        CalledFrame caller;
+        if (!enterModule(memory, from.instructionPointer) ||
+            !findCallerByCode(memory.module, from.instructionPointer, from.stackPointer,
+                              from.framePointer, memory.copies, words, caller)) {
+            return false;
+        }
+        position = {};
+        position.instructionPointer = caller.returnAddress;
+        position.stackPointer = caller.stackPointer;
+        position.framePointer = caller.framePointer;
+        memory.knowsFramePointer = true;
+        memory.registersBelong = 0;
+        memory.callSize = 1;
+        return true;
     }
 
     static CallSite callSite(const WalkMemory& memory, std::uint64_t address) noexcept {
