@@ -69,9 +69,10 @@ class CfiUnwinder {
         AllRegisters,  ///< every step goes by the tables
     };
 
-    /// The stack's words stand `shift` away from their addresses.
+    /// The stack's words stand `shift` away from their addresses. Without `knownCrossings` each
+    /// page is asked for.
     CfiUnwinder(RuleCache& ruleCache, Keeps keeps, StackWords& stackWords, std::uint64_t shift,
-                KnownCrossings& knownCrossings, WalkMemory& walkMemory) noexcept
+                KnownCrossings* knownCrossings, WalkMemory& walkMemory) noexcept
         : cache(ruleCache),
           crossings(knownCrossings),
           memory(walkMemory),
@@ -247,7 +248,7 @@ class CfiUnwinder {
 
     /// Makes the stack readable up to where the predicted rule needs it, if it can: up to the base
     /// that the rule counts from, or up to the frame address. Returns where it ends then.
-    [[gnu::noinline]] static std::uint64_t reach(const RuleCache& cache, KnownCrossings& crossings,
+    [[gnu::noinline]] static std::uint64_t reach(const RuleCache& cache, KnownCrossings* crossings,
                                                  StackWords& words, Position position) noexcept {
         CompiledRule rule;
         RuleCache::Slot next = 0;
@@ -261,12 +262,12 @@ class CfiUnwinder {
         const std::uint64_t needed = base > from ? base : base + rule.frameAddressOffset();
         const KnownCrossings::Crossing crossing{position.instructionPointer, position.stackPointer,
                                                 from};
-        if (!byStackPointer) {
+        if (!byStackPointer || crossings == nullptr) {
             words.extendTo(needed);
-        } else if (const std::uint64_t end = crossings.endAfter(crossing); end >= needed) {
+        } else if (const std::uint64_t end = crossings->endAfter(crossing); end >= needed) {
             words.trustTo(end);
         } else if (words.extendTo(needed)) {
-            crossings.learn(crossing, words.readableEnd());
+            crossings->learn(crossing, words.readableEnd());
         }
         return words.readableEnd();
     }
@@ -533,7 +534,7 @@ class CfiUnwinder {
     }
 
     RuleCache& cache;
-    KnownCrossings& crossings;
+    KnownCrossings* const crossings;
     WalkMemory& memory;
     const bool usesCache;
     const std::uint64_t permanentIdentity;
