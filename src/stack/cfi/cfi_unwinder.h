@@ -138,16 +138,15 @@ class CfiUnwinder {
     /// Not inlined: the position of a walk needs all of the processor's registers.
     [[gnu::noinline]] std::size_t stepAhead(unsigned long long* frames, std::size_t room) noexcept {
         Position position = at;
-        std::size_t count = 0;
-        for (; count < room; ++count) {
-            const std::uint64_t arrivedAt = position.instructionPointer;
-            if (stepByPredictedRule(cache, readableEnd, stackShift, position) != Prediction::Made) {
-                break;
-            }
-            frames[count] = arrivedAt;
+        unsigned long long* next = frames;
+        unsigned long long* const end = frames + room;
+        // Stored before the position changes: so no register keeps the old one.
+        const auto store = [&next](std::uint64_t arrivedAt) { *next++ = arrivedAt; };
+        while (next != end && stepByPredictedRule(cache, readableEnd, stackShift, position,
+                                                  store) == Prediction::Made) {
         }
         at = position;
-        return count;
+        return static_cast<std::size_t>(next - frames);
     }
 
     [[gnu::noinline]] StepResult step(StackWords& words) noexcept {
@@ -203,13 +202,16 @@ class CfiUnwinder {
     };
 
     Prediction stepByPredictedRule() noexcept {
-        return stepByPredictedRule(cache, readableEnd, stackShift, at);
+        return stepByPredictedRule(cache, readableEnd, stackShift, at, [](std::uint64_t) {});
     }
 
+    /// `leave` is called with the instruction pointer that a step is made from.
+    template <class Leave>
     [[gnu::always_inline]] static Prediction stepByPredictedRule(const RuleCache& cache,
                                                                  std::uint64_t readableEnd,
                                                                  std::uint64_t stackShift,
-                                                                 Position& at) noexcept {
+                                                                 Position& at,
+                                                                 Leave leave) noexcept {
         CompiledRule rule;
         RuleCache::Slot next = 0;
         if (!cache.find(at.predicted, {at.instructionPointer - 1, at.identity}, rule, next))
@@ -217,7 +219,7 @@ class CfiUnwinder {
             return Prediction::Wrong;
         }
         std::uint64_t base = at.stackPointer;
-        if (rule.usesFramePointer()) {
+        if (rule.usesFramePointer()) [[unlikely]] {
             if (rule.isNone()) [[unlikely]] {
                 return rule.hasCaller() ? Prediction::Wrong : Prediction::EndOfStack;
             }
@@ -236,6 +238,7 @@ class CfiUnwinder {
         if (frameAddress > readableEnd) [[unlikely]] {
             return Prediction::Beyond;
         }
+        leave(at.instructionPointer);
         const std::uint64_t saved =
             StackWords::load(frameAddress - rule.framePointerDistance() + stackShift);
         at.framePointer = rule.savesFramePointer() ? saved : at.framePointer;
