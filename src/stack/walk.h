@@ -47,6 +47,16 @@ constexpr WalkEnd endAfter(StepResult result) noexcept {
 /// than a few such changes in one stack are a loop in damaged memory.
 inline constexpr unsigned maxStackChanges = 8;
 
+/// Whether the step to `stackPointer`, which led to no return address, has been made anew.
+template <class Unwinder, class Words>
+inline bool stepsByCode(Unwinder& unwinder, Words& words, std::uint64_t stackPointer) noexcept {
+    if constexpr (requires { unwinder.stepByCode(words, stackPointer); }) {
+        return unwinder.stepByCode(words, stackPointer);
+    } else {
+        return false;
+    }
+}
+
 /// Lets the innermost function's caller be the place of `unwinder`; another end than `FrameLimit`
 /// when there is none.
 template <class Unwinder, class Words>
@@ -74,7 +84,9 @@ inline WalkEnd leaveInnermost(Unwinder& unwinder, Words& words, unsigned& stackC
     }
     // It may have popped its return address into a register already: the stack pointer stays.
     stackChanges = unwinder.stackPointer() <= stackPointer ? 1 : 0;
-    return unwinder.programCounter() == 0 ? WalkEnd::EndOfStack : WalkEnd::FrameLimit;
+    return unwinder.programCounter() == 0 && !stepsByCode(unwinder, words, unwinder.stackPointer())
+               ? WalkEnd::EndOfStack
+               : WalkEnd::FrameLimit;
 }
 
 /// Walks outward from the state of `unwinder` and stores the address that every step arrives at:
@@ -90,9 +102,10 @@ inline WalkEnd leaveInnermost(Unwinder& unwinder, Words& words, unsigned& stackC
 ///   bool isReturnedTo()                   whether the address arrived at may be stored as the last
 /// may have
 ///   std::size_t stepAhead(frames, room)   makes steps of which nothing needs to be checked, each
-///   to
-///                                         a higher stack pointer, and stores where each began;
+///                                         to a higher stack pointer, and stores where each began;
 ///                                         returns how many
+///   bool stepByCode(words, stackPointer)  makes the step that led to `stackPointer` and to no
+///                                         return address in another way, if it can
 /// and `words.read(address, word)` is false where memory cannot be read.
 template <class Unwinder, class Words>
 inline WalkResult walkStack(Unwinder& unwinder, Words& words, unsigned long long* frames,
@@ -114,6 +127,9 @@ inline WalkResult walkStack(Unwinder& unwinder, Words& words, unsigned long long
         const std::uint64_t stackPointer = unwinder.stackPointer();
         if (count + 1 == maxFrames) [[unlikely]] {
             if (!unwinder.isReturnedTo()) {
+                if (stepsByCode(unwinder, words, stackPointer)) {
+                    continue;
+                }
                 return {count, WalkEnd::NoReturnAddress};
             }
             frames[count] = arrivedAt;
@@ -121,6 +137,9 @@ inline WalkResult walkStack(Unwinder& unwinder, Words& words, unsigned long long
         }
         const StepResult result = unwinder.step(words);
         if (result == StepResult::NotReturnedTo) [[unlikely]] {
+            if (stepsByCode(unwinder, words, stackPointer)) {
+                continue;
+            }
             return {count, WalkEnd::NoReturnAddress};
         }
         frames[count] = arrivedAt;
@@ -129,6 +148,9 @@ inline WalkResult walkStack(Unwinder& unwinder, Words& words, unsigned long long
             return {count, endAfter(result)};
         }
         if (unwinder.programCounter() == 0) [[unlikely]] {
+            if (stepsByCode(unwinder, words, unwinder.stackPointer())) {
+                continue;
+            }
             return {count, WalkEnd::EndOfStack};
         }
         if (unwinder.stackPointer() <= stackPointer) [[unlikely]] {

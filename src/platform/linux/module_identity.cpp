@@ -19,8 +19,9 @@
 namespace ThreadUtilities::platform {
 namespace {
 
-/// The file header, a dozen program headers and the notes behind them; then the index of the unwind
-/// tables, which in a small module reaches into the tables.
+/// The file header, a dozen program headers and the notes behind them; then the end of the index of
+/// the unwind tables, with the tables that follow it on its page. The last entries of the index say
+/// where functions and their entries lie, therefore they differ when one before them has grown.
 constexpr std::size_t startSize = 896;
 constexpr std::size_t indexSize = 384;
 constexpr std::size_t lookSize = startSize + indexSize;
@@ -37,8 +38,41 @@ constexpr std::uint32_t maxIdSize = 64;
 /// word, so that nothing can be torn; a hint, because the note is looked at again.
 std::atomic<std::uint64_t> noteHints[64];
 
-std::atomic<std::uint64_t>& hintOf(std::uint64_t begin) noexcept {
-    return noteHints[begin * 0x9E3779B97F4A7C15 >> 58];
+/// Where the index ended, which is looked up once for each module: the number of the module's first
+/// page, and the number of entries. A wrong one only gives the module another identity.
+std::atomic<std::uint64_t> indexHints[64];
+
+std::atomic<std::uint64_t>& hintOf(std::atomic<std::uint64_t> (&hints)[64],
+                                   std::uint64_t begin) noexcept {
+    return hints[begin * 0x9E3779B97F4A7C15 >> 58];
+}
+
+/// How many bytes the index at `unwindHeader` takes; of one in an unusual form, its header.
+std::uint64_t indexLength(std::uint64_t begin, std::uint64_t unwindHeader) noexcept {
+    constexpr std::uint32_t usualForm = 0x3B031B01;
+    constexpr unsigned countBits = 28;
+    constexpr std::uint64_t countMask = (std::uint64_t{1} << countBits) - 1;
+    constexpr std::uint64_t headerSize = 12;
+    constexpr std::uint64_t entrySize = 8;
+    const std::uint64_t module = begin / pageSize << countBits;
+    std::atomic<std::uint64_t>& hint = hintOf(indexHints, begin);
+    std::uint64_t known = hint.load(std::memory_order_relaxed);
+    if (module == 0 || (known & ~countMask) != module) {
+        std::uint8_t header[headerSize]{};
+        readOwnMemory(unwindHeader, header, sizeof(header));
+        const bool isUsual = loadLittleEndian<std::uint32_t>(header) == usualForm;
+        known = module | (isUsual ? loadLittleEndian<std::uint32_t>(header + 8) & countMask : 0);
+        hint.store(known, std::memory_order_relaxed);
+    }
+    return headerSize + (known & countMask) * entrySize;
+}
+
+/// Where the bytes begin that are looked at of an index. They end on the page where it does, so
+/// that what can be read of it can all be read.
+std::uint64_t indexLook(std::uint64_t begin, std::uint64_t unwindHeader) noexcept {
+    const std::uint64_t end = unwindHeader + indexLength(begin, unwindHeader);
+    const std::uint64_t lookEnd = std::min(end + indexSize / 2, pageOf(end - 1) + pageSize);
+    return std::max(unwindHeader, lookEnd - indexSize);
 }
 
 bool isBuildIdAt(const std::uint8_t* bytes, std::size_t offset) noexcept {
@@ -54,7 +88,7 @@ bool isBuildIdAt(const std::uint8_t* bytes, std::size_t offset) noexcept {
 
 /// Notes lie at multiples of 4, and nothing else in a module's start looks like this one.
 bool hasBuildId(std::uint64_t begin, const std::uint8_t* bytes) noexcept {
-    std::atomic<std::uint64_t>& hint = hintOf(begin);
+    std::atomic<std::uint64_t>& hint = hintOf(noteHints, begin);
     const std::uint64_t known = hint.load(std::memory_order_relaxed);
     if (pageOf(known) == begin && isBuildIdAt(bytes, known - begin)) {
         return true;
@@ -157,9 +191,13 @@ std::uint64_t readablePages(std::uint64_t first, std::uint64_t count) noexcept {
     if (size < lookSize || !isWithin(unwindHeader, indexSize, begin, begin + size)) {
         return 0;
     }
+    const std::uint64_t index = indexLook(begin, unwindHeader);
+    if (!isWithin(index, indexSize, begin, begin + size)) {
+        return 0;
+    }
     const iovec local{bytes.data(), lookSize};
     const iovec remote[] = {{reinterpret_cast<void*>(begin), startSize},
-                            {reinterpret_cast<void*>(unwindHeader), indexSize}};
+                            {reinterpret_cast<void*>(index), indexSize}};
     const long copied = kernelCall(SYS_process_vm_readv, kernelProcessId(), argument(&local), 1,
                                    argument(remote), 2, 0);
     if (copied != static_cast<long>(lookSize) || !hasBuildId(begin, bytes.data())) {

@@ -8,6 +8,7 @@
 #include "platform/code_modules.h"
 #include "platform/thread_context.h"
 #include "stack/cfi/call_site.h"
+#include "stack/cfi/code_depth.h"
 #include "stack/cfi/compiled_rule.h"
 #include "stack/cfi/frame_pointer_recovery.h"
 #include "stack/cfi/known_crossings.h"
@@ -46,6 +47,14 @@ struct WalkMemory {
     /// belong to the next function, or to another row, when the call does not return, whereas the
     /// call lies before it. 0 where the thread stands and where a signal struck.
     std::uint64_t callSize = 0;
+
+    /// Where the thread was interrupted that has been stepped out of last; a stack pointer of 0
+    /// for none.
+    struct Interrupted {
+        std::uint64_t instructionPointer = 0;
+        std::uint64_t stackPointer = 0;
+        std::uint64_t framePointer = 0;
+    } interrupted;
 };
 
 /// The unwinder that `walkStack` drives.
@@ -60,9 +69,10 @@ class CfiUnwinder {
         AllRegisters,  ///< every step goes by the tables
     };
 
-    /// The stack's words stand `shift` away from their addresses.
+    /// The stack's words stand `shift` away from their addresses. Without `knownCrossings` each
+    /// page is asked for.
     CfiUnwinder(RuleCache& ruleCache, Keeps keeps, StackWords& stackWords, std::uint64_t shift,
-                KnownCrossings& knownCrossings, WalkMemory& walkMemory) noexcept
+                KnownCrossings* knownCrossings, WalkMemory& walkMemory) noexcept
         : cache(ruleCache),
           crossings(knownCrossings),
           memory(walkMemory),
@@ -109,21 +119,34 @@ class CfiUnwinder {
         return true;
     }
 
+    /// From a place of interruption whose tables claim that nothing is on the stack but the return
+    /// address. Those of assembly may leave out what it pushed.
+    bool stepByCode(StackWords& words, std::uint64_t stackPointer) noexcept {
+        const WalkMemory::Interrupted from = std::exchange(memory.interrupted, {});
+        if (from.stackPointer == 0 || stackPointer != from.stackPointer + 8) {
+            return false;
+        }
+        Position position = at;
+        const bool made = stepByCode(from, memory, words, position);
+        at = position;
+        readableEnd = words.readableEnd();
+        return made;
+    }
+
     /// The steps by predicted rules that need no more of the stack than is known to be readable.
     /// Where one leads is checked when the next is made: only true return addresses have rules.
     /// Not inlined: the position of a walk needs all of the processor's registers.
     [[gnu::noinline]] std::size_t stepAhead(unsigned long long* frames, std::size_t room) noexcept {
         Position position = at;
-        std::size_t count = 0;
-        for (; count < room; ++count) {
-            const std::uint64_t arrivedAt = position.instructionPointer;
-            if (stepByPredictedRule(cache, readableEnd, stackShift, position) != Prediction::Made) {
-                break;
-            }
-            frames[count] = arrivedAt;
+        unsigned long long* next = frames;
+        unsigned long long* const end = frames + room;
+        // Stored before the position changes: so no register keeps the old one.
+        const auto store = [&next](std::uint64_t arrivedAt) { *next++ = arrivedAt; };
+        while (next != end && stepByPredictedRule(cache, readableEnd, stackShift, position,
+                                                  store) == Prediction::Made) {
         }
         at = position;
-        return count;
+        return static_cast<std::size_t>(next - frames);
     }
 
     [[gnu::noinline]] StepResult step(StackWords& words) noexcept {
@@ -179,13 +202,16 @@ class CfiUnwinder {
     };
 
     Prediction stepByPredictedRule() noexcept {
-        return stepByPredictedRule(cache, readableEnd, stackShift, at);
+        return stepByPredictedRule(cache, readableEnd, stackShift, at, [](std::uint64_t) {});
     }
 
+    /// `leave` is called with the instruction pointer that a step is made from.
+    template <class Leave>
     [[gnu::always_inline]] static Prediction stepByPredictedRule(const RuleCache& cache,
                                                                  std::uint64_t readableEnd,
                                                                  std::uint64_t stackShift,
-                                                                 Position& at) noexcept {
+                                                                 Position& at,
+                                                                 Leave leave) noexcept {
         CompiledRule rule;
         RuleCache::Slot next = 0;
         if (!cache.find(at.predicted, {at.instructionPointer - 1, at.identity}, rule, next))
@@ -193,7 +219,7 @@ class CfiUnwinder {
             return Prediction::Wrong;
         }
         std::uint64_t base = at.stackPointer;
-        if (rule.usesFramePointer()) {
+        if (rule.usesFramePointer()) [[unlikely]] {
             if (rule.isNone()) [[unlikely]] {
                 return rule.hasCaller() ? Prediction::Wrong : Prediction::EndOfStack;
             }
@@ -212,6 +238,7 @@ class CfiUnwinder {
         if (frameAddress > readableEnd) [[unlikely]] {
             return Prediction::Beyond;
         }
+        leave(at.instructionPointer);
         const std::uint64_t saved =
             StackWords::load(frameAddress - rule.framePointerDistance() + stackShift);
         at.framePointer = rule.savesFramePointer() ? saved : at.framePointer;
@@ -224,7 +251,7 @@ class CfiUnwinder {
 
     /// Makes the stack readable up to where the predicted rule needs it, if it can: up to the base
     /// that the rule counts from, or up to the frame address. Returns where it ends then.
-    [[gnu::noinline]] static std::uint64_t reach(const RuleCache& cache, KnownCrossings& crossings,
+    [[gnu::noinline]] static std::uint64_t reach(const RuleCache& cache, KnownCrossings* crossings,
                                                  StackWords& words, Position position) noexcept {
         CompiledRule rule;
         RuleCache::Slot next = 0;
@@ -238,12 +265,12 @@ class CfiUnwinder {
         const std::uint64_t needed = base > from ? base : base + rule.frameAddressOffset();
         const KnownCrossings::Crossing crossing{position.instructionPointer, position.stackPointer,
                                                 from};
-        if (!byStackPointer) {
+        if (!byStackPointer || crossings == nullptr) {
             words.extendTo(needed);
-        } else if (const std::uint64_t end = crossings.endAfter(crossing); end >= needed) {
+        } else if (const std::uint64_t end = crossings->endAfter(crossing); end >= needed) {
             words.trustTo(end);
         } else if (words.extendTo(needed)) {
-            crossings.learn(crossing, words.readableEnd());
+            crossings->learn(crossing, words.readableEnd());
         }
         return words.readableEnd();
     }
@@ -352,6 +379,10 @@ class CfiUnwinder {
                                                            WalkMemory& memory, StackWords& words,
                                                            Position& position) noexcept {
         const std::uint64_t address = position.instructionPointer - memory.callSize;
+        if (memory.callSize == 0 && memory.knowsFramePointer) {
+            memory.interrupted = {position.instructionPointer, position.stackPointer,
+                                  position.framePointer};
+        }
         bool isTrue = memory.callSize == 0 || isAtStart(memory, position);
         if (!covers(memory.module, address) && !enterModule(memory, address)) {
             isTrue = isTrue || callSite(memory, position.instructionPointer) == CallSite::Behind;
@@ -391,6 +422,30 @@ class CfiUnwinder {
                               words.covers(position.stackPointer, position.stackPointer);
         position.identity = isSteady ? orNone(memory.module.identity) : RuleCache::noIdentity;
         return result;
+    }
+
+    [[gnu::noinline]] static bool stepByCode(const WalkMemory::Interrupted& from,
+                                             WalkMemory& memory, StackWords& words,
+                                             Position& position) noexcept {
+        // What is found may be a stale word, as for `returnTo`.
+        if (memory.copies == nullptr || !memory.mayCallSystem) {
+            memory.lacksCopies = memory.mayCallSystem;
+            return false;
+        }
+        CalledFrame caller;
+        if (!enterModule(memory, from.instructionPointer) ||
+            !findCallerByCode(memory.module, from.instructionPointer, from.stackPointer,
+                              from.framePointer, memory.copies, words, caller)) {
+            return false;
+        }
+        position = {};
+        position.instructionPointer = caller.returnAddress;
+        position.stackPointer = caller.stackPointer;
+        position.framePointer = caller.framePointer;
+        memory.knowsFramePointer = true;
+        memory.registersBelong = 0;
+        memory.callSize = 1;
+        return true;
     }
 
     static CallSite callSite(const WalkMemory& memory, std::uint64_t address) noexcept {
@@ -482,7 +537,7 @@ class CfiUnwinder {
     }
 
     RuleCache& cache;
-    KnownCrossings& crossings;
+    KnownCrossings* const crossings;
     WalkMemory& memory;
     const bool usesCache;
     const std::uint64_t permanentIdentity;

@@ -10,10 +10,8 @@
 
 #include "foundation/checked_bytes.h"
 #include "platform/memory.h"
-#include "platform/thread_context.h"
-#include "stack/cfi/call_site.h"
+#include "stack/cfi/called_frame.h"
 #include "stack/cfi/prologue.h"
-#include "stack/cfi/register_file.h"
 #include "stack/cfi/table_step.h"
 
 namespace ThreadUtilities::cfi {
@@ -29,29 +27,6 @@ std::optional<FramePointerPlace> placeIn(std::uint64_t functionBegin,
     return findFramePointer(ByteCursor(code.data(), size), address - functionBegin);
 }
 
-// A call may go to the instruction behind the mark of an entry that indirect branches may use.
-bool isEntry(std::uint64_t target, std::uint64_t functionBegin) noexcept {
-    constexpr std::uint64_t markSize = 4;  // endbr64
-    return target == functionBegin || target == functionBegin + markSize;
-}
-
-/// One frame outward from the frame whose saved frame pointer and return address are these.
-bool leadsOn(std::uint64_t returnAddress, std::uint64_t stackPointer, std::uint64_t framePointer,
-             TableCopies* copies, StackWords& words) noexcept {
-    platform::CodeModule module;
-    if (!platform::findCodeModule(returnAddress - 1, module)) {
-        return false;
-    }
-    RegisterFile registers;
-    registers.set(platform::Rip, returnAddress);
-    registers.set(platform::Rsp, stackPointer);
-    registers.set(platform::Rbp, framePointer);
-    const TableStep step = stepByTables(module, returnAddress - 1, copies, registers, words);
-    return step.result == StepResult::EndOfStack ||
-           (step.result == StepResult::Made && registers[platform::Rsp] > stackPointer &&
-            (step.isSignalFrame || callSiteAt(registers[platform::Rip]) == CallSite::Behind));
-}
-
 // Why what is found is the frame pointer: the prologue puts it at a fixed distance from the stack
 // pointer as long as the function changes that by no more than its prologue does. If it does, the
 // words at that distance are the function's own data, or left there by frames that were there
@@ -64,11 +39,9 @@ bool isFrame(std::uint64_t functionBegin, std::uint64_t candidate, TableCopies* 
     if (!words.read(candidate, saved) || !words.read(candidate + 8, returnAddress)) {
         return false;
     }
-    const CallTarget call = callBefore(returnAddress);
-    if (call.site != CallSite::Behind || (call.isNamed && !isEntry(call.target, functionBegin))) {
-        return false;
-    }
-    return leadsOn(returnAddress, candidate + 16, saved, copies, words);
+    const Calls calls = callsFunction(returnAddress, functionBegin);
+    return (calls == Calls::This || calls == Calls::Unnamed) &&
+           leadsOn({returnAddress, candidate + 16, saved}, copies, words);
 }
 
 }  // namespace
@@ -76,18 +49,18 @@ bool isFrame(std::uint64_t functionBegin, std::uint64_t candidate, TableCopies* 
 bool recoverFramePointer(const platform::CodeModule& module, std::uint64_t address,
                          std::uint64_t stackPointer, TableCopies* copies, StackWords& words,
                          std::uint64_t& framePointer) noexcept {
-    std::uint64_t functionBegin = 0;
-    if (!findFunction(module, address, copies, functionBegin)) {
+    FunctionCode function;
+    if (!findFunction(module, address, copies, function)) {
         return false;
     }
-    const auto place = placeIn(functionBegin, address);
+    const auto place = placeIn(function.begin, address);
     if (!place) {
         return false;
     }
     std::size_t found = 0;
     for (std::uint64_t slack = 0; slack <= place->slack; slack += 8) {
         const std::uint64_t candidate = stackPointer + place->distance + slack;
-        if (isFrame(functionBegin, candidate, copies, words)) {
+        if (isFrame(function.begin, candidate, copies, words)) {
             framePointer = candidate;
             ++found;
         }

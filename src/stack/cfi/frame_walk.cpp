@@ -46,7 +46,8 @@ template <Keeps keeps>
 [[gnu::noinline]] Walk walk(const Start& start, cfi::TableCopies* copies, StackWords& words,
                             unsigned long long* frames, std::size_t maxFrames) noexcept {
     cfi::WalkMemory memory(start.registers, start.knownRegisters, start.mayCallSystem, copies);
-    cfi::CfiUnwinder unwinder(ruleCache, keeps, words, start.stackShift, knownCrossings, memory);
+    cfi::CfiUnwinder unwinder(ruleCache, keeps, words, start.stackShift,
+                              start.isOwn ? &knownCrossings : nullptr, memory);
     if (start.isOwn && keeps == Keeps::FramePointer) {
         unwinder.startAsCaller();
     }

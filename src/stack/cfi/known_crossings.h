@@ -22,7 +22,8 @@ namespace ThreadUtilities::cfi {
 /// if the host has protected the page in between. Hosts that protect pages of stacks are told by
 /// the first page that is found so, in any walk; from then on nothing here is believed. What is
 /// left is damage that was walked once before the host's very first protected page is met, in that
-/// page. Steps by a frame pointer, which damage reaches most easily, ask each time.
+/// page. Steps by a frame pointer, which damage reaches most easily, ask each time; so do walks of
+/// other threads, to which a question is little beside what else they cost.
 ///
 /// Each entry is one word; a lost or torn update is an entry that is not there.
 class KnownCrossings {

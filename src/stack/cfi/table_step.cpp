@@ -63,12 +63,12 @@ StepResult findDescription(const platform::CodeModule& module, std::uint64_t add
 }
 
 bool findFunction(const platform::CodeModule& module, std::uint64_t address, TableCopies* copies,
-                  std::uint64_t& begin) noexcept {
+                  FunctionCode& function) noexcept {
     FrameDescription description;
     if (findDescription(module, address, copies, description) != StepResult::Made) {
         return false;
     }
-    begin = description.codeBegin;
+    function = {description.codeBegin, description.codeEnd};
     return true;
 }
 

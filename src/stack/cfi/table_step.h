@@ -32,10 +32,16 @@ struct TableRow {
 StepResult findTableRow(const platform::CodeModule& module, std::uint64_t address,
                         TableCopies* copies, TableRow& found) noexcept;
 
-/// The first address of the function that covers `address`, as the tables have it.
+/// [begin, end) of a function, as the tables have it.
+struct FunctionCode {
+    std::uint64_t begin = 0;
+    std::uint64_t end = 0;
+};
+
+/// The function of `module` that covers `address`.
 /// Context: as `findTableRow`.
 bool findFunction(const platform::CodeModule& module, std::uint64_t address, TableCopies* copies,
-                  std::uint64_t& begin) noexcept;
+                  FunctionCode& function) noexcept;
 
 struct TableStep {
     StepResult result = StepResult::Made;
