@@ -18,15 +18,16 @@
 #include "stack/frame_walk.h"
 
 namespace ThreadUtilities {
-platform::Visit captureOtherThread(unsigned int threadId, std::span<unsigned long long> frames,
-                                   bool suspend, std::chrono::steady_clock::time_point deadline) {
+platform::Visit captureOtherThread(const platform::VisitRequest& asked,
+                                   std::span<unsigned long long> frames) {
     prepareFrameWalks();
-    const platform::VisitRequest request{threadId, suspend, collectFrames, deadline};
+    platform::VisitRequest request = asked;
+    request.visitor = collectFrames;
     platform::Visit visit = platform::visitThreadContext(request, frames);
     // A walk that held its thread left long searches to this.
     constexpr int mostSearches = 8;
     for (int searches = 0; searches < mostSearches && searchForWalks(); ++searches) {
-        if (platform::steadyNow() >= deadline) {
+        if (platform::steadyNow() >= request.deadline) {
             break;
         }
         visit = platform::visitThreadContext(request, frames);
@@ -40,9 +41,11 @@ namespace {
 // traced, has asked already. It writes nothing where it fails.
 std::size_t captureFromCaller(unsigned int threadId, std::span<unsigned long long> frames,
                               bool suspend) {
-    const auto deadline = platform::steadyNow() + longestCapture;
-    const std::size_t frameCount =
-        captureOtherThread(threadId, frames, suspend, deadline).frameCount;
+    platform::VisitRequest request;
+    request.threadId = threadId;
+    request.suspend = suspend;
+    request.deadline = platform::steadyNow() + longestCapture;
+    const std::size_t frameCount = captureOtherThread(request, frames).frameCount;
     if (frameCount == 0 && !platform::isDebuggerAttached()) {
         frames[0] = 0;
     }

@@ -15,8 +15,8 @@ namespace ThreadUtilities {
 inline constexpr std::chrono::seconds longestCapture{1};
 
 /// What `getStackTrace` does for a thread that is not the calling one, after it has checked its
-/// arguments. A thread that has not answered by `deadline` is given up.
-platform::Visit captureOtherThread(unsigned int threadId, std::span<unsigned long long> frames,
-                                   bool suspend, std::chrono::steady_clock::time_point deadline);
+/// arguments: visits it as asked, with a visitor that walks its stack.
+platform::Visit captureOtherThread(const platform::VisitRequest& asked,
+                                   std::span<unsigned long long> frames);
 
 }  // namespace ThreadUtilities
