@@ -98,8 +98,8 @@ struct VisitRequest {
     /// The thread's, from a caller who visits it again and again; it may keep open what the visit
     /// reads.
     const RunWitness* witness = nullptr;
-    /// That an earlier visit through this witness found the thread at rest, and that no debugger
-    /// traces it now; so that it may be looked at before anything else is asked of it.
+    /// That an earlier visit found a thread of this process at rest, and that no debugger traces
+    /// any; so that this one may be looked at before anything else is asked of it.
     bool looksFirst = false;
 };
 

@@ -25,22 +25,12 @@ using platform::RunWitness;
 
 constexpr std::size_t newThreadsBetweenSweeps = 256;
 
-// A debugger attaches to all threads, each of which runs for a moment to notice it. So it is only
-// late that one is found whose threads have not run since.
-constexpr std::chrono::milliseconds asLongAsForTouching(1);
+// A debugger attaches to all threads, each of which runs for a moment to notice it: it is seldom
+// that one is there and a thread has not run since.
 constexpr std::chrono::milliseconds asLongAsForResults(10);
 constexpr std::chrono::milliseconds asLongAsHintsDo(25);
 
 }  // namespace
-
-bool CaptureSession::isDebuggerAttached(Time now, std::chrono::milliseconds answerLasts) {
-    if (!debuggerIsKnown || now - debuggerAskedAt >= answerLasts) {
-        debuggerAttached = platform::isDebuggerAttached();
-        debuggerAskedAt = now;
-        debuggerIsKnown = true;
-    }
-    return debuggerAttached;
-}
 
 // The hint overlooks about one run in a thousand, of microseconds. Therefore it has to do for a
 // short time only: what a sample shows wrongly because of it is corrected after that.
@@ -101,10 +91,8 @@ platform::Visit CaptureSession::visitKnown(KnownThreads::const_iterator known, T
     request.threadId = threadId;
     request.deadline = std::min(deadline, now + longestCapture);
     request.witness = thread.witness.get();
-    request.looksFirst =
-        thread.witness && !thread.frames.empty() && !isDebuggerAttached(now, asLongAsForTouching);
     buffer[0] = 0;
-    return captureOtherThread(request, buffer);
+    return series.capture(request, buffer);
 }
 
 // A stack is kept only if its thread was at rest when it was captured, with what its witness said
@@ -124,7 +112,7 @@ std::size_t CaptureSession::capture(unsigned int threadId) {
     if (known != knownThreads.end()) {
         const Since since = sinceRest(*known, now);
         if (since == Since::Unchanged) {
-            if (isDebuggerAttached(now, asLongAsForResults)) {
+            if (series.isDebuggerAttached(asLongAsForResults)) {
                 return 0;
             }
             const auto& frames = known->second.frames;

@@ -13,6 +13,7 @@
 
 #include "platform/run_witness.h"
 #include "platform/thread_context.h"
+#include "stack/stack_trace.h"
 
 namespace ThreadUtilities {
 
@@ -54,7 +55,6 @@ class CaptureSession {
     using Time = std::chrono::steady_clock::time_point;
     enum class Since { Unchanged, Ran, Ended };
 
-    bool isDebuggerAttached(Time now, std::chrono::milliseconds answerLasts);
     static Since sinceRest(KnownThreads::value_type& known, Time now);
     KnownThreads::iterator know(unsigned int threadId);
     KnownThreads::iterator forget(KnownThreads::iterator known);
@@ -66,9 +66,7 @@ class CaptureSession {
     std::size_t freeFiles;
     std::size_t newThreads = 0;  ///< since ended ones were last looked for
     KnownThreads knownThreads;
-    std::chrono::steady_clock::time_point debuggerAskedAt;
-    bool debuggerIsKnown = false;
-    bool debuggerAttached = false;
+    CaptureSeries series;
     bool unchanged = false;
 };
 

@@ -54,6 +54,37 @@ std::size_t captureFromCaller(unsigned int threadId, std::span<unsigned long lon
 
 }  // namespace
 
+bool CaptureSeries::isDebuggerAttached(std::chrono::milliseconds answerLasts) noexcept {
+    const auto now = platform::steadyNow();
+    if (!debuggerIsKnown || now - debuggerAskedAt >= answerLasts) {
+        debuggerAttached = platform::isDebuggerAttached();
+        debuggerAskedAt = now;
+        debuggerIsKnown = true;
+    }
+    return debuggerAttached;
+}
+
+// A thread is found at rest only where the system speaks of this process's threads by the numbers
+// that this process knows them by: then it does so of all of them.
+platform::Visit CaptureSeries::capture(platform::VisitRequest request,
+                                       std::span<unsigned long long> frames) {
+    request.looksFirst = foundOneAtRest && !isDebuggerAttached();
+    const platform::Visit visit = captureOtherThread(request, frames);
+    foundOneAtRest = foundOneAtRest || visit.atRest.has_value();
+    return visit;
+}
+
+std::size_t CaptureSeries::capture(unsigned int threadId, std::span<unsigned long long> frames) {
+    if (threadId == platform::currentThreadId()) {
+        return static_cast<std::size_t>(
+            getStackTrace(threadId, frames.data(), frames.size(), true));
+    }
+    platform::VisitRequest request;
+    request.threadId = threadId;
+    request.deadline = platform::steadyNow() + longestCapture;
+    return capture(request, frames).frameCount;
+}
+
 // The calling thread's first entry lies in this function: it is never inlined, and the walk is not
 // its last act, which would let the compiler turn the call into a jump.
 [[gnu::noinline]] unsigned long long getStackTrace(const unsigned int& threadId,
