@@ -80,8 +80,10 @@ class Duel {
 };
 
 std::size_t visitAndWalk(unsigned int threadId, unsigned long long* frames) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-    return captureOtherThread(threadId, {frames, room}, true, deadline).frameCount;
+    platform::VisitRequest request;
+    request.threadId = threadId;
+    request.deadline = std::chrono::steady_clock::now() + longestCapture;
+    return captureOtherThread(request, {frames, room}).frameCount;
 }
 
 struct HandlerRuns {
@@ -191,7 +193,8 @@ BENCHMARK(DebuggerTest);
 
 void BlockedThreadInASession(benchmark::State& state) {
     Target target(Target::Work::Block);
-    CaptureSession session(room, std::chrono::steady_clock::time_point::max(), 1);
+    CaptureSession session(room, std::chrono::steady_clock::time_point::max(),
+                           platform::RunWitness::mostFiles);
     for (auto _ : state) {
         benchmark::DoNotOptimize(session.capture(target.id()));
     }

@@ -7,13 +7,16 @@
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 
+#if defined(HAVE_LIBUNWIND)
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
+#endif
 
 #include <cstdint>
 #include <thread>
 
 #include "deep_stack.h"
+#include "platform/linux/module_table.h"
 #include "stack/frame_walk.h"
 
 namespace {
@@ -34,9 +37,11 @@ std::size_t walkCLibrary(void** frames) {
     return backtrace(frames, capacity);
 }
 
+#if defined(HAVE_LIBUNWIND)
 std::size_t walkLibunwind(void** frames) {
     return unw_backtrace(frames, capacity);
 }
+#endif
 
 /// The limit: follows the chain of frame pointers and checks nothing but that it grows, up to the
 /// frame that called the chain's first function.
@@ -91,6 +96,19 @@ void workerStack(benchmark::State& state, Walk walk) {
     std::thread([&] { wholeStack(state, walk); }).join();
 }
 
+/// With the library's own list of modules, as where the C library cannot look one up in a handler.
+void workerStackByModuleTable(benchmark::State& state) {
+    ThreadUtilities::platform::setModuleTableUse(true);
+    workerStack(state, walkOwn);
+    ThreadUtilities::platform::setModuleTableUse(false);
+}
+
+void wholeStackByModuleTable(benchmark::State& state) {
+    ThreadUtilities::platform::setModuleTableUse(true);
+    wholeStack(state, walkOwn);
+    ThreadUtilities::platform::setModuleTableUse(false);
+}
+
 void framePointerChain(benchmark::State& state) {
     Run run{state, walkFramePointers};
     outermostFrame = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
@@ -99,11 +117,15 @@ void framePointerChain(benchmark::State& state) {
 }
 
 BENCHMARK_CAPTURE(wholeStack, own, walkOwn)->Arg(15)->Arg(32)->Arg(100);
-BENCHMARK_CAPTURE(wholeStack, libunwind, walkLibunwind)->Arg(15)->Arg(32)->Arg(100);
 BENCHMARK_CAPTURE(wholeStack, c_library, walkCLibrary)->Arg(15)->Arg(32)->Arg(100);
 BENCHMARK_CAPTURE(workerStack, own, walkOwn)->Arg(32);
-BENCHMARK_CAPTURE(workerStack, libunwind, walkLibunwind)->Arg(32);
 BENCHMARK_CAPTURE(workerStack, c_library, walkCLibrary)->Arg(32);
+BENCHMARK(workerStackByModuleTable)->Arg(32);
+BENCHMARK(wholeStackByModuleTable)->Arg(32);
 BENCHMARK(framePointerChain)->Arg(15)->Arg(32)->Arg(100);
+#if defined(HAVE_LIBUNWIND)
+BENCHMARK_CAPTURE(wholeStack, libunwind, walkLibunwind)->Arg(15)->Arg(32)->Arg(100);
+BENCHMARK_CAPTURE(workerStack, libunwind, walkLibunwind)->Arg(32);
+#endif
 
 }  // namespace

@@ -95,6 +95,12 @@ struct VisitRequest {
     ContextVisitor visitor = nullptr;
     /// When the visit is given up although nothing speaks against an answer.
     VisitDeadline deadline;
+    /// The thread's, from a caller who visits it again and again; it may keep open what the visit
+    /// reads.
+    const RunWitness* witness = nullptr;
+    /// That an earlier visit found a thread of this process at rest, and that no debugger traces
+    /// any; so that this one may be looked at before anything else is asked of it.
+    bool looksFirst = false;
 };
 
 enum class VisitResult {

@@ -1,6 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
+#include "sampling/call_tree.h"
+
 #include <ThreadUtilities/Sampling.h>
 #include <ThreadUtilities/Threads.h>
 
@@ -73,16 +75,17 @@ Tree::Tree(unsigned int nodeProcessId, unsigned long long nodeAddress, unsigned 
 
 Tree::~Tree() = default;
 
-void Tree::add(const FrameIterator& first, const FrameIterator& last) {
-    // Only one node is locked at a time. Below this one, `held` keeps the node alive without its
-    // parent's lock: others may clear the children meanwhile.
+// Only one node is locked at a time. Below the first one, `held` keeps the node alive without its
+// parent's lock: others may clear the children meanwhile.
+void addSamples(Tree& top, const Tree::FrameIterator& first, const Tree::FrameIterator& last,
+                unsigned long long times) {
     std::shared_ptr<Tree> held;
-    Tree* node = this;
-    for (FrameIterator frame = first;; ++frame) {
+    Tree* node = &top;
+    for (Tree::FrameIterator frame = first;; ++frame) {
         std::shared_ptr<Tree> child;
         {
             const std::lock_guard lock(node->mutex);
-            ++node->count;
+            node->count += times;
             if (frame == last) {
                 return;
             }
@@ -91,6 +94,10 @@ void Tree::add(const FrameIterator& first, const FrameIterator& last) {
         held = std::move(child);
         node = held.get();
     }
+}
+
+void Tree::add(const FrameIterator& first, const FrameIterator& last) {
+    addSamples(*this, first, last, 1);
 }
 
 void Tree::add(unsigned long long key, const FrameIterator& first, const FrameIterator& last) {

@@ -4,6 +4,7 @@
 #include <ThreadUtilities/Sampling.h>
 #include <ThreadUtilities/Threads.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <sstream>
@@ -15,6 +16,7 @@
 #include "sampling/sampling_run.h"
 #include "sampling/worker_group.h"
 #include "sampling/workers.h"
+#include "threads/thread_list.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -22,6 +24,14 @@ namespace {
 /// From this many workers on, some are left for the threads besides the focus thread.
 constexpr unsigned int parallelismForOtherThreads = 4;
 constexpr unsigned int focusWorkersBesideOthers = 2;
+
+/// What an interval may lose is below what waking up costs it.
+std::chrono::nanoseconds stampWidthFor(std::chrono::milliseconds interval) {
+    constexpr int smallPart = 64;
+    constexpr std::chrono::nanoseconds most = std::chrono::microseconds(100);
+    return std::clamp(saturatingNanoseconds(interval) / smallPart, std::chrono::nanoseconds(0),
+                      most);
+}
 
 TimePoint deadlineAfter(std::chrono::seconds duration) {
     return saturatingAdd(platform::steadyNow(), saturatingNanoseconds(duration));
@@ -66,9 +76,11 @@ std::string sampleAllThreads(const std::chrono::seconds& duration,
                              const std::chrono::milliseconds& interval) {
     SamplingRun run;
     run.root = std::make_shared<Tree>();
+    run.startsSeen = announcedStarts();
     run.threadIds = getThreadIds();
     run.parallelism = samplingParallelism();
     run.listInterval = interval;
+    run.stampWidth = stampWidthFor(interval);
     run.deadline = deadlineAfter(duration);
     runWorkers(run, [](unsigned int) { return ownProcessWorker; });
     return report(run, Iterations::Shown);

@@ -11,11 +11,16 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "sampling/call_tree.h"
 
 namespace ThreadUtilities {
 
 bool SamplingRun::isOver() const {
-    return stopRequested || platform::steadyNow() >= deadline;
+    return isOver(platform::steadyNow());
+}
+
+bool SamplingRun::isOver(TimePoint now) const {
+    return stopRequested || now >= deadline;
 }
 
 void SamplingRun::failWithCurrentException() noexcept {
@@ -29,22 +34,31 @@ void SamplingRun::failWithCurrentException() noexcept {
 
 SamplingRun::Visit SamplingRun::stampIfDue(unsigned int threadId,
                                            std::chrono::milliseconds interval) {
-    const TimePoint now = platform::steadyNow();
+    return stampIfDue(threadId, interval, platform::steadyNow());
+}
+
+SamplingRun::Visit SamplingRun::stampIfDue(unsigned int threadId,
+                                           std::chrono::milliseconds interval, TimePoint now) {
     const auto [entry, isFirst] = lastSampleTime.try_emplace(threadId, now);
     const TimePoint due =
         isFirst ? now : saturatingAdd(entry->second, saturatingNanoseconds(interval));
-    const Visit visit{now, due};
+    Visit visit{now, due, due};
     if (visit.isDue()) {
-        entry->second = now;
+        if (now > saturatingAdd(lastStamp, stampWidth)) {
+            lastStamp = now;
+        }
+        entry->second = lastStamp;
+        visit.nextDue = saturatingAdd(lastStamp, saturatingNanoseconds(interval));
     }
     return visit;
 }
 
 void SamplingRun::addSample(unsigned int threadId, const std::vector<unsigned long long>& frames,
-                            std::size_t frameCount) {
-    ++totalSampleCount;
+                            std::size_t frameCount, unsigned long long times) {
+    totalSampleCount += times;
     const auto end = frames.cbegin() + static_cast<std::ptrdiff_t>(frameCount);
-    root->add(threadId, Tree::FrameIterator(end), Tree::FrameIterator(frames.cbegin()));
+    addSamples(*root->findOrCreateChild(threadId), Tree::FrameIterator(end),
+               Tree::FrameIterator(frames.cbegin()), times);
 }
 
 unsigned int samplingParallelism() {

@@ -39,6 +39,9 @@ struct SamplingRun {
     TimePoint deadline;
     std::chrono::milliseconds focusInterval{0};
     std::chrono::milliseconds listInterval{0};
+    /// Threads chosen within this time are stamped with one time: they are due together from then
+    /// on, so that one wake-up serves them all.
+    std::chrono::nanoseconds stampWidth{0};
     StackCaptureCallback capture;  ///< called without any lock, by several workers at once
 
     // Guarded by `samplingMutex`.
@@ -46,10 +49,11 @@ struct SamplingRun {
     std::vector<unsigned int> threadIds;
     std::size_t threadCursor = 0;  ///< index in `threadIds`; every visit goes to one worker
     std::unordered_map<unsigned int, TimePoint> lastSampleTime;
+    TimePoint lastStamp = TimePoint::min();
 
     // Guarded by `samplingMutex`; of the workers that sample this process.
-    bool passFoundDue = false;               ///< whether the pass under way found a thread due
-    TimePoint nextDue = TimePoint::max();    ///< when the first of the others it visited will be
+    std::uint32_t startsSeen = 0;            ///< thread starts announced before `threadIds`
+    TimePoint nextDue = TimePoint::max();    ///< when the first of those visited so far will be
     bool isWatched = false;                  ///< whether a worker waits for that time
     std::condition_variable workMayBeThere;  ///< the others wait for this meanwhile
 
@@ -68,6 +72,7 @@ struct SamplingRun {
 
     /// Whether the run is over: the deadline is reached, or it was ended early.
     bool isOver() const;
+    bool isOver(TimePoint now) const;
 
     /// Makes every worker end at its next turn.
     void requestStop() noexcept { stopRequested = true; }
@@ -82,16 +87,18 @@ struct SamplingRun {
     struct Visit {
         TimePoint now;
         TimePoint due;
+        TimePoint nextDue;  ///< `due`, or where it is due the next time
         bool isDue() const { return due <= now; }
     };
 
     /// Chooses a thread for a sample when it was not sampled for `interval`: it is then stamped
     /// with the time. Caller holds `samplingMutex`.
     Visit stampIfDue(unsigned int threadId, std::chrono::milliseconds interval);
+    Visit stampIfDue(unsigned int threadId, std::chrono::milliseconds interval, TimePoint now);
 
     /// Counts a sample and merges its first `frameCount` frames into the tree.
     void addSample(unsigned int threadId, const std::vector<unsigned long long>& frames,
-                   std::size_t frameCount);
+                   std::size_t frameCount, unsigned long long times = 1);
 };
 
 /// Number of workers: half the hardware threads, at least 1.

@@ -12,7 +12,7 @@ namespace ThreadUtilities {
 
 /// Samples the threads of the calling process, the run's own workers left out, at `listInterval`.
 /// Fetches the thread list anew at the end of each pass. After a pass that found no thread due it
-/// waits until one is, though never for long without a look at the list, for new threads.
+/// waits until one is or a thread starts, and never for long without a look at the list.
 void ownProcessWorker(SamplingRun& run);
 
 /// What each of them does first: tells the starter that it is there.

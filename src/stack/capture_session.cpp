@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -20,58 +21,85 @@
 namespace ThreadUtilities {
 namespace {
 
+using platform::RunWitness;
+
 constexpr std::size_t newThreadsBetweenSweeps = 256;
+
+// A debugger attaches to all threads, each of which runs for a moment to notice it: it is seldom
+// that one is there and a thread has not run since.
+constexpr std::chrono::milliseconds asLongAsForResults(10);
+constexpr std::chrono::milliseconds asLongAsHintsDo(25);
 
 }  // namespace
 
-bool CaptureSession::isDebuggerAttached() {
-    const auto now = platform::steadyNow();
-    if (!debuggerIsKnown || now - debuggerAskedAt >= std::chrono::milliseconds(1)) {
-        debuggerAttached = platform::isDebuggerAttached();
-        debuggerAskedAt = now;
-        debuggerIsKnown = true;
+// The hint overlooks about one run in a thousand, of microseconds. Therefore it has to do for a
+// short time only: what a sample shows wrongly because of it is corrected after that.
+CaptureSession::Since CaptureSession::sinceRest(KnownThreads::value_type& known, Time now) {
+    auto& [threadId, thread] = known;
+    std::optional<std::uint64_t> hint;
+    if (thread.witness) {
+        hint = thread.witness->readHint();
+        if (hint && hint == thread.hint && now - thread.provenAt < asLongAsHintsDo) {
+            return Since::Unchanged;
+        }
     }
-    return debuggerAttached;
+    const auto runs = thread.witness ? thread.witness->read() : RunWitness(threadId).read();
+    if (!runs) {
+        return Since::Ended;
+    }
+    if (thread.frames.empty() || runs != thread.runs) {
+        thread.hint.reset();
+        return Since::Ran;
+    }
+    // Because the hint was read before the proof, it is as old as the rest that was proven.
+    thread.hint = hint;
+    thread.provenAt = now;
+    return Since::Unchanged;
 }
 
-std::optional<platform::ThreadRuns> CaptureSession::runsOf(const KnownStacks::value_type& known) {
-    const auto& [threadId, stack] = known;
-    return stack.witness ? stack.witness->read() : platform::RunWitness(threadId).read();
+CaptureSession::KnownThreads::iterator CaptureSession::forget(KnownThreads::iterator known) {
+    freeFiles += known->second.witness ? RunWitness::mostFiles : 0;
+    return knownThreads.erase(known);
 }
 
-CaptureSession::KnownStacks::iterator CaptureSession::forget(KnownStacks::iterator known) {
-    freeFiles += known->second.witness ? 1 : 0;
-    return knownStacks.erase(known);
-}
-
-// Threads that come and go leave stacks behind that nobody asks for again.
+// Threads that come and go leave behind what nobody asks for again.
 void CaptureSession::forgetEndedThreads() {
-    for (auto known = knownStacks.begin(); known != knownStacks.end();) {
-        known = runsOf(*known) ? std::next(known) : forget(known);
+    const Time now = platform::steadyNow();
+    for (auto known = knownThreads.begin(); known != knownThreads.end();) {
+        const bool hasEnded = sinceRest(*known, now) == Since::Ended;
+        known = hasEnded ? forget(known) : std::next(known);
     }
 }
 
-void CaptureSession::keep(unsigned int threadId, std::size_t frameCount,
-                          const platform::ThreadRuns& runs) {
-    const auto [entry, isNew] = knownStacks.try_emplace(threadId);
-    KnownStack& stack = entry->second;
-    if (isNew && freeFiles > 0) {
-        stack.witness = std::make_unique<platform::RunWitness>(threadId);
-        --freeFiles;
-    }
-    newThreads += isNew ? 1 : 0;
-    stack.runs = runs;
-    stack.frames.assign(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(frameCount));
-    if (newThreads >= newThreadsBetweenSweeps) {
+CaptureSession::KnownThreads::iterator CaptureSession::know(unsigned int threadId) {
+    if (++newThreads >= newThreadsBetweenSweeps) {
         newThreads = 0;
         forgetEndedThreads();
     }
+    const auto known = knownThreads.try_emplace(threadId).first;
+    if (freeFiles >= RunWitness::mostFiles) {
+        known->second.witness = std::make_unique<RunWitness>(threadId);
+        known->second.witness->keepFilesForVisits();
+        freeFiles -= RunWitness::mostFiles;
+    }
+    return known;
+}
+
+platform::Visit CaptureSession::visitKnown(KnownThreads::const_iterator known, Time now) {
+    const auto& [threadId, thread] = *known;
+    platform::VisitRequest request;
+    request.threadId = threadId;
+    request.deadline = std::min(deadline, now + longestCapture);
+    request.witness = thread.witness.get();
+    buffer[0] = 0;
+    return series.capture(request, buffer);
 }
 
 // A stack is kept only if its thread was at rest when it was captured, with what its witness said
 // then. As long as the witness says the same, the thread has not run since, and the stack is what
 // it was.
 std::size_t CaptureSession::capture(unsigned int threadId) {
+    unchanged = false;
     if (buffer.empty()) {
         return 0;
     }
@@ -79,25 +107,33 @@ std::size_t CaptureSession::capture(unsigned int threadId) {
         return static_cast<std::size_t>(
             getStackTrace(threadId, buffer.data(), buffer.size(), true));
     }
-    if (const auto known = knownStacks.find(threadId); known != knownStacks.end()) {
-        const auto runs = runsOf(*known);
-        if (runs == known->second.runs) {
-            if (isDebuggerAttached()) {
+    const Time now = platform::steadyNow();
+    auto known = knownThreads.find(threadId);
+    if (known != knownThreads.end()) {
+        const Since since = sinceRest(*known, now);
+        if (since == Since::Unchanged) {
+            if (series.isDebuggerAttached(asLongAsForResults)) {
                 return 0;
             }
             const auto& frames = known->second.frames;
             std::copy(frames.begin(), frames.end(), buffer.begin());
+            unchanged = true;
             return frames.size();
         }
-        if (!runs) {
+        if (since == Since::Ended) {
             forget(known);  // another thread may have its id by now
+            known = knownThreads.end();
         }
     }
-    buffer[0] = 0;
-    const auto giveUp = std::min(deadline, platform::steadyNow() + longestCapture);
-    const platform::Visit visit = captureOtherThread(threadId, buffer, true, giveUp);
+    if (known == knownThreads.end()) {
+        known = know(threadId);
+    }
+    const platform::Visit visit = visitKnown(known, now);
     if (visit.atRest && visit.frameCount != 0) {
-        keep(threadId, visit.frameCount, *visit.atRest);
+        known->second.runs = *visit.atRest;
+        known->second.hint.reset();
+        known->second.frames.assign(buffer.begin(),
+                                    buffer.begin() + static_cast<std::ptrdiff_t>(visit.frameCount));
     }
     return visit.frameCount;
 }

@@ -5,19 +5,23 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <unordered_map>
 #include <vector>
 
 #include "platform/run_witness.h"
+#include "platform/thread_context.h"
+#include "stack/stack_trace.h"
 
 namespace ThreadUtilities {
 
 /// Captures threads of the calling process again and again, as a profiler does. The results are
-/// those of `getStackTrace`, but what cannot have changed is not looked up again: the stack of a
-/// thread that has not run since it was captured, and within a millisecond the answer to whether a
-/// debugger is attached.
+/// those of `getStackTrace`, but what has not changed is not looked up again: the stack of a thread
+/// that has not run since it was captured (one run in a thousand, of microseconds, is noticed up to
+/// 25 ms late), and within a millisecond, or 10 for a thread that has not run, the answer to
+/// whether a debugger is attached.
 ///
 /// For one thread at a time. Allocates, though never while a thread stands still.
 class CaptureSession {
@@ -31,31 +35,39 @@ class CaptureSession {
     /// Captures one thread, which stands still meanwhile; returns the number of frames.
     std::size_t capture(unsigned int threadId);
 
+    /// Whether the last capture found the same as the one before of the same thread, because that
+    /// has not run since.
+    bool isUnchanged() const { return unchanged; }
+
     /// The frames of the last capture are the first entries, innermost first.
     const std::vector<unsigned long long>& frames() const { return buffer; }
 
  private:
-    struct KnownStack {
+    struct KnownThread {
         std::unique_ptr<platform::RunWitness> witness;  ///< null where no file is kept open
-        platform::ThreadRuns runs;
-        std::vector<unsigned long long> frames;
+        platform::ThreadRuns runs;                      ///< when it was last found at rest
+        std::optional<std::uint64_t> hint;              ///< no later than at the last proof of that
+        std::chrono::steady_clock::time_point provenAt;
+        std::vector<unsigned long long> frames;  ///< there; empty where it never was
     };
-    using KnownStacks = std::unordered_map<unsigned int, KnownStack>;
+    using KnownThreads = std::unordered_map<unsigned int, KnownThread>;
 
-    bool isDebuggerAttached();
-    static std::optional<platform::ThreadRuns> runsOf(const KnownStacks::value_type& known);
-    void keep(unsigned int threadId, std::size_t frameCount, const platform::ThreadRuns& runs);
-    KnownStacks::iterator forget(KnownStacks::iterator known);
+    using Time = std::chrono::steady_clock::time_point;
+    enum class Since { Unchanged, Ran, Ended };
+
+    static Since sinceRest(KnownThreads::value_type& known, Time now);
+    KnownThreads::iterator know(unsigned int threadId);
+    KnownThreads::iterator forget(KnownThreads::iterator known);
     void forgetEndedThreads();
+    platform::Visit visitKnown(KnownThreads::const_iterator known, Time now);
 
     std::vector<unsigned long long> buffer;
     const std::chrono::steady_clock::time_point deadline;
     std::size_t freeFiles;
     std::size_t newThreads = 0;  ///< since ended ones were last looked for
-    KnownStacks knownStacks;
-    std::chrono::steady_clock::time_point debuggerAskedAt;
-    bool debuggerIsKnown = false;
-    bool debuggerAttached = false;
+    KnownThreads knownThreads;
+    CaptureSeries series;
+    bool unchanged = false;
 };
 
 }  // namespace ThreadUtilities

@@ -4,8 +4,10 @@
 #include <ThreadUtilities/StackTrace.h>
 
 #include <array>
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include <ThreadUtilities/Threads.h>
@@ -13,6 +15,7 @@
 #include "foundation/text_conversion.h"
 #include "platform/debugger.h"
 #include "stack/frame_details.h"
+#include "stack/stack_trace.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -20,26 +23,43 @@ namespace {
 constexpr std::string_view debuggerAttached = "debugger attached";
 constexpr unsigned int callingProcess = 0;
 
-/// One thread's stack as text. The capture has ended, and the thread runs again, before the first
+/// Stacks of threads as text. A capture has ended, and its thread runs again, before the first
 /// frame is described: describing locks and allocates, which the standing thread might be in the
 /// middle of itself.
-std::string getThreadTrace(unsigned int threadId) {
-    if (platform::isDebuggerAttached()) {
-        return std::string(debuggerAttached);
+class Traces {
+ public:
+    std::string of(unsigned int threadId) {
+        if (captures.isDebuggerAttached()) {
+            return std::string(debuggerAttached);
+        }
+        std::array<unsigned long long, 256> frames = {};
+        const std::size_t count = captures.capture(threadId, frames);
+        std::string trace;
+        for (std::size_t i = 0; i < count; ++i) {
+            trace += textOf(frames[i]);
+        }
+        return trace;
     }
-    std::array<unsigned long long, 256> frames = {};
-    const unsigned long long count = getStackTrace(threadId, frames.data(), frames.size(), true);
-    WideString trace;
-    for (unsigned long long i = 0; i < count; ++i) {
-        trace += describeFrame(callingProcess, frames[i]);
+
+ private:
+    // Many threads wait at the same few places.
+    const std::string& textOf(unsigned long long address) {
+        const auto known = texts.find(address);
+        if (known != texts.end()) {
+            return known->second;
+        }
+        return texts.emplace(address, wideToUtf8(describeFrame(callingProcess, address)))
+            .first->second;
     }
-    return wideToUtf8(trace);
-}
+
+    CaptureSeries captures;
+    std::unordered_map<unsigned long long, std::string> texts;
+};
 
 }  // namespace
 
 std::string getStackTrace(vesko::handle<ICoreFramework> /*framework*/, unsigned int threadId) {
-    return getThreadTrace(threadId);
+    return Traces().of(threadId);
 }
 
 std::pair<std::string, std::string> getAllThreadStackTrace(
@@ -47,9 +67,10 @@ std::pair<std::string, std::string> getAllThreadStackTrace(
     if (platform::isDebuggerAttached()) {
         return {getThreadIdString(), std::string(debuggerAttached)};
     }
+    Traces traces;
     std::string report;
     for (const unsigned int threadId : getThreadIds()) {
-        const std::string trace = getThreadTrace(threadId);
+        const std::string trace = traces.of(threadId);
         if (!trace.empty()) {
             report += '[' + getThreadIdString(threadId) + "][" + getThreadName(threadId) + ']' +
                       trace + '\n';

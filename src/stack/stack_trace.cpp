@@ -18,15 +18,16 @@
 #include "stack/frame_walk.h"
 
 namespace ThreadUtilities {
-platform::Visit captureOtherThread(unsigned int threadId, std::span<unsigned long long> frames,
-                                   bool suspend, std::chrono::steady_clock::time_point deadline) {
+platform::Visit captureOtherThread(const platform::VisitRequest& asked,
+                                   std::span<unsigned long long> frames) {
     prepareFrameWalks();
-    const platform::VisitRequest request{threadId, suspend, collectFrames, deadline};
+    platform::VisitRequest request = asked;
+    request.visitor = collectFrames;
     platform::Visit visit = platform::visitThreadContext(request, frames);
     // A walk that held its thread left long searches to this.
     constexpr int mostSearches = 8;
     for (int searches = 0; searches < mostSearches && searchForWalks(); ++searches) {
-        if (platform::steadyNow() >= deadline) {
+        if (platform::steadyNow() >= request.deadline) {
             break;
         }
         visit = platform::visitThreadContext(request, frames);
@@ -40,9 +41,11 @@ namespace {
 // traced, has asked already. It writes nothing where it fails.
 std::size_t captureFromCaller(unsigned int threadId, std::span<unsigned long long> frames,
                               bool suspend) {
-    const auto deadline = platform::steadyNow() + longestCapture;
-    const std::size_t frameCount =
-        captureOtherThread(threadId, frames, suspend, deadline).frameCount;
+    platform::VisitRequest request;
+    request.threadId = threadId;
+    request.suspend = suspend;
+    request.deadline = platform::steadyNow() + longestCapture;
+    const std::size_t frameCount = captureOtherThread(request, frames).frameCount;
     if (frameCount == 0 && !platform::isDebuggerAttached()) {
         frames[0] = 0;
     }
@@ -50,6 +53,37 @@ std::size_t captureFromCaller(unsigned int threadId, std::span<unsigned long lon
 }
 
 }  // namespace
+
+bool CaptureSeries::isDebuggerAttached(std::chrono::milliseconds answerLasts) noexcept {
+    const auto now = platform::steadyNow();
+    if (!debuggerIsKnown || now - debuggerAskedAt >= answerLasts) {
+        debuggerAttached = platform::isDebuggerAttached();
+        debuggerAskedAt = now;
+        debuggerIsKnown = true;
+    }
+    return debuggerAttached;
+}
+
+// A thread is found at rest only where the system speaks of this process's threads by the numbers
+// that this process knows them by: then it does so of all of them.
+platform::Visit CaptureSeries::capture(platform::VisitRequest request,
+                                       std::span<unsigned long long> frames) {
+    request.looksFirst = foundOneAtRest && !isDebuggerAttached();
+    const platform::Visit visit = captureOtherThread(request, frames);
+    foundOneAtRest = foundOneAtRest || visit.atRest.has_value();
+    return visit;
+}
+
+std::size_t CaptureSeries::capture(unsigned int threadId, std::span<unsigned long long> frames) {
+    if (threadId == platform::currentThreadId()) {
+        return static_cast<std::size_t>(
+            getStackTrace(threadId, frames.data(), frames.size(), true));
+    }
+    platform::VisitRequest request;
+    request.threadId = threadId;
+    request.deadline = platform::steadyNow() + longestCapture;
+    return capture(request, frames).frameCount;
+}
 
 // The calling thread's first entry lies in this function: it is never inlined, and the walk is not
 // its last act, which would let the compiler turn the call into a jump.

@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
 
 #include "foundation/never_destroyed.h"
+#include "platform/clock.h"
 #include "platform/current.h"
 #include "platform/notices.h"
 #include "platform/process_copy.h"
@@ -28,7 +31,13 @@ NeverDestroyed<std::vector<unsigned int>> knownThreadIds;
 // Counts the changes of the list. It is changed under the mutex and read without.
 constinit std::atomic<unsigned long long> listChanges{0};
 
+constinit std::atomic<bool> allWereAnnounced{false};  // when the list was last asked for
+constinit std::atomic<std::uint32_t> starts{0};
+constinit std::atomic<std::uint32_t> sleepers{0};
+
 platform::RestartInCopy startAfresh([] {
+    allWereAnnounced = false;
+    sleepers = 0;
     mainThreadId = platform::currentThreadId();
     new (&knownThreadIdsMutex.value) std::mutex;
     new (&knownThreadIds.value) std::vector<unsigned int>;
@@ -49,6 +58,15 @@ void changeKnownThreads(Change change) {
     const std::lock_guard lock(knownThreadIdsMutex.value);
     change(knownThreadIds.value);
     ++listChanges;
+}
+
+// A thread that starts has counted itself before it looks for sleepers, and a sleeper has entered
+// itself before it looks at the count; therefore at least one of the two sees the other.
+void wakeThoseWhoWaitForAStart() noexcept {
+    ++starts;
+    if (sleepers != 0) {
+        platform::wakeSleepers(starts);
+    }
 }
 
 // The known threads that are live, in their order, then the live ones that were not known.
@@ -83,7 +101,11 @@ std::vector<unsigned int> ownThreads() {
     // worthless; after a few of those the list is corrected instead.
     constexpr int Tries = 3;
     KnownThreads known = copyKnownThreads();
-    for (int tries = 0; tries < Tries && platform::noticesCover(known.ids.size()); ++tries) {
+    for (int tries = 0; tries < Tries; ++tries) {
+        allWereAnnounced = platform::noticesCover(known.ids.size());
+        if (!allWereAnnounced) {
+            break;
+        }
         // No notice arrived between the copy and the comparison, therefore every listed thread
         // was there at the comparison, and the list is what the system had at that moment.
         if (listChanges.load() == known.listChanges) {
@@ -93,6 +115,21 @@ std::vector<unsigned int> ownThreads() {
     }
     std::vector<unsigned int> live = platform::liveThreads(known.ids);
     return live.empty() ? std::move(known.ids) : corrected(known.ids, std::move(live));
+}
+
+std::uint32_t announcedStarts() noexcept {
+    return starts;
+}
+
+bool sleepUntilThreadStarts(std::uint32_t seen,
+                            std::chrono::steady_clock::time_point time) noexcept {
+    if (!allWereAnnounced) {
+        return false;
+    }
+    ++sleepers;
+    const bool slept = platform::sleepUntilOrWoken(time, starts, seen);
+    --sleepers;
+    return slept;
 }
 
 std::vector<unsigned int> enumerateProcessThreads(unsigned int processId) {
@@ -112,6 +149,7 @@ void onProcessAttach() {
 
 void onThreadAttach() {
     changeKnownThreads([](auto& ids) { ids.push_back(currentThreadId()); });
+    wakeThoseWhoWaitForAStart();
 }
 
 void onThreadDetach() {

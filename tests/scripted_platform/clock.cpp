@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <thread>
 
@@ -72,6 +74,13 @@ void sleepUntil(std::chrono::steady_clock::time_point time) {
     }
     std::this_thread::yield();
 }
+
+bool sleepUntilOrWoken(std::chrono::steady_clock::time_point, const std::atomic<std::uint32_t>&,
+                       std::uint32_t) noexcept {
+    return false;
+}
+
+void wakeSleepers(const std::atomic<std::uint32_t>&) noexcept {}
 
 void sleepPrecisely() noexcept {}
 

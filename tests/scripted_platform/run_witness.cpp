@@ -20,6 +20,13 @@ std::optional<ThreadRuns> RunWitness::read() const noexcept {
     return found == scripted::threadRuns.end() ? std::nullopt : std::optional(found->second);
 }
 
+std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
+    const auto runs = read();
+    return runs ? std::optional(runs->time) : std::nullopt;
+}
+
+void RunWitness::keepFilesForVisits() noexcept {}
+
 std::size_t separateOpenFiles() noexcept {
     return scripted::separateFiles;
 }

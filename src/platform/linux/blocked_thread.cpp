@@ -11,6 +11,7 @@
 #include <span>
 #include <string_view>
 
+#include "platform/linux/files_for_visits.h"
 #include "platform/linux/kernel_calls.h"
 #include "platform/linux/task_file.h"
 #include "platform/memory.h"
@@ -42,8 +43,7 @@ std::size_t parseNumbers(std::string_view text, std::array<std::uint64_t, Size>&
 
 // The file "syscall": "running", or for a thread off the processors the system call's number and
 // arguments, then its stack and instruction pointer; outside of a call -1 and the pointers alone.
-std::optional<BlockedAt> whereBlocked(unsigned int threadId) {
-    const KernelFile file(TaskPath(threadId, "syscall").text());
+std::optional<BlockedAt> whereBlocked(KernelFile&& file) {
     if (!file.isOpen()) {
         return std::nullopt;
     }
@@ -144,6 +144,12 @@ constexpr std::uint32_t pointers = registerBit(Rip) | registerBit(Rsp);
 constexpr std::uint32_t arguments = registerBit(Rdi) | registerBit(Rsi) | registerBit(Rdx) |
                                     registerBit(R10) | registerBit(R8) | registerBit(R9);
 
+std::optional<BlockedAt> whereBlocked(const VisitRequest& request) {
+    const int kept = FilesForVisits(request.witness).call;
+    return kept >= 0 ? whereBlocked(KernelFile(kept))
+                     : whereBlocked(KernelFile(TaskPath(request.threadId, "syscall").text()));
+}
+
 VisitorAnswer visitKnowing(ThreadContext& context, std::uint32_t known, ContextVisitor visitor,
                            VisitSlot& slot) {
     context.knownRegisters = known;
@@ -184,16 +190,19 @@ bool visitAt(const BlockedAt& at, ContextVisitor visitor, VisitSlot& slot) {
 // sure that it is not in them, and it could not have left.
 BlockedVisit visitBlockedThread(const VisitRequest& request, VisitSlot& slot,
                                 std::optional<ThreadRuns>& atRest) noexcept {
-    std::optional<RunWitness> witness;
+    std::optional<RunWitness> ownWitness;
+    const RunWitness* witness = request.witness;
     std::optional<ThreadRuns> before;
     if (request.suspend) {
-        witness.emplace(request.threadId);
+        if (witness == nullptr) {
+            witness = &ownWitness.emplace(request.threadId);
+        }
         before = witness->read();
         if (!before) {
             return BlockedVisit::NotPossible;
         }
     }
-    const std::optional<BlockedAt> at = whereBlocked(request.threadId);
+    const std::optional<BlockedAt> at = whereBlocked(request);
     if (!at) {
         return BlockedVisit::NotPossible;
     }
@@ -201,7 +210,7 @@ BlockedVisit visitBlockedThread(const VisitRequest& request, VisitSlot& slot,
         return BlockedVisit::AwaitsItsStack;
     }
     const bool isEnough = visitAt(*at, request.visitor, slot);
-    if (witness && witness->read() != before) {
+    if (request.suspend && witness->read() != before) {
         return BlockedVisit::RanMeanwhile;
     }
     if (!isEnough) {

@@ -17,7 +17,7 @@ namespace ThreadUtilities::platform {
 // before any whose length varies, but for the name, which has at most 15 characters of 4 bytes
 // each.
 bool isDebuggerAttached() noexcept {
-    const KernelFile file("/proc/thread-self/status");
+    KernelFile file("/proc/thread-self/status");
     std::array<char, 512> buffer;
     const std::string_view text(buffer.data(), file.read(buffer.data(), buffer.size()));
     constexpr std::string_view name = "\nTracerPid:";

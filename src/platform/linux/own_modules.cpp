@@ -7,6 +7,7 @@
 #include <link.h>
 #include <sys/auxv.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +24,7 @@
 #include "foundation/text_conversion.h"
 #include "platform/linux/elf_headers.h"
 #include "platform/linux/elf_image.h"
+#include "platform/linux/kernel_calls.h"
 #include "platform/linux/loaded_headers.h"
 #include "platform/linux/loader_list.h"
 #include "platform/linux/process_map.h"
@@ -49,18 +51,36 @@ struct FoundModule {
     std::size_t nameEnd;  ///< in `LoaderWalk::names`; begins where the one before it ends
 };
 
-/// What one walk stores, and how much room it would have needed.
+/// A module whose headers are still to be copied.
+struct WaitingModule {
+    std::size_t index = 0;
+    std::uint64_t loadBias = 0;
+    HeaderPlace place;
+};
+
+/// What one walk stores, and how much room it would have needed. Most of a walk's time would go
+/// into asking the system to copy each module's headers; so that is done for many at once.
 struct LoaderWalk {
-    std::vector<FoundModule> modules = std::vector<FoundModule>(128);
-    std::vector<char> names = std::vector<char>(16 * 1024);
+    static constexpr std::size_t mostWaiting = 32;
+
+    std::vector<FoundModule> modules;
+    std::vector<char> names;
     std::size_t moduleCount = 0;
     std::size_t nameBytes = 0;
     std::uint64_t loadedModules = 0;
+    std::vector<WaitingModule> waiting = std::vector<WaitingModule>(mostWaiting);
+    std::vector<std::uint8_t> copies =
+        std::vector<std::uint8_t>(mostWaiting * HeaderPlace::mostBytes);
+    std::size_t waitingCount = 0;
 
     bool fits() const { return moduleCount <= modules.size() && nameBytes <= names.size(); }
+    bool isWhole() const { return fits() && waitingCount == 0; }
+    std::uint8_t* copyOf(std::size_t number) {
+        return copies.data() + number * HeaderPlace::mostBytes;
+    }
 };
 
-std::optional<DebugGuid> readBuildId(const LoadedHeaders& headers, std::uint64_t address,
+std::optional<DebugGuid> readBuildId(const CopiedHeaders& headers, std::uint64_t address,
                                      const ProgramHeader& note) noexcept {
     const ByteCursor known = headers.bytesAt(address, note.fileSize);
     if (known.ok()) {
@@ -73,23 +93,58 @@ std::optional<DebugGuid> readBuildId(const LoadedHeaders& headers, std::uint64_t
 }
 
 /// Of size 0 when the headers cannot be read.
-FoundModule inspect(const dl_phdr_info& info) noexcept {
+FoundModule inspect(const CopiedHeaders& headers, std::uint64_t loadBias) noexcept {
     FoundModule module{};
-    const LoadedHeaders headers(info);
     const auto extent = extentOf(headers.table());
     if (!extent) {
         return module;
     }
-    module.base = info.dlpi_addr + extent->begin;
+    module.base = loadBias + extent->begin;
     module.size = extent->end - extent->begin;
     ByteCursor table = headers.table();
     while (!module.guid && !table.atEnd()) {
         const ProgramHeader header = takeProgramHeader(table);
         if (header.type == PT_NOTE) {
-            module.guid = readBuildId(headers, info.dlpi_addr + header.address, header);
+            module.guid = readBuildId(headers, loadBias + header.address, header);
         }
     }
     return module;
+}
+
+/// Copies the headers of the waiting modules from `first` on, up to the first whose cannot be read;
+/// returns how many bytes.
+std::size_t copyHeaders(LoaderWalk& walk, std::size_t first) noexcept {
+    iovec here[LoaderWalk::mostWaiting];
+    iovec there[LoaderWalk::mostWaiting];
+    std::size_t count = 0;
+    for (std::size_t number = first; number < walk.waitingCount; ++number, ++count) {
+        const HeaderPlace& place = walk.waiting[number].place;
+        here[count] = {walk.copyOf(number), place.size};
+        there[count] = {reinterpret_cast<void*>(place.begin), place.size};
+    }
+    const long copied =
+        kernelCall(SYS_process_vm_readv, kernelProcessId(), argument(&here[0]),
+                   static_cast<long>(count), argument(&there[0]), static_cast<long>(count), 0);
+    return copied > 0 ? static_cast<std::size_t>(copied) : 0;
+}
+
+void inspectWaiting(LoaderWalk& walk) noexcept {
+    for (std::size_t number = 0; number < walk.waitingCount;) {
+        std::size_t left = copyHeaders(walk, number);
+        bool isCopied = true;
+        while (isCopied && number < walk.waitingCount) {
+            const WaitingModule& module = walk.waiting[number];
+            const std::size_t size = std::min(left, module.place.size);
+            left -= size;
+            isCopied = size == module.place.size;
+            const std::size_t nameEnd = walk.modules[module.index].nameEnd;
+            walk.modules[module.index] =
+                inspect(CopiedHeaders(module.place, walk.copyOf(number), size), module.loadBias);
+            walk.modules[module.index].nameEnd = nameEnd;
+            ++number;
+        }
+    }
+    walk.waitingCount = 0;
 }
 
 /// Context: the loader's lock is held; no allocation, no exception.
@@ -101,26 +156,32 @@ int collectModule(dl_phdr_info* info, std::size_t, void* state) noexcept {
     walk.nameBytes += nameSize;
     walk.loadedModules = info->dlpi_adds - info->dlpi_subs;
     if (walk.fits()) {
-        walk.modules[index] = inspect(*info);
         walk.modules[index].nameEnd = walk.nameBytes;
         std::copy_n(info->dlpi_name, nameSize, walk.names.begin() + nameBegin);
+        walk.waiting[walk.waitingCount++] = {index, info->dlpi_addr, HeaderPlace(*info)};
+        // The modules are there for sure until the walk is over, thus at the latest with the last.
+        if (walk.waitingCount == LoaderWalk::mostWaiting ||
+            walk.moduleCount == walk.modules.size()) {
+            inspectWaiting(walk);
+        }
     }
     return 0;
 }
 
-/// Walks until everything fits. Only modules that are loaded between two walks cost another one.
+/// Walks until everything fits, first to learn how much there is. Only modules that are loaded or
+/// unloaded between two walks cost another one.
 std::optional<LoaderWalk> collectModules() {
     LoaderWalk walk;
-    if (!walkLoaderList(collectModule, &walk)) {
-        return std::nullopt;
-    }
-    while (!walk.fits()) {
-        walk.modules.resize(std::max(walk.modules.size(), walk.moduleCount + 16));
-        walk.names.resize(std::max(walk.names.size(), walk.nameBytes + PATH_MAX));
+    do {
+        walk.modules.resize(walk.moduleCount);
+        walk.names.resize(walk.nameBytes);
         walk.moduleCount = 0;
         walk.nameBytes = 0;
-        walkLoaderList(collectModule, &walk);
-    }
+        walk.waitingCount = 0;
+        if (!walkLoaderList(collectModule, &walk)) {
+            return std::nullopt;
+        }
+    } while (!walk.isWhole());
     return walk;
 }
 

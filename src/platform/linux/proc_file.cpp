@@ -20,7 +20,7 @@ ProcPath::ProcPath(std::string_view before, unsigned int number, std::string_vie
 }
 
 std::string_view readProcFile(const ProcPath& path, char* buffer, std::size_t size) noexcept {
-    const KernelFile file(path.text());
+    KernelFile file(path.text());
     return std::string_view(buffer, file.isOpen() ? file.read(buffer, size) : 0);
 }
 

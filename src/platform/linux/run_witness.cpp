@@ -21,6 +21,11 @@
 namespace ThreadUtilities::platform {
 namespace {
 
+int openTaskFile(unsigned int threadId, std::string_view name) {
+    return static_cast<int>(kernelCall(
+        SYS_openat, AT_FDCWD, argument(TaskPath(threadId, name).text()), O_RDONLY | O_CLOEXEC));
+}
+
 bool takeNumber(std::string_view& text, std::uint64_t& number) {
     const std::size_t end = std::min(text.find_first_of(" \n"), text.size());
     const bool isNumber = parseField(text.substr(0, end), "", 10, number);
@@ -37,15 +42,23 @@ bool takeNumber(std::string_view& text, std::uint64_t& number) {
 // would not do: on a virtual machine it stood still over some runs of microseconds. The times tell
 // threads apart that have the same id one after the other.
 RunWitness::RunWitness(unsigned int threadId) noexcept
-    : threadId_(threadId),
-      file_(static_cast<int>(kernelCall(SYS_openat, AT_FDCWD,
-                                        argument(TaskPath(threadId, "schedstat").text()),
-                                        O_RDONLY | O_CLOEXEC))) {}
+    : threadId_(threadId), file_(openTaskFile(threadId, "schedstat")) {}
 
 RunWitness::~RunWitness() {
-    if (file_ >= 0) {
-        kernelCall(SYS_close, file_);
+    for (const int file : {file_, statusFile_, callFile_}) {
+        if (file >= 0) {
+            kernelCall(SYS_close, file);
+        }
     }
+}
+
+std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
+    return threadRunTime(threadId_);
+}
+
+void RunWitness::keepFilesForVisits() noexcept {
+    statusFile_ = openTaskFile(threadId_, "status");
+    callFile_ = openTaskFile(threadId_, "syscall");
 }
 
 std::optional<ThreadRuns> RunWitness::read() const noexcept {

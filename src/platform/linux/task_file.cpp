@@ -21,7 +21,7 @@ KernelFile::KernelFile(const char* path) noexcept
           kernelCall(SYS_openat, AT_FDCWD, argument(path), O_RDONLY | O_CLOEXEC))) {}
 
 KernelFile::~KernelFile() {
-    if (isOpen()) {
+    if (isOwn_ && isOpen()) {
         kernelCall(SYS_close, descriptor_);
     }
 }
@@ -30,8 +30,10 @@ bool KernelFile::isMissing() const {
     return descriptor_ == -ENOENT || descriptor_ == -ESRCH;
 }
 
-std::size_t KernelFile::read(char* out, std::size_t size) const noexcept {
-    const long got = kernelCall(SYS_read, descriptor_, argument(out), static_cast<long>(size));
+std::size_t KernelFile::read(char* out, std::size_t size) noexcept {
+    const long got =
+        kernelCall(SYS_pread64, descriptor_, argument(out), static_cast<long>(size), offset_);
+    offset_ += std::max(got, 0L);
     return got > 0 ? static_cast<std::size_t>(got) : 0;
 }
 

@@ -14,10 +14,12 @@
 
 namespace ThreadUtilities::platform {
 
-/// An open file, closed with the object.
+/// An open file, closed with the object unless it is somebody else's. Read from its beginning.
 class KernelFile {
  public:
     explicit KernelFile(const char* path) noexcept;
+    /// One that somebody else keeps open; not open where the number is negative.
+    explicit KernelFile(int descriptor) noexcept : descriptor_(descriptor), isOwn_(false) {}
     ~KernelFile();
     KernelFile(const KernelFile&) = delete;
     KernelFile& operator=(const KernelFile&) = delete;
@@ -25,12 +27,14 @@ class KernelFile {
     [[nodiscard]] bool isOpen() const { return descriptor_ >= 0; }
     [[nodiscard]] bool isMissing() const;
     /// The bytes read; 0 at the end and on failure.
-    std::size_t read(char* out, std::size_t size) const noexcept;
+    std::size_t read(char* out, std::size_t size) noexcept;
     /// Whether all `size` bytes that begin at `offset` were read.
     bool readAt(std::uint64_t offset, void* out, std::size_t size) const noexcept;
 
  private:
     int descriptor_;
+    bool isOwn_ = true;
+    long offset_ = 0;
 };
 
 /// "/proc/self/task/<threadId>/<name>"
@@ -47,14 +51,14 @@ class TaskPath {
 /// buffer comes in pieces, of which only the first can begin with a name of interest.
 class LineReader {
  public:
-    explicit LineReader(const KernelFile& file) : file_(file) {}
+    explicit LineReader(KernelFile& file) : file_(file) {}
     /// False at the end.
     bool next(std::string_view& line) noexcept;
 
  private:
     bool refill() noexcept;
 
-    const KernelFile& file_;
+    KernelFile& file_;
     std::array<char, 1024> buffer_;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;

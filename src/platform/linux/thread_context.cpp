@@ -7,6 +7,7 @@
 
 #include "platform/debugger.h"
 #include "platform/linux/blocked_thread.h"
+#include "platform/linux/files_for_visits.h"
 #include "platform/linux/running_thread.h"
 #include "platform/linux/thread_clock.h"
 #include "platform/linux/thread_status.h"
@@ -42,6 +43,17 @@ void lookAgain(const VisitRequest& request, VisitSlot& slot, std::span<unsigned 
     }
 }
 
+// Nothing of a thread need be known to look at it, but that it is the right one.
+std::optional<Visit> lookBeforeAsking(const VisitRequest& request,
+                                      std::span<unsigned long long> frames) {
+    VisitSlot slot(frames.size(), request.deadline);
+    Visit visit;
+    if (slot.isTaken() && visitIfBlocked(request, slot, frames, visit) == BlockedVisit::Visited) {
+        return visit;
+    }
+    return std::nullopt;
+}
+
 // A thread that runs may come to rest at any moment, and a signal would end its wait or cut short
 // its transfer; so the last look before the signal is at whether it has.
 Visit visitKnownThread(const VisitRequest& request, const ThreadStatus& status, VisitSlot& slot,
@@ -74,15 +86,21 @@ Visit visitKnownThread(const VisitRequest& request, const ThreadStatus& status, 
 
 }  // namespace
 
-// Nothing is done to a thread before its status is known. Then the cheapest way that can work comes
-// first: a thread that is blocked in the kernel is looked at from outside, any other is sent a
-// signal.
+// Nothing is done to a thread before its status is known, but a look. Then the cheapest way that
+// can work comes first: a thread that is blocked in the kernel is looked at from outside, any other
+// is sent a signal.
 Visit visitThreadContext(const VisitRequest& request,
                          std::span<unsigned long long> frames) noexcept {
     if (request.threadId == 0) {
         return {VisitResult::NoSuchThread};
     }
-    const ThreadStatus status = readThreadStatus(request.threadId);
+    if (request.looksFirst) {
+        if (const auto visit = lookBeforeAsking(request, frames)) {
+            return *visit;
+        }
+    }
+    const ThreadStatus status =
+        readThreadStatus(request.threadId, FilesForVisits(request.witness).status);
     if (status.reading == ThreadStatus::Reading::Gone) {
         return {VisitResult::NoSuchThread};
     }

@@ -103,7 +103,7 @@ RestartInCopy keepOnlyTheCaller([] {
 // The C library works the first thread's stack out from its size limit, which says what it may
 // become; readable is what the process map shows.
 std::uint64_t mappedFirstStack() noexcept {
-    const KernelFile map("/proc/self/maps");
+    KernelFile map("/proc/self/maps");
     LineReader lines(map);
     for (std::string_view line; map.isOpen() && lines.next(line);) {
         std::uint64_t begin = 0;

@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "platform/linux/kernel_calls.h"
 #include "platform/linux/task_file.h"
@@ -67,7 +68,7 @@ bool take(std::string_view line, unsigned int threadId, StatusLines& lines) {
     return true;
 }
 
-StatusLines readLines(const KernelFile& file, unsigned int threadId) {
+StatusLines readLines(KernelFile&& file, unsigned int threadId) {
     StatusLines lines;
     if (file.isOpen()) {
         LineReader reader(file);
@@ -130,12 +131,15 @@ ThreadStatus withoutFile(const KernelFile& file) {
 
 }  // namespace
 
-ThreadStatus readThreadStatus(unsigned int threadId) noexcept {
-    const KernelFile file(TaskPath(threadId, "status").text());
-    if (!file.isOpen()) {
-        return withoutFile(file);
+ThreadStatus readThreadStatus(unsigned int threadId, int keptFile) noexcept {
+    StatusLines lines = readLines(KernelFile(keptFile), threadId);
+    if (lines.status.state == '?') {
+        KernelFile file(TaskPath(threadId, "status").text());
+        if (!file.isOpen()) {
+            return withoutFile(file);
+        }
+        lines = readLines(std::move(file), threadId);
     }
-    const StatusLines lines = readLines(file, threadId);
     ThreadStatus status = lines.status;
     if (status.state == '?') {
         // Opened, but ended since: the file has become empty.

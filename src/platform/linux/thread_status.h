@@ -24,8 +24,9 @@ struct ThreadStatus {
     std::uint64_t blockedSignals = 0;
 };
 
-/// Keeps no file open, takes no lock, allocates nothing.
-ThreadStatus readThreadStatus(unsigned int threadId) noexcept;
+/// Keeps no file open, takes no lock, allocates nothing. `keptFile` is the thread's, kept open by
+/// the caller, or negative.
+ThreadStatus readThreadStatus(unsigned int threadId, int keptFile = -1) noexcept;
 
 /// Whether bit n-1 of `signals` is set for signal n.
 constexpr bool containsSignal(std::uint64_t signals, int signal) {

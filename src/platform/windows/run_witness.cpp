@@ -14,6 +14,12 @@ std::optional<ThreadRuns> RunWitness::read() const noexcept {
     return std::nullopt;
 }
 
+std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
+    return std::nullopt;
+}
+
+void RunWitness::keepFilesForVisits() noexcept {}
+
 std::size_t separateOpenFiles() noexcept {
     return 0;
 }

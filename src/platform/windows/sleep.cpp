@@ -4,6 +4,9 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <ratio>
 #include <thread>
 
@@ -39,6 +42,14 @@ void sleepUntil(std::chrono::steady_clock::time_point time) {
         }
     }
 }
+
+// What can be woken keeps to the system's ticks.
+bool sleepUntilOrWoken(std::chrono::steady_clock::time_point, const std::atomic<std::uint32_t>&,
+                       std::uint32_t) noexcept {
+    return false;
+}
+
+void wakeSleepers(const std::atomic<std::uint32_t>&) noexcept {}
 
 void sleepPrecisely() noexcept {}
 

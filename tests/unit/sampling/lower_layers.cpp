@@ -96,10 +96,23 @@ unsigned long long getStackTrace(const unsigned int& threadId, unsigned long lon
     return count;
 }
 
-platform::Visit captureOtherThread(unsigned int threadId, std::span<unsigned long long> frames,
-                                   bool suspend, std::chrono::steady_clock::time_point) {
-    return {platform::VisitResult::Visited, static_cast<std::size_t>(getStackTrace(
-                                                threadId, frames.data(), frames.size(), suspend))};
+bool CaptureSeries::isDebuggerAttached(std::chrono::milliseconds) noexcept {
+    return false;
+}
+
+platform::Visit CaptureSeries::capture(platform::VisitRequest asked,
+                                       std::span<unsigned long long> frames) {
+    return {platform::VisitResult::Visited,
+            static_cast<std::size_t>(
+                getStackTrace(asked.threadId, frames.data(), frames.size(), asked.suspend))};
+}
+
+std::uint32_t announcedStarts() noexcept {
+    return 0;
+}
+
+bool sleepUntilThreadStarts(std::uint32_t, std::chrono::steady_clock::time_point) noexcept {
+    return false;
 }
 
 WideString describeFrame(unsigned int processId, unsigned long long address) {

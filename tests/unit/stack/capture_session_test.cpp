@@ -42,7 +42,7 @@ namespace {
 constexpr unsigned int target = 6;
 
 constexpr platform::ThreadRuns firstRun{1, 100, 10};
-constexpr platform::ThreadRuns secondRun{2, 100, 10};
+constexpr platform::ThreadRuns secondRun{2, 150, 10};
 
 scripted::VisitScript visitOf(std::uint64_t frameCount, std::uint64_t firstFrame,
                               std::optional<platform::ThreadRuns> atRest) {
@@ -74,8 +74,9 @@ class CaptureSessions : public testing::Test {
         return scripted::visits - before;
     }
 
-    static constexpr std::size_t files = 2;
-    CaptureSession session_{16, std::chrono::steady_clock::time_point::max(), files};
+    static constexpr std::size_t witnesses = 2;
+    CaptureSession session_{16, std::chrono::steady_clock::time_point::max(),
+                            witnesses* platform::RunWitness::mostFiles};
 };
 
 TEST_F(CaptureSessions, AThreadIsVisitedAgainOnlyWhenItHasRunSinceItWasAtRest) {
@@ -95,8 +96,18 @@ TEST_F(CaptureSessions, AThreadIsVisitedAgainOnlyWhenItHasRunSinceItWasAtRest) {
 
     // It was stopped, and ran on in the same turn.
     scripted::visitScripts[target] = visitOf(3, 10, std::nullopt);
-    scripted::threadRuns[target] = {3, 100, 10};
+    scripted::threadRuns[target] = {3, 200, 10};
     EXPECT_EQ(visitsFor(target), 1);
+    EXPECT_EQ(visitsFor(target), 1);
+}
+
+TEST_F(CaptureSessions, ARunThatTookNoTimeIsOverlookedForAWhileAtMost) {
+    scripted::visitScripts[target] = visitOf(3, 10, firstRun);
+    scripted::threadRuns[target] = firstRun;
+    EXPECT_EQ(visitsFor(target), 1);
+    EXPECT_EQ(visitsFor(target), 0);
+    scripted::threadRuns[target].count += 1;
+    scripted::advanceClock(std::chrono::milliseconds(25));
     EXPECT_EQ(visitsFor(target), 1);
 }
 
@@ -107,14 +118,14 @@ TEST_F(CaptureSessions, KeepThreadsApartAndNoMoreFilesThanTheyMay) {
         EXPECT_EQ(session_.capture(thread), thread);
     }
     EXPECT_EQ(scripted::visits, 3);
-    EXPECT_EQ(scripted::openWitnesses, static_cast<int>(files));
+    EXPECT_EQ(scripted::openWitnesses, static_cast<int>(witnesses));
     // Threads that come and go give theirs back.
     scripted::threadRuns.clear();
     bool allWereGivenBack = false;
     for (unsigned int thread = 100; thread < 1000; ++thread) {
         scripted::visitScripts[thread] = visitOf(3, 10, firstRun);
         session_.capture(thread);
-        allWereGivenBack = allWereGivenBack || scripted::openWitnesses == 0;
+        allWereGivenBack = allWereGivenBack || scripted::openWitnesses == 1;  // the new one's
     }
     EXPECT_TRUE(allWereGivenBack);
 }
@@ -137,15 +148,15 @@ TEST_F(CaptureSessions, WaitForASecondAndNoLongerThanTheRun) {
     EXPECT_EQ(scripted::lastDeadline - now, std::chrono::milliseconds(5));
 }
 
-TEST_F(CaptureSessions, NoticeADebuggerWithinAMillisecond) {
+TEST_F(CaptureSessions, NoticeADebuggerWithinTenMilliseconds) {
     scripted::visitScripts[target] = visitOf(3, 10, firstRun);
     scripted::threadRuns[target] = firstRun;
     ASSERT_EQ(session_.capture(target), 3U);
     scripted::debuggerAttached = true;
-    scripted::advanceClock(std::chrono::milliseconds(1));
+    scripted::advanceClock(std::chrono::milliseconds(10));
     EXPECT_EQ(session_.capture(target), 0U);
     scripted::debuggerAttached = false;
-    scripted::advanceClock(std::chrono::milliseconds(1));
+    scripted::advanceClock(std::chrono::milliseconds(10));
     EXPECT_EQ(session_.capture(target), 3U);
 }
 
