@@ -30,7 +30,7 @@ struct CallTarget {
 
 /// The call that ends right before `address`. It names its target where it goes there directly or
 /// through a linkage table, whose entry is followed (System V ABI, AMD64 supplement, 5.2).
-/// Context: any but a signal handler; no allocation, no lock.
+/// Context: as `callSiteAt`.
 CallTarget callBefore(std::uint64_t address) noexcept;
 
 }  // namespace ThreadUtilities::cfi

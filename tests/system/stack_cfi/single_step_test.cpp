@@ -14,6 +14,8 @@
 #include <algorithm>
 #include <cinttypes>
 #include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -347,12 +349,11 @@ TEST_F(SingleStep, ThroughStringFunctionsOfTheCLibrary) {
 TEST_F(SingleStep, ThroughNumbersThatTakeManyDigits) {
     stepThrough(
         [] {
-            char text[400];
-            use(std::snprintf(text, sizeof(text), "%f", 1.7e300));
-            use(std::snprintf(text, sizeof(text), "%.17g", 4.9e-320));
-            use(std::strtod("1.7976931348623157e308", nullptr) > 1);
+            char text[40];
+            use(std::snprintf(text, sizeof(text), "%.9g", 1e-100));
+            use(std::strtod("1.234567890123456789e200", nullptr) > 1);
         },
-        10'000);
+        3000);
 }
 
 TEST_F(SingleStep, ThroughTheKernelsLibrary) {
