@@ -7,7 +7,7 @@
 #
 #   installed_package.sh shared|static|deb SOURCE_FOLDER BUILD_FOLDER SCRATCH_FOLDER COMPILER
 #
-# CXXFLAGS are those of the library's build: they may choose the standard library.
+# CXXFLAGS and LDFLAGS are those of the library's build: they may choose the standard library.
 #
 # shared: what the build folder holds; static: a static library beside that, in the same folder;
 # deb: the Debian packages that the build folder makes, unpacked.
@@ -15,6 +15,9 @@ set -euo pipefail
 kind=$1 source=$2 build=$3 scratch=$4 compiler=$5
 place="$scratch/second place"
 
+# Two runs of the tests in one build folder take turns.
+exec {lock}>"$scratch.lock"
+flock "$lock"
 rm -rf "$scratch"
 mkdir -p "$scratch/first"
 
@@ -72,7 +75,7 @@ compile() {
     if [[ -z $link_static ]]; then
         flags+=" -Wl,-rpath,\"$library_folder\""
     fi
-    eval "\"$compiler\" -std=c++20 ${CXXFLAGS:-} \"$input\" $flags $* -o \"$output\""
+    eval "\"$compiler\" -std=c++20 ${CXXFLAGS:-} \"$input\" $flags ${LDFLAGS:-} $* -o \"$output\""
 }
 
 is_needed() { readelf -d "$1" | grep -q 'NEEDED.*libThreadUtilities'; }
