@@ -58,7 +58,7 @@ CaptureSession::Since CaptureSession::sinceRest(KnownThreads::value_type& known,
 }
 
 CaptureSession::KnownThreads::iterator CaptureSession::forget(KnownThreads::iterator known) {
-    freeFiles += known->second.witness ? RunWitness::mostFiles : 0;
+    freeFiles += known->second.files;
     return knownThreads.erase(known);
 }
 
@@ -77,10 +77,16 @@ CaptureSession::KnownThreads::iterator CaptureSession::know(unsigned int threadI
         forgetEndedThreads();
     }
     const auto known = knownThreads.try_emplace(threadId).first;
-    if (freeFiles >= RunWitness::mostFiles) {
-        known->second.witness = std::make_unique<RunWitness>(threadId);
-        known->second.witness->keepFilesForVisits();
-        freeFiles -= RunWitness::mostFiles;
+    // What tells whether a thread has run is asked most; so half of the files are left to that.
+    KnownThread& thread = known->second;
+    if (freeFiles > 0) {
+        thread.witness = std::make_unique<RunWitness>(threadId);
+        thread.files = 1;
+        if (freeFiles > mostFiles / 2 && freeFiles >= RunWitness::mostFiles) {
+            thread.witness->keepFilesForVisits();
+            thread.files = RunWitness::mostFiles;
+        }
+        freeFiles -= thread.files;
     }
     return known;
 }

@@ -30,7 +30,7 @@ class CaptureSession {
     /// until the session ends.
     CaptureSession(std::size_t maxFrames, std::chrono::steady_clock::time_point runEnd,
                    std::size_t mostOpenFiles)
-        : buffer(maxFrames), deadline(runEnd), freeFiles(mostOpenFiles) {}
+        : buffer(maxFrames), deadline(runEnd), mostFiles(mostOpenFiles), freeFiles(mostOpenFiles) {}
 
     /// Captures one thread, which stands still meanwhile; returns the number of frames.
     std::size_t capture(unsigned int threadId);
@@ -45,6 +45,7 @@ class CaptureSession {
  private:
     struct KnownThread {
         std::unique_ptr<platform::RunWitness> witness;  ///< null where no file is kept open
+        std::size_t files = 0;                          ///< that it keeps open at most
         platform::ThreadRuns runs;                      ///< when it was last found at rest
         std::optional<std::uint64_t> hint;              ///< no later than at the last proof of that
         std::chrono::steady_clock::time_point provenAt;
@@ -63,6 +64,7 @@ class CaptureSession {
 
     std::vector<unsigned long long> buffer;
     const std::chrono::steady_clock::time_point deadline;
+    const std::size_t mostFiles;
     std::size_t freeFiles;
     std::size_t newThreads = 0;  ///< since ended ones were last looked for
     KnownThreads knownThreads;

@@ -92,8 +92,8 @@ std::size_t separateOpenFiles() noexcept {
         kernelCall(closeRange, firstClosed, last, unshareFirst) != 0) {
         return 0;
     }
-    // The rest is for what captures open for moments.
-    return static_cast<std::size_t>(limit.rlim_cur / 2);
+    constexpr rlim_t forCaptures = 64;  // which open some for moments
+    return static_cast<std::size_t>(limit.rlim_cur - std::min(limit.rlim_cur / 2, forCaptures));
 }
 
 }  // namespace ThreadUtilities::platform

@@ -74,9 +74,10 @@ class CaptureSessions : public testing::Test {
         return scripted::visits - before;
     }
 
+    // One with all its files, one with one.
     static constexpr std::size_t witnesses = 2;
     CaptureSession session_{16, std::chrono::steady_clock::time_point::max(),
-                            witnesses* platform::RunWitness::mostFiles};
+                            platform::RunWitness::mostFiles + 1};
 };
 
 TEST_F(CaptureSessions, AThreadIsVisitedAgainOnlyWhenItHasRunSinceItWasAtRest) {
