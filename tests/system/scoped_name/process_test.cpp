@@ -18,6 +18,7 @@
 #include <ThreadUtilities/Threads.h>
 
 #include "support/copied_process.h"
+#include "support/forced_unwinding.h"
 #include "support/sanitizers.h"
 
 namespace {
@@ -131,6 +132,9 @@ void beCancelled() {
 }
 
 TEST(ScopedThreadNameTest, LetsObserversEndTheirThread) {
+    if (!ThreadUtilities::threadsMayUnwind) {
+        GTEST_SKIP() << ThreadUtilities::unwindersDisagree;
+    }
     using vesko::external_input::hint;
     const auto observer = std::make_shared<EndsItsThread>();
     ScopedThreadName::registerCallback(observer);
