@@ -12,7 +12,7 @@ import java.util.concurrent.Future;
 import java.util.stream.LongStream;
 import java.util.zip.GZIPOutputStream;
 
-/** Threads with small stacks, garbage, and what the machine does by signals: null, stack overflow. */
+/** Threads with small stacks, garbage, and what is done by signals: null, stack overflow. */
 public class Work {
     static int depth;
 
