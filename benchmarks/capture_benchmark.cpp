@@ -172,7 +172,7 @@ void BlockedThreadAgainstBareSignal(benchmark::State& state) {
 }
 BENCHMARK(BlockedThreadAgainstBareSignal)->Unit(benchmark::kMicrosecond);
 
-/// The same capture once after the other, as a report of all threads goes about it.
+/// The same capture once after the other.
 void BlockedThreadInARow(benchmark::State& state) {
     capture_targets::stayOnProcessor(0);
     Target target(Target::Work::Block);
@@ -183,6 +183,19 @@ void BlockedThreadInARow(benchmark::State& state) {
     }
 }
 BENCHMARK(BlockedThreadInARow);
+
+/// As a report captures one thread after the other.
+void BlockedThreadInASeries(benchmark::State& state) {
+    capture_targets::stayOnProcessor(0);
+    Target target(Target::Work::Block);
+    waitUntilBlocked(target.id());
+    std::array<unsigned long long, room> frames;
+    CaptureSeries series;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(series.capture(target.id(), frames));
+    }
+}
+BENCHMARK(BlockedThreadInASeries);
 
 void DebuggerTest(benchmark::State& state) {
     for (auto _ : state) {

@@ -10,12 +10,16 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <optional>
 #include <sstream>
+#include <thread>
 
 #include "support/target_thread.h"
+#include "threads/thread_list.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -141,6 +145,30 @@ TEST(SamplingOfThisProcess, SeveralRunsAtOnceShareNothingWhileThreadsComeAndGo) 
         std::vector<unsigned int> order;
         EXPECT_GE(blocksOf(report, order).size(), 4u) << report;
         EXPECT_EQ(order.front(), getMainThreadId());
+    }
+}
+
+// Without a wake-up the sleeper would never end.
+TEST(SamplingOfThisProcess, AThreadThatStartsWakesWhoWaitsForOne) {
+    std::atomic<bool> isListed = false;  // no start may fall into the listing
+    std::atomic<bool> isAwake = false;
+    bool couldSleep = false;
+    std::jthread sleeper([&] {
+        getThreadIds();
+        const auto seen = announcedStarts();
+        isListed = true;
+        couldSleep = sleepUntilThreadStarts(seen, std::chrono::steady_clock::time_point::max());
+        isAwake = true;
+    });
+    while (!isListed) {
+        std::this_thread::yield();
+    }
+    while (!isAwake) {
+        std::jthread([] {}).join();
+    }
+    sleeper.join();
+    if (!couldSleep) {
+        GTEST_SKIP() << "thread starts are not heard of here";
     }
 }
 
