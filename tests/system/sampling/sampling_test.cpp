@@ -80,7 +80,6 @@ TEST_F(Sampling, AReportShowsWhereEachThreadIs) {
         spinInTurns(stop);
     });
     TargetThread polling([](const std::atomic<bool>& stop) {
-        setThreadName("poller");
         while (!stop) {
             poll(nullptr, 0, 20);
         }
@@ -96,11 +95,6 @@ TEST_F(Sampling, AReportShowsWhereEachThreadIs) {
     for (const auto& [id, block] : blocks) {
         total += block.samples;
         EXPECT_GT(block.samples, 1u) << id;
-        if (block.name == "poller") {
-            EXPECT_TRUE(std::any_of(
-                block.frames.begin(), block.frames.end(),
-                [](const std::string& line) { return offsetIn("libc.so.6", line).has_value(); }));
-        }
     }
     EXPECT_EQ(report.find("Total sample count: " + std::to_string(total) + "\n"), 0u);
 
@@ -118,11 +112,6 @@ TEST_F(Sampling, AReportShowsWhereEachThreadIs) {
                                 return offset && *offset > *begin && *offset < *begin + 100;
                             }))
         << report;
-    for (const auto& [id, block] : blocks) {
-        for (const std::string& frame : block.frames) {
-            EXPECT_TRUE(frame.ends_with("};")) << "frame without a module: " << frame;
-        }
-    }
 }
 
 TEST(SamplingOfThisProcess, SeveralRunsAtOnceShareNothingWhileThreadsComeAndGo) {

@@ -42,6 +42,9 @@ TEST(ThreadNamesOnLinux, AreKeptWholeWhileTheKernelGetsWholeCharacters) {
         EXPECT_EQ(getThreadName(thread.id()), oneCase.name);
         EXPECT_EQ(kernelName(thread.id()), oneCase.inKernel);
     }
+    const ParkedThread malformed([&] { setThreadName(std::string("lone \xFF\0after", 11)); });
+    EXPECT_EQ(getThreadName(malformed.id()), "lone \xEF\xBF\xBD");
+    EXPECT_EQ(kernelName(malformed.id()), "lone \xEF\xBF\xBD");
 }
 
 TEST(ThreadNamesOnLinux, OneThatNobodyGaveReadsEmpty) {
