@@ -183,12 +183,15 @@ TEST(ThreadListOnLinux, SeesStartsAndEndsBehindTheLibrary) {
     EXPECT_EQ(getThreadIds().back(), unheard);
     endNow.count_down();
     endsUnheard.join();
+    setThreadName("creator");
     const int id = clone(
         body, stack.data() + stack.size(),
         CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM, nullptr);
     ASSERT_GT(id, 0);
     const auto bare = static_cast<unsigned int>(id);
+    setThreadName("");
     EXPECT_EQ(getThreadIds().back(), bare);
+    EXPECT_EQ(getThreadName(bare), "") << "inherited, and given to another by the library";
     EXPECT_EQ(countOf(unheard), 0);
     {
         const ParkedThread announced;

@@ -49,23 +49,6 @@ TEST(GuardedCall, EveryKindOfExceptionEndsTheCall) {
     }
 }
 
-TEST(GuardedCall, AnInnerGuardTakesItsFaultAndTheOuterOneTheNext) {
-    struct Progress {
-        bool innerFaulted = false;
-        bool isPastInner = false;
-    } progress;
-    EXPECT_FALSE(runGuarded(
-        [](void* state) {
-            auto& seen = *static_cast<Progress*>(state);
-            seen.innerFaulted = !runGuarded(readWord, nullptr);
-            seen.isPastInner = true;
-            readWord(nullptr);
-        },
-        &progress));
-    EXPECT_TRUE(progress.innerFaulted);
-    EXPECT_TRUE(progress.isPastInner);
-}
-
 // What the caller keeps in registers that calls preserve must come out of a fault unchanged.
 TEST(GuardedCall, PreservedRegistersSurviveManyFaults) {
     std::mt19937_64 random(1);
