@@ -10,7 +10,7 @@ inline constexpr unsigned int ownProcessId = 77;
 
 /// What `platform::currentThreadId` answers, for one thread at a time; 0 lets every thread have a
 /// number of its own.
-inline thread_local unsigned int currentThreadId = 0;
+inline constinit thread_local unsigned int currentThreadId = 0;
 
 inline bool debuggerAttached = false;
 
