@@ -108,15 +108,16 @@ TEST(Frames, TheOwnStackBeginsInsideTheCapture) {
     loadedCallThrough()(
         [](void*) { count = getStackTrace(getThreadId(), frames.data(), frames.size(), true); },
         nullptr);
-    ASSERT_GE(count, 4u);
+    ASSERT_GT(count, 0u);
     const auto begin = reinterpret_cast<unsigned long long>(reinterpret_cast<void*>(
         static_cast<unsigned long long (*)(const unsigned int&, unsigned long long*,
                                            unsigned long long, bool)>(getStackTrace)));
     EXPECT_GT(frames[0], begin);
     EXPECT_LT(frames[0], begin + 4096);
-    EXPECT_EQ(moduleOf(frames[1]), "windows_backend_test.exe");
-    EXPECT_EQ(moduleOf(frames[2]), "testplugin.dll");
-    EXPECT_EQ(moduleOf(frames[3]), "windows_backend_test.exe");
+    std::vector<std::string> modules = modulesOf(frames, count);
+    modules.resize(3);
+    EXPECT_EQ(modules, (std::vector<std::string>{"windows_backend_test.exe", "testplugin.dll",
+                                                 "windows_backend_test.exe"}));
 }
 
 /// Readable memory that ends where unreadable memory begins.
