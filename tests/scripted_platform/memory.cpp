@@ -1,12 +1,12 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "platform/memory.h"
+#include "scripted_platform/memory_script.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "scripted_platform/memory_script.h"
+#include "platform/memory.h"
 
 namespace ThreadUtilities {
 
@@ -16,7 +16,9 @@ std::vector<std::uint8_t> scripted::bytesOf(const std::vector<std::uint64_t>& wo
     return bytes;
 }
 
-std::size_t platform::readOwnMemory(std::uint64_t address, void* out, std::size_t size) noexcept {
+namespace platform {
+
+std::size_t readOwnMemory(std::uint64_t address, void* out, std::size_t size) noexcept {
     ++scripted::memoryQuestions;
     auto after = scripted::memory.upper_bound(address);
     if (after == scripted::memory.begin()) {
@@ -32,9 +34,46 @@ std::size_t platform::readOwnMemory(std::uint64_t address, void* out, std::size_
     return available;
 }
 
-bool platform::isReadableNow(std::uint64_t address) noexcept {
+bool isReadableNow(std::uint64_t address) noexcept {
     std::uint64_t word = 0;
     return readOwnMemory(address, &word, sizeof(word)) == sizeof(word);
 }
 
+void prepareModuleLookup() noexcept {}
+
+bool findCodeModule(std::uint64_t address, CodeModule& module, bool) noexcept {
+    for (const CodeModule& known : scripted::codeModules) {
+        if (address - known.begin < known.size) {
+            module = known;
+            return true;
+        }
+    }
+    return false;
+}
+
+// Every module of a script can be replaced by another.
+std::uint64_t permanentIdentity() noexcept {
+    return 0;
+}
+
+ReadableRange readableSegment(const CodeModule& module, std::uint64_t address) noexcept {
+    return address - module.begin < module.size
+               ? ReadableRange{module.begin, module.begin + module.size}
+               : ReadableRange{};
+}
+
+std::vector<LoadedModule> listModules(unsigned int processId) {
+    ++scripted::moduleListings;
+    return scripted::processModules[processId].modules;
+}
+
+std::optional<ModuleListVersion> moduleListVersion(unsigned int processId) noexcept {
+    return scripted::processModules[processId].version;
+}
+
+bool isModulePathSeparator(WideChar unit) noexcept {
+    return unit == u'/' || unit == u'\\';
+}
+
+}  // namespace platform
 }  // namespace ThreadUtilities

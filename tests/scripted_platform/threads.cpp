@@ -1,22 +1,21 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "platform/threads.h"
-
 #include "scripted_platform/threads_script.h"
 
-namespace ThreadUtilities {
-namespace scripted {
-ThreadsScript threads;
-}
+#include <algorithm>
 
-namespace platform {
+#include "platform/current.h"
+#include "platform/thread_names.h"
+#include "platform/threads.h"
+
+namespace ThreadUtilities::platform {
 namespace {
 
-std::vector<unsigned int> entry(const std::map<unsigned int, std::vector<unsigned int>>& lists,
-                                unsigned int processId) {
-    const auto found = lists.find(processId);
-    return found == lists.end() ? std::vector<unsigned int>() : found->second;
+template <typename Value>
+Value entry(const std::map<unsigned int, Value>& values, unsigned int id) {
+    const auto found = values.find(id);
+    return found == values.end() ? Value() : found->second;
 }
 
 }  // namespace
@@ -40,5 +39,64 @@ std::vector<unsigned int> liveThreads(const std::vector<unsigned int>&) {
     return scripted::threads.live;
 }
 
-}  // namespace platform
-}  // namespace ThreadUtilities
+void setOwnThreadName(std::string_view name) {
+    const std::lock_guard lock(scripted::threadNames.mutex);
+    scripted::threadNames.byThread[currentThreadId()] = name;
+}
+
+std::string readThreadName(unsigned int threadId) {
+    const std::lock_guard lock(scripted::threadNames.mutex);
+    return entry(scripted::threadNames.byThread, threadId);
+}
+
+Visit visitThreadContext(const VisitRequest& request,
+                         std::span<unsigned long long> frames) noexcept {
+    ++scripted::visits;
+    scripted::lastVisit = request;
+    const auto found = scripted::visitScripts.find(request.threadId);
+    if (found == scripted::visitScripts.end()) {
+        return {VisitResult::NoSuchThread};
+    }
+    std::vector<unsigned long long> room(frames.size());
+    std::size_t frameCount = 0;
+    for (const ThreadContext& context : found->second.contexts) {
+        VisitRoom forVisitor{room.data(), room.size()};
+        request.visitor(context, forVisitor);
+        frameCount = forVisitor.frameCount;
+    }
+    if (found->second.result != VisitResult::Visited) {
+        return {found->second.result};
+    }
+    std::copy_n(room.begin(), frameCount, frames.begin());
+    return {VisitResult::Visited, frameCount, found->second.atRest};
+}
+
+ReadableRange currentStackRange() noexcept {
+    return {};
+}
+
+RunWitness::RunWitness(unsigned int threadId) noexcept : threadId_(threadId), file_(0) {
+    ++scripted::openWitnesses;
+}
+
+RunWitness::~RunWitness() {
+    --scripted::openWitnesses;
+}
+
+std::optional<ThreadRuns> RunWitness::read() const noexcept {
+    const auto found = scripted::threadRuns.find(threadId_);
+    return found == scripted::threadRuns.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
+    const auto runs = read();
+    return runs ? std::optional(runs->time) : std::nullopt;
+}
+
+void RunWitness::keepFilesForVisits() noexcept {}
+
+std::size_t separateOpenFiles() noexcept {
+    return scripted::separateFiles;
+}
+
+}  // namespace ThreadUtilities::platform

@@ -6,11 +6,20 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <mutex>
+#include <optional>
+#include <string>
 #include <vector>
 
+#include "platform/run_witness.h"
+#include "platform/thread_context.h"
+
+// What the system tells of threads. Only the names are guarded: set the rest up before threads
+// read.
 namespace ThreadUtilities::scripted {
 
-/// The threads that the system knows of, as src/platform/threads.h asks for them.
+/// The threads that the system knows of, as src/platform/threads.h asks for them; assign `{}` to
+/// start afresh.
 struct ThreadsScript {
     /// What either source lists, by process id; a process that is not here has no threads.
     std::map<unsigned int, std::vector<unsigned int>> systemInformation;
@@ -24,8 +33,32 @@ struct ThreadsScript {
     int snapshotCalls = 0;
     int liveCalls = 0;
 };
+inline ThreadsScript threads;
 
-/// The one in force; assign `{}` to it to start afresh. Not guarded: set it up before threads read.
-extern ThreadsScript threads;
+struct ThreadNames {
+    std::mutex mutex;
+    std::map<unsigned int, std::string> byThread;
+};
+inline ThreadNames threadNames;
+
+/// How visits to one thread go: the visitor is shown each context in turn, and then the visit ends
+/// with `result`.
+struct VisitScript {
+    std::vector<platform::ThreadContext> contexts;
+    platform::VisitResult result = platform::VisitResult::Visited;
+    std::optional<platform::ThreadRuns> atRest = std::nullopt;
+};
+
+/// By thread; those that are not here do not exist.
+inline std::map<unsigned int, VisitScript> visitScripts;
+inline int visits = 0;
+inline platform::VisitRequest lastVisit;
+
+/// What a `platform::RunWitness` says of a thread; of all others it says nothing.
+inline std::map<unsigned int, platform::ThreadRuns> threadRuns;
+inline int openWitnesses = 0;
+
+/// What `platform::separateOpenFiles` answers.
+inline std::size_t separateFiles = 0;
 
 }  // namespace ThreadUtilities::scripted

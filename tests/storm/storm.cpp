@@ -55,8 +55,9 @@ class Capturer {
 
  private:
     /// From here on an empty answer may mean that the thread got no processor, or waited for a page
-    /// or a lock of the kernel, until its capture was given up: a busy machine's, no fault.
-    static constexpr std::chrono::milliseconds patience{15};
+    /// or a lock of the kernel, until its capture was given up: a busy machine's, no fault. As long
+    /// as a capture waits for the most hopeless of threads.
+    static constexpr std::chrono::milliseconds patience{3};
 
     void judge(const Target& target, std::size_t count, bool wasGivenUp) {
         ++outcome_.captures;

@@ -18,98 +18,42 @@ constexpr std::size_t recordSize = 1608;
 constexpr std::size_t guidOffset = 1584;
 constexpr std::size_t ageOffset = 1604;
 
-/// A whole file in memory; empty when it cannot be read.
-class MappedFile {
- public:
-    explicit MappedFile(const wchar_t* path) {
-        const HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                                        nullptr, OPEN_EXISTING, 0, nullptr);
-        if (file == INVALID_HANDLE_VALUE) {
-            return;
-        }
-        const HANDLE mapping = CreateFileMappingW(file, nullptr, PAGE_READONLY, 0, 0, nullptr);
-        if (mapping != nullptr) {
-            view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
-            length = view != nullptr ? GetFileSize(file, nullptr) : 0;
-            CloseHandle(mapping);
-        }
-        CloseHandle(file);
-    }
-    ~MappedFile() {
-        if (view != nullptr) {
-            UnmapViewOfFile(view);
-        }
-    }
-
-    MappedFile(const MappedFile&) = delete;
-    MappedFile& operator=(const MappedFile&) = delete;
-
-    std::size_t size() const { return length; }
-    const char* data() const { return static_cast<const char*>(view); }
-
- private:
-    void* view = nullptr;
-    std::size_t length = 0;
-};
-
-template <typename Value>
-std::optional<Value> valueAt(const MappedFile& file, std::size_t offset) {
-    if (offset > file.size() || file.size() - offset < sizeof(Value)) {
-        return std::nullopt;
-    }
-    Value value;
-    std::memcpy(&value, file.data() + offset, sizeof(value));
-    return value;
-}
-
-/// Where in the file the bytes lie that are loaded at `address` of the image.
-std::optional<std::size_t> fileOffset(const MappedFile& file, std::size_t headers, DWORD address) {
-    const auto header = valueAt<IMAGE_NT_HEADERS64>(file, headers);
-    std::size_t offset = headers + offsetof(IMAGE_NT_HEADERS64, OptionalHeader) +
-                         header->FileHeader.SizeOfOptionalHeader;
-    for (WORD index = 0; index < header->FileHeader.NumberOfSections; ++index) {
-        const auto section = valueAt<IMAGE_SECTION_HEADER>(file, offset);
-        if (!section) {
-            return std::nullopt;
-        }
-        if (address >= section->VirtualAddress &&
-            address - section->VirtualAddress < section->SizeOfRawData) {
-            return section->PointerToRawData + (address - section->VirtualAddress);
-        }
-        offset += sizeof(IMAGE_SECTION_HEADER);
-    }
-    return std::nullopt;
-}
-
 struct CodeView {
     char signature[4];
     char guid[16];
     std::uint32_t age;
 };
 
-std::optional<CodeView> findCodeView(const MappedFile& file) {
-    const auto dos = valueAt<IMAGE_DOS_HEADER>(file, 0);
-    if (!dos || dos->e_magic != IMAGE_DOS_SIGNATURE) {
-        return std::nullopt;
-    }
-    const auto headers = static_cast<std::size_t>(dos->e_lfanew);
-    const auto header = valueAt<IMAGE_NT_HEADERS64>(file, headers);
-    if (!header || header->Signature != IMAGE_NT_SIGNATURE) {
-        return std::nullopt;
-    }
-    const auto& directory = header->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_DEBUG];
-    for (DWORD done = 0; done < directory.Size; done += sizeof(IMAGE_DEBUG_DIRECTORY)) {
-        const auto place = fileOffset(file, headers, directory.VirtualAddress + done);
-        const auto entry = place ? valueAt<IMAGE_DEBUG_DIRECTORY>(file, *place) : std::nullopt;
-        if (!entry || entry->Type != IMAGE_DEBUG_TYPE_CODEVIEW) {
-            continue;
-        }
-        const auto codeView = valueAt<CodeView>(file, entry->PointerToRawData);
-        if (codeView && std::memcmp(codeView->signature, "RSDS", 4) == 0) {
+/// Of a file that is mapped as the loader does it.
+std::optional<CodeView> findCodeView(const char* image) {
+    const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(image);
+    const auto* headers = reinterpret_cast<const IMAGE_NT_HEADERS64*>(image + dos->e_lfanew);
+    const auto& directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_DEBUG];
+    const auto* entries =
+        reinterpret_cast<const IMAGE_DEBUG_DIRECTORY*>(image + directory.VirtualAddress);
+    for (std::size_t index = 0; index < directory.Size / sizeof(*entries); ++index) {
+        CodeView codeView;
+        std::memcpy(&codeView, image + entries[index].AddressOfRawData, sizeof(codeView));
+        if (entries[index].Type == IMAGE_DEBUG_TYPE_CODEVIEW &&
+            std::memcmp(codeView.signature, "RSDS", 4) == 0) {
             return codeView;
         }
     }
     return std::nullopt;
+}
+
+std::optional<CodeView> codeViewOf(const wchar_t* path) {
+    const HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                    nullptr, OPEN_EXISTING, 0, nullptr);
+    const HANDLE mapping =
+        CreateFileMappingW(file, nullptr, PAGE_READONLY | SEC_IMAGE, 0, 0, nullptr);
+    const void* image = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+    const auto found =
+        image != nullptr ? findCodeView(static_cast<const char*>(image)) : std::nullopt;
+    UnmapViewOfFile(image);
+    CloseHandle(mapping);
+    CloseHandle(file);
+    return found;
 }
 
 bool isAskedProperly(const unsigned char* record, DWORD flags) {
@@ -128,7 +72,7 @@ extern "C" __declspec(dllexport) BOOL WINAPI SymSrvGetFileIndexInfoW(const wchar
     if (!isAskedProperly(bytes, flags)) {
         return FALSE;
     }
-    const auto codeView = findCodeView(MappedFile(path));
+    const auto codeView = codeViewOf(path);
     if (!codeView) {
         return FALSE;
     }

@@ -17,6 +17,8 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <latch>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -126,6 +128,8 @@ TEST(ModuleChanges, NamesAndIdentityAreThoseOfTheMappedFile) {
         // Another program's file takes the name; then nothing has it.
         fs::copy_file("/proc/self/exe", folder.path / "other");
         fs::rename(folder.path / "other", path);
+        fs::copy_file("/proc/self/exe", path.string() + " (deleted)",
+                      fs::copy_options::overwrite_existing);
         for (const char* change : {"replaced on disk", "deleted"}) {
             for (const unsigned int process : {child.id(), ownId()}) {
                 guid = {};
@@ -135,6 +139,16 @@ TEST(ModuleChanges, NamesAndIdentityAreThoseOfTheMappedFile) {
             fs::remove(path);
         }
     }
+}
+
+TEST(ModuleChanges, MoreThanAreUsuallyLoadedAreListed) {
+    const ScratchFolder folder;
+    std::vector<std::unique_ptr<Plugin>> plugins;
+    for (int number = 0; number < 150; ++number) {
+        plugins.push_back(std::make_unique<Plugin>(folder.copyOfPlugin(std::to_string(number))));
+    }
+    platform::DebugGuid guid{};
+    EXPECT_EQ(pathAt(ownId(), plugins.back()->address(), guid), folder.path / "149");
 }
 
 std::string contentOf(const fs::path& path) {

@@ -9,14 +9,11 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <map>
-#include <optional>
-#include <sstream>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "support/target_thread.h"
 #include "threads/thread_list.h"
@@ -26,42 +23,21 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct ThreadBlock {
-    std::string name;
-    std::size_t samples = 0;
-    std::vector<std::string> frames;  ///< the lines of the block's frames
-};
-
-/// The thread blocks of a report by id; `order` receives the ids as they stand in it.
-std::map<unsigned int, ThreadBlock> blocksOf(const std::string& report,
-                                             std::vector<unsigned int>& order) {
-    std::map<unsigned int, ThreadBlock> blocks;
-    std::istringstream lines(report);
-    ThreadBlock* current = nullptr;
-    for (std::string line; std::getline(lines, line);) {
-        unsigned int id = 0;
-        std::size_t samples = 0;
-        if (std::sscanf(line.c_str(), "Thread %u [%zu]: ", &id, &samples) == 2) {
-            order.push_back(id);
-            current = &blocks[id];
-            *current = {line.substr(line.find("]: ") + 3), samples, {}};
-        } else if (line.empty()) {
-            current = nullptr;
-        } else if (current != nullptr) {
-            current->frames.push_back(line);
-        }
+/// How many threads a report shows.
+std::size_t threadsIn(const std::string& report) {
+    std::size_t count = 0;
+    for (auto place = report.find("\nThread "); place != std::string::npos; ++count) {
+        place = report.find("\nThread ", place + 1);
     }
-    return blocks;
+    return count;
 }
 
-/// The offset that a frame line of `module` shows; none for other modules.
-std::optional<unsigned long long> offsetIn(const std::string& module, const std::string& line) {
-    const std::string mark = "]: " + module + "+0x";
-    const auto place = line.find(mark);
-    if (place == std::string::npos) {
-        return std::nullopt;
-    }
-    return std::stoull(line.substr(place + mark.size()), nullptr, 16);
+std::string headingOf(unsigned int threadId) {
+    return "\nThread " + std::to_string(threadId) + " [";
+}
+
+bool showsMainThreadFirst(const std::string& report) {
+    return report.find("\nThread ") == report.find(headingOf(getMainThreadId()));
 }
 
 // Both kept whole, so that a sample of the spinning thread has a return address in `spinInTurns`.
@@ -82,49 +58,26 @@ TEST(Sampling, AReportShowsWhereEachThreadIs) {
         spinInTurns(stop);
     });
     TargetThread polling([](const std::atomic<bool>& stop) {
-        setThreadName("poller");
         while (!stop) {
             poll(nullptr, 0, 20);
         }
     });
     const std::string report = sampleAllThreads(1s, 5ms);
-    std::vector<unsigned int> order;
-    const auto blocks = blocksOf(report, order);
-    ASSERT_FALSE(order.empty()) << report;
-    EXPECT_EQ(order.front(), getMainThreadId());
-    EXPECT_EQ(blocks.size(), 3u) << "this thread and two others, no sampler: " << report;
+    EXPECT_TRUE(showsMainThreadFirst(report)) << report;
+    EXPECT_EQ(threadsIn(report), 3U) << "this thread and two others, no sampler: " << report;
 
-    std::size_t total = 0;
-    for (const auto& [id, block] : blocks) {
-        total += block.samples;
-        EXPECT_GT(block.samples, 1u) << id;
-        if (block.name == "poller") {
-            EXPECT_TRUE(std::any_of(
-                block.frames.begin(), block.frames.end(),
-                [](const std::string& line) { return offsetIn("libc.so.6", line).has_value(); }));
-        }
+    const auto begin = report.find(headingOf(spinning.id()));
+    ASSERT_NE(begin, std::string::npos) << report;
+    const std::string block = report.substr(begin, report.find("\n\n", begin) + 1 - begin);
+    EXPECT_NE(block.find("]: spinner\n"), std::string::npos) << block;
+    bool hasReturnAddress = false;
+    const auto function = reinterpret_cast<unsigned long long>(&spinInTurns);
+    for (auto address = function + 1; address < function + 100; ++address) {
+        const std::wstring text = getFrameDetails(0, address);
+        hasReturnAddress |=
+            block.find("]: " + std::string(text.begin(), text.end()) + '\n') != std::string::npos;
     }
-    EXPECT_EQ(report.find("Total sample count: " + std::to_string(total) + "\n"), 0u);
-
-    ASSERT_TRUE(blocks.contains(spinning.id()));
-    const ThreadBlock& spinner = blocks.at(spinning.id());
-    EXPECT_EQ(spinner.name, "spinner");
-    const std::wstring function =
-        getFrameDetails(0, reinterpret_cast<unsigned long long>(&spinInTurns));
-    const auto begin =
-        offsetIn("sampling_system_test", "]: " + std::string(function.begin(), function.end()));
-    ASSERT_TRUE(begin);
-    EXPECT_TRUE(std::any_of(spinner.frames.begin(), spinner.frames.end(),
-                            [&](const std::string& line) {
-                                const auto offset = offsetIn("sampling_system_test", line);
-                                return offset && *offset > *begin && *offset < *begin + 100;
-                            }))
-        << report;
-    for (const auto& [id, block] : blocks) {
-        for (const std::string& frame : block.frames) {
-            EXPECT_TRUE(frame.ends_with("};")) << "frame without a module: " << frame;
-        }
-    }
+    EXPECT_TRUE(hasReturnAddress) << block;
 }
 
 TEST(SamplingOfThisProcess, SeveralRunsAtOnceShareNothingWhileThreadsComeAndGo) {
@@ -141,10 +94,8 @@ TEST(SamplingOfThisProcess, SeveralRunsAtOnceShareNothingWhileThreadsComeAndGo) 
         }
     }
     for (const std::string& report : reports) {
-        EXPECT_EQ(report.find("Total sample count: "), 0u);
-        std::vector<unsigned int> order;
-        EXPECT_GE(blocksOf(report, order).size(), 4u) << report;
-        EXPECT_EQ(order.front(), getMainThreadId());
+        EXPECT_GE(threadsIn(report), 4U) << report;
+        EXPECT_TRUE(showsMainThreadFirst(report)) << report;
     }
 }
 

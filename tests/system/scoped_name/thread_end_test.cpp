@@ -123,6 +123,9 @@ TEST(ThreadEndTest, DestructorsOfSpecificValuesLeaveNothing) {
     for (const bool isUsedBefore : {true, false}) {
         int runs = 0;
         inDestructor = [&] {
+            if (isUsedBefore && roundsLeft == PTHREAD_DESTRUCTOR_ITERATIONS) {
+                EXPECT_EQ(hint::getExternalInputHintName(), longText) << "still there at first";
+            }
             useAll(posted);
             ++runs;
         };

@@ -185,6 +185,7 @@ void checkEndOfFirstThread(const Library& library) {
     const Library library = findLibrary(handle);
     expect(library.mainThreadId() == ownId(), "the thread that loaded it");
     expectList(library, before, "the threads that ran at load");
+    expect(library.name(endsLate.id()).empty(), "nobody named them");
     std::erase(before, endsAtOnce.id());
     endsAtOnce.end();
     expectList(library, before, "a thread from before that has ended");

@@ -6,7 +6,6 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <threads.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -115,21 +114,6 @@ TEST(ThreadListOnLinux, HearsOfEveryKindOfStartAndEnd) {
     while (detached == 0 || countOf(detached) != 0) {
         std::this_thread::yield();
     }
-    if (underThreadSanitizer) {
-        return;  // which does not know of thrd_create
-    }
-    std::atomic<unsigned int> id{0};
-    thrd_t thread;
-    const auto returnsAnInt = [](void* out) -> int {
-        noteSelf(out);
-        return -3;
-    };
-    ASSERT_EQ(thrd_create(&thread, returnsAnInt, &id), thrd_success);
-    int result = 0;
-    thrd_join(thread, &result);
-    EXPECT_EQ(result, -3);
-    EXPECT_NE(id, 0U);
-    EXPECT_EQ(countOf(id), 0);
 }
 
 TEST(ThreadListOnLinux, AStartWithoutMemoryFailsAsTheSystemSays) {
@@ -206,12 +190,15 @@ TEST(ThreadListOnLinux, SeesStartsAndEndsBehindTheLibrary) {
     EXPECT_EQ(getThreadIds().back(), unheard);
     endNow.count_down();
     endsUnheard.join();
+    setThreadName("creator");
     const int id = clone(
         body, stack.data() + stack.size(),
         CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD | CLONE_SYSVSEM, nullptr);
     ASSERT_GT(id, 0);
     const auto bare = static_cast<unsigned int>(id);
+    setThreadName("");
     EXPECT_EQ(getThreadIds().back(), bare);
+    EXPECT_EQ(getThreadName(bare), "") << "inherited, and given to another by the library";
     EXPECT_EQ(countOf(unheard), 0);
     {
         const ParkedThread announced;

@@ -42,6 +42,10 @@ TEST(ThreadNamesOnLinux, AreKeptWholeWhileTheKernelGetsWholeCharacters) {
         EXPECT_EQ(getThreadName(thread.id()), oneCase.name);
         EXPECT_EQ(kernelName(thread.id()), oneCase.inKernel);
     }
+    const ParkedThread malformed(
+        [] { setThreadName(std::string("0123456789 \xFF 456\0after", 20)); });
+    EXPECT_EQ(getThreadName(malformed.id()), "0123456789 \xEF\xBF\xBD 456");
+    EXPECT_EQ(kernelName(malformed.id()), "0123456789 \xEF\xBF\xBD ");
 }
 
 TEST(ThreadNamesOnLinux, OneThatNobodyGaveReadsEmpty) {

@@ -92,13 +92,5 @@ TEST(Modules, OfAChildProcess) {
     CloseHandle(end);
 }
 
-TEST(Modules, OfNoProcessAndOfOneThatHasNotBegun) {
-    EXPECT_TRUE(listModules(0xFFFFFFFC).empty());
-    const tests::ChildProcess child(std::string("\"") + TEST_CHILD + "\" debugger",
-                                    CREATE_SUSPENDED);
-    ASSERT_TRUE(child.hasStarted());
-    EXPECT_TRUE(listModules(child.id()).empty());
-}
-
 }  // namespace
 }  // namespace ThreadUtilities::platform

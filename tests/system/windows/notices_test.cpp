@@ -4,12 +4,11 @@
 // The DLL itself, loaded by a thread that is not the program's first: what the loader announces.
 
 #include <gtest/gtest.h>
-#include <process.h>
 #include <windows.h>
 
 #include <algorithm>
 #include <future>
-#include <thread>
+#include <memory>
 #include <vector>
 
 #include "windows_support/target_thread.h"
@@ -38,37 +37,6 @@ bool contains(const ThreadIdList& ids, unsigned int id) {
     return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
 
-struct Waiter {
-    HANDLE ready = ThreadUtilities::tests::newEvent();
-    HANDLE finish = ThreadUtilities::tests::newEvent();
-    unsigned int threadId = 0;
-
-    void run() {
-        threadId = GetCurrentThreadId();
-        SetEvent(ready);
-        WaitForSingleObject(finish, INFINITE);
-    }
-};
-
-unsigned __stdcall runWaiter(void* waiter) {
-    static_cast<Waiter*>(waiter)->run();
-    return 0;
-}
-
-/// Each starts a thread that runs the waiter, and returns its handle.
-HANDLE startByCRuntime(Waiter& waiter) {
-    return reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, runWaiter, &waiter, 0, nullptr));
-}
-HANDLE startBySystem(Waiter& waiter) {
-    return CreateThread(
-        nullptr, 0, [](void* waiting) -> DWORD { return runWaiter(waiting); }, &waiter, 0, nullptr);
-}
-HANDLE startByStandardLibrary(Waiter& waiter) {
-    std::thread([&waiter] { waiter.run(); }).detach();
-    WaitForSingleObject(waiter.ready, INFINITE);
-    return OpenThread(SYNCHRONIZE, FALSE, waiter.threadId);
-}
-
 TEST(Notices, TheListIsKeptFromTheLoadOn) {
     const TargetThread olderThanTheLibrary(TargetThread::block);
     auto brief = std::make_unique<TargetThread>(TargetThread::block);
@@ -87,15 +55,11 @@ TEST(Notices, TheListIsKeptFromTheLoadOn) {
     brief.reset();  // started before the load, ends after it
     EXPECT_FALSE(contains(library.getThreadIds(), briefId));
 
-    for (const auto start : {startByCRuntime, startBySystem, startByStandardLibrary}) {
-        Waiter waiter;
-        const HANDLE thread = start(waiter);
-        WaitForSingleObject(waiter.ready, INFINITE);
-        EXPECT_EQ(library.getThreadIds().back(), waiter.threadId) << "listed last";
-        SetEvent(waiter.finish);
-        WaitForSingleObject(thread, INFINITE);
-        CloseHandle(thread);
-        EXPECT_FALSE(contains(library.getThreadIds(), waiter.threadId));
+    {
+        TargetThread later(TargetThread::block);
+        EXPECT_EQ(library.getThreadIds().back(), later.id()) << "listed last";
+        later.end();
+        EXPECT_FALSE(contains(library.getThreadIds(), later.id()));
     }
 
     ThreadIdList kept = library.getThreadIds();
@@ -115,30 +79,6 @@ TEST(Notices, TheLibraryStaysHoweverOftenItIsLoadedAndClosed) {
         FreeLibrary(library.module);
         ASSERT_NE(GetModuleHandleA("ThreadUtilities.dll"), nullptr) << round;
     }
-}
-
-TEST(Notices, ThreadsThatComeAndGoLeaveNothingBehind) {
-    const LoadedLibrary library;
-    const auto before = library.getThreadIds().size();
-    std::atomic<bool> isReading = true;
-    std::thread reader([&] {
-        while (isReading) {
-            EXPECT_GE(library.getThreadIds().size(), before);
-        }
-    });
-    for (int round = 0; round < 100; ++round) {
-        std::vector<std::thread> threads;
-        for (int index = 0; index < 8; ++index) {
-            threads.emplace_back(
-                [&] { EXPECT_TRUE(contains(library.getThreadIds(), GetCurrentThreadId())); });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-    }
-    isReading = false;
-    reader.join();
-    EXPECT_EQ(library.getThreadIds().size(), before);
 }
 
 }  // namespace

@@ -92,24 +92,6 @@ TEST(Program, ASampledThreadIsShownFromItsStartInward) {
     EXPECT_EQ(target.suspendCount(), 0u);
 }
 
-TEST(Program, AThreadIsSampledThroughTheProgramsOwnCapture) {
-    TargetThread target(named<TargetThread::block>);
-    const unsigned int processId = GetCurrentProcessId();
-    const auto capture = [](unsigned int, const unsigned int& threadId,
-                            std::vector<unsigned long long>& frames, unsigned long long most) {
-        frames.resize(most);
-        return getStackTrace(threadId, frames.data(), most, true);
-    };
-    const std::string one = sampleProcessThread(processId, target.id(), 1s, 100ms, capture);
-    EXPECT_TRUE(matches(one, "^Total sample count: [1-9]\\d*\nParallelism: [1-9]\\d*\n\nThread "));
-    EXPECT_GE(blockOf(target.id(), one).size(), 3u) << one;
-    EXPECT_TRUE(blockOf(getThreadId(), one).empty()) << one;
-    const std::string all =
-        sampleProcessAllThread(processId, target.id(), 0s, 100ms, 100ms, capture);
-    EXPECT_TRUE(matches(all, "^Total sample count: 0\nIteration count: 0\nParallelism: "));
-    EXPECT_EQ(sampleProcessThread(processId, target.id(), 1s, 100ms, {}), "");
-}
-
 // The callback throws on a thread of the library, which throws the exception once more here. With
 // two copies of the C++ run-time, the program's would count one exception too few ever after.
 TEST(Program, AnExceptionThatTheLibraryThrowsIsCountedOnce) {
@@ -142,19 +124,6 @@ TEST(Program, TheFileTellsItsVersion) {
                   std::to_string(LOWORD(fixed->dwFileVersionMS)) + '.' +
                   std::to_string(HIWORD(fixed->dwFileVersionLS)),
               LIBRARY_VERSION);
-}
-
-TEST(Program, ThreadsThatComeAndGoDisturbNoSampling) {
-    std::atomic<bool> stop = false;
-    std::thread starter([&stop] {
-        while (!stop) {
-            std::thread([] { setThreadName("brief"); }).join();
-        }
-    });
-    const std::string report = sampleAllThreads(1s, 0ms);
-    stop = true;
-    starter.join();
-    EXPECT_FALSE(blockOf(getMainThreadId(), report).empty()) << report;
 }
 
 std::atomic<int> controlBlocks = 0;

@@ -42,21 +42,17 @@ TEST(SystemThreads, BothSourcesFindTheThreadsOfThisAndOfAnotherProcess) {
 }
 
 TEST(SystemThreads, NamesOfAnyLengthAndScript) {
-    const std::string names[] = {
-        "worker",
-        "",
-        std::string(5000, 'x'),
-        "\xC3\xA4\xE6\xBC\xA2\xF0\x9F\x98\x80",
-    };
-    for (const std::string& name : names) {
+    for (const std::string& name : {std::string(5000, 'x'), std::string()}) {
         setThreadName(name);
         EXPECT_EQ(getThreadName(), name);
     }
-    setThreadName("bad \xFF byte");
-    EXPECT_EQ(getThreadName(), "bad \xEF\xBF\xBD byte");
+    setThreadName("bad \xFF byte, cut \xE2\x82");
+    EXPECT_EQ(getThreadName(), "bad \xEF\xBF\xBD byte, cut \xEF\xBF\xBD");
     setThreadName("");
+    EXPECT_EQ(wideToUtf8(WideString{0xD800, L'x', 0, 0xDC00}),
+              std::string("\xEF\xBF\xBDx\0\xEF\xBF\xBD", 8));
 
-    static const char named[] = "named by itself";
+    static const char named[] = "\xC3\xA4\xE6\xBC\xA2\xF0\x9F\x98\x80";
     TargetThread target([](TargetThread& self) {
         setThreadName(named);
         TargetThread::block(self);
@@ -78,16 +74,11 @@ TEST(SystemLibraries, ComeFromTheSystemFolderAlone) {
     EXPECT_EQ(platform::findEntryPoint(library, "NoSuchEntryPoint"), nullptr);
     platform::closeLibrary(library);
 
-    for (const wchar_t* refused :
-         {L"..\\system32\\Ntdll.dll", L"drivers/Ntdll.dll", L"Ntdll.dll?", L"NoSuch.dll"}) {
-        EXPECT_EQ(loadSystemLibrary(refused), nullptr);
-    }
-    const auto isAbsolute = platform::isAbsolutePath;
-    EXPECT_TRUE(isAbsolute(L"C:\\"));
-    EXPECT_TRUE(isAbsolute(L"z:\\x"));
+    EXPECT_EQ(loadSystemLibrary(L"NoSuch.dll"), nullptr);
+    EXPECT_TRUE(platform::isAbsolutePath(L"z:\\x"));
     for (const wchar_t* path :
          {L"", L"C:", L"C:x", L"\\\\server\\share", L"\\x", L"1:\\", L"C:/x"}) {
-        EXPECT_FALSE(isAbsolute(path)) << wideToUtf8(WideString(path));
+        EXPECT_FALSE(platform::isAbsolutePath(path)) << wideToUtf8(WideString(path));
     }
 }
 

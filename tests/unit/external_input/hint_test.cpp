@@ -9,7 +9,7 @@
 #include <vesko/source_location.h>
 
 #include "foundation/random.h"
-#include "scripted_platform/thread_exit_script.h"
+#include "scripted_platform/process_script.h"
 #include "support/allocations.h"
 #include "support/posted_location.h"
 
@@ -56,78 +56,45 @@ TEST(HintTest, GuardsEndWhateverIsCurrent) {
         auto outer = hint::createExternalInputHint("outer");
         {
             auto inner = hint::createExternalInputHint("inner");
-            inner = outer;
+            inner = outer;  // hands nothing over
             EXPECT_EQ(hint::getExternalInputHintName(), "inner");
         }
         EXPECT_EQ(current(), "none");
-        hint("x", "replaced").setAsExternalInputHint();
-        {
-            auto nameless = hint::createExternalInputHint("");
-            EXPECT_EQ(current(), "none");
-        }
     });
 }
 
-/// Puts another source in the place of the random numbers.
-class ScriptedRandom {
- public:
-    explicit ScriptedRandom(int value) {
-        next = value;
-        vesko::randomIntHook = [](int lo, int hi, bool randomSign) {
-            EXPECT_EQ(lo, 0);
-            EXPECT_EQ(hi, 999);
-            EXPECT_FALSE(randomSign);
-            return next;
-        };
-    }
-    ~ScriptedRandom() { vesko::randomIntHook = vesko::randomInt; }
-
- private:
-    static inline int next = 0;
-};
-
 TEST(HintTest, IdsHoldARandomNumberAndACount) {
-    const auto makeId = [](int drawn) {
-        ScriptedRandom random(drawn);
-        auto guard = hint::createExternalInputHint("x");
-        return hint::getExternalInputHintId();
+    static int drawn = 0;
+    vesko::randomIntHook = [](int lo, int hi, bool randomSign) {
+        EXPECT_TRUE(lo == 0 && hi == 999 && !randomSign);
+        return drawn;
     };
-    const int before = std::stoi(makeId(0).substr(7));
+    const auto numberOfNext = [] {
+        auto guard = hint::createExternalInputHint("x");
+        const std::string id = hint::getExternalInputHintId();
+        EXPECT_EQ(id.size(), 10u);
+        EXPECT_EQ(id.substr(0, 4), "hint");
+        return std::stoi(id.substr(4));
+    };
+    const int before = numberOfNext();
     for (int i = 1; i <= 1001; ++i) {
-        const std::string id = makeId(i % 1000);
-        const int number = i % 1000 * 1000 + (before + i) % 1000;
-        ASSERT_EQ(id.size(), 10u);
-        ASSERT_EQ(id.substr(0, 4), "hint");
-        ASSERT_EQ(std::stoi(id.substr(4)), number);
+        drawn = i % 1000;
+        ASSERT_EQ(numberOfNext(), drawn * 1000 + (before + i) % 1000);
     }
+    vesko::randomIntHook = vesko::randomInt;
 }
 
 TEST(LocationTest, PrintsFileLineAndFunction) {
-    struct Case {
-        const char* file;
-        int line;
-        const char* function;
-        const char* text;
+    EXPECT_EQ(location::current("C:\\src\\net/Parser.cpp", 120, "Parser::open").to_string(),
+              "Parser.cpp:120:Parser::open");
+    EXPECT_EQ(location::current("folder/", -1, nullptr).to_string(), ":4294967295:");
+    struct Grouping : std::numpunct<char> {
+        std::string do_grouping() const override { return "\3"; }
     };
-    const Case cases[] = {
-        {"C:\\src\\net/Parser.cpp", 120, "Parser::open", "Parser.cpp:120:Parser::open"},
-        {"/usr/src\\Parser.cpp", 0, "", "Parser.cpp:0:"},
-        {"folder/", 7, nullptr, ":7:"},
-        {nullptr, -1, "f", ":4294967295:f"},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(location::current(c.file, c.line, c.function).to_string(), c.text);
-    }
-    const auto grouped = [] {
-        struct Grouping : std::numpunct<char> {
-            std::string do_grouping() const override { return "\3"; }
-        };
-        std::ostringstream text;
-        text.imbue(std::locale(text.getloc(), new Grouping));
-        text << location::current("a.cpp", 123456, "f");
-        return text.str();
-    };
-    EXPECT_EQ(grouped(), "a.cpp:123456:f");
+    std::ostringstream text;
+    text.imbue(std::locale(text.getloc(), new Grouping));
+    text << location::current(nullptr, 123456, "f");
+    EXPECT_EQ(text.str(), ":123456:f");
 }
 
 TEST(LocationTest, CapturesHintAndStoreOfItsThread) {
@@ -142,6 +109,9 @@ TEST(LocationTest, CapturesHintAndStoreOfItsThread) {
         hint::clearExternalInputHint();
         EXPECT_EQ(full.to_string(), "a.cpp:1:f externalInputHint=Open project hint042007");
         EXPECT_EQ(full.contextStore.lock(), store);
+        location nameless = full;
+        nameless.externalInputHint = std::make_shared<hint>("k", "");
+        EXPECT_EQ(nameless.to_string(), "a.cpp:1:f");
         EXPECT_EQ(location::current().contextStore.lock(), store) << "a store without a hint";
 
         {
@@ -191,7 +161,7 @@ TEST(LocationTest, HandsHintAndStoreOver) {
 TEST(ThreadValuesTest, AreNotBegunWhenNothingWouldReleaseThem) {
     std::shared_ptr<context_store> posted;
     const location full = postedFrom(hint("k", longName), &posted);
-    ThreadUtilities::scripted::refuseThreadExitCalls(true);
+    ThreadUtilities::scripted::threadExitCallsAreRefused = true;
     onFreshThread([&] {
         const long before = allocations::alive();
         hint(longName, longName).setAsExternalInputHint();
@@ -211,7 +181,7 @@ TEST(ThreadValuesTest, AreNotBegunWhenNothingWouldReleaseThem) {
         }
         EXPECT_EQ(allocations::alive(), before);
     });
-    ThreadUtilities::scripted::refuseThreadExitCalls(false);
+    ThreadUtilities::scripted::threadExitCallsAreRefused = false;
 }
 
 }  // namespace

@@ -64,7 +64,7 @@ TEST(TextConversion, EveryMaximalSubpartOfMalformedUtf8IsOneReplacement) {
 TEST(TextConversion, UnpairedSurrogatesBecomeReplacements) {
     const std::string replacement = "\xEF\xBF\xBD";
     EXPECT_EQ(wideToUtf8(WideString{0xD800}), replacement);
-    EXPECT_EQ(wideToUtf8(WideString{0xDC00, 'x'}), replacement + "x");
+    EXPECT_EQ(wideToUtf8(WideString{0xDC00, 0xDC00, 'x'}), replacement + replacement + "x");
     EXPECT_EQ(wideToUtf8(WideString{0xDBFF, 0xDBFF, 0xDFFF}), replacement + "\xF4\x8F\xBF\xBF");
     EXPECT_EQ(wideToUtf8(WideString{'a', 'b', 'c', 0xD800, 'd'}), "abc" + replacement + "d");
 }

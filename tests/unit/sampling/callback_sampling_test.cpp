@@ -113,6 +113,7 @@ TEST_F(CallbackSampling, FocusThreadIsSampledOncePerIntervalAndSleptFor) {
     for (const std::chrono::nanoseconds sleep : scripted::sleeps()) {
         slept += sleep;
         EXPECT_GT(sleep, 0ms);
+        EXPECT_LE(sleep, 100ms) << "so that a run can be ended early";
     }
     EXPECT_EQ(slept, 3s);
     rooms.resize(5);
@@ -149,21 +150,15 @@ TEST_F(CallbackSampling, NoMoreFramesAreReadThanThereAre) {
         return 5ull;
     };
     EXPECT_EQ(sampleFocus(1s, 0ms).substr(0, 22), "Total sample count: 0\n");
-}
-
-TEST_F(CallbackSampling, NoMoreFramesAreReadThanTheLimit) {
     if (underThreadSanitizer) {
-        GTEST_SKIP()
-            << "the printout holds a lock per level, and ThreadSanitizer follows 64 at most";
+        return;  // the printout holds a lock per level, and ThreadSanitizer follows 64 at most
     }
-    scripted::setAdvancePerReading(400ms);
     answer = [](unsigned int, std::vector<unsigned long long>& frames) {
         frames.assign(1000, 7);
         return 1000ull;
     };
     const std::string report = sampleFocus(1s, 0ms);
-    EXPECT_NE(report.find("\n" + std::string(257, ' ') + "[1]: frame"), std::string::npos);
-    EXPECT_EQ(report.find(std::string(258, ' ')), std::string::npos) << "256 frames at most";
+    EXPECT_EQ(std::count(report.begin(), report.end(), '/'), 256);
 }
 
 TEST_F(CallbackSampling, OtherThreadsAreSampledFromFourWorkersOn) {

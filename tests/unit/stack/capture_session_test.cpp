@@ -3,6 +3,7 @@
 
 #include "stack/capture_session.h"
 
+#include <ThreadUtilities/StackTrace.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,10 +11,8 @@
 
 #include "platform/clock.h"
 #include "scripted_platform/clock_script.h"
-#include "scripted_platform/current_script.h"
-#include "scripted_platform/debugger_script.h"
-#include "scripted_platform/run_witness_script.h"
-#include "scripted_platform/thread_context_script.h"
+#include "scripted_platform/process_script.h"
+#include "scripted_platform/threads_script.h"
 #include "stack/frame_walk.h"
 
 namespace ThreadUtilities {
@@ -23,8 +22,10 @@ bool searchForWalks() noexcept {
     return false;
 }
 
-std::size_t walkCallingThread(unsigned long long*, std::size_t) noexcept {
-    return 0;
+std::size_t walkCallingThread(unsigned long long* frames, std::size_t) noexcept {
+    EXPECT_EQ(frames[0], 0U);
+    frames[0] = 77;
+    return 1;
 }
 
 // The scripted walk finds rax frames, the n-th of them n + 1 times rsp.
@@ -39,6 +40,7 @@ WalkResult walkThread(const platform::ThreadContext& context, unsigned long long
 
 namespace {
 
+constexpr unsigned int self = 5;
 constexpr unsigned int target = 6;
 
 constexpr platform::ThreadRuns firstRun{1, 100, 10};
@@ -55,7 +57,7 @@ scripted::VisitScript visitOf(std::uint64_t frameCount, std::uint64_t firstFrame
 class CaptureSessions : public testing::Test {
  protected:
     void SetUp() override {
-        scripted::setCurrentThreadId(5);
+        scripted::currentThreadId = self;
         scripted::visitScripts.clear();
         scripted::visits = 0;
         scripted::threadRuns.clear();
@@ -64,7 +66,7 @@ class CaptureSessions : public testing::Test {
     }
     void TearDown() override {
         SetUp();
-        scripted::setCurrentThreadId(0);
+        scripted::currentThreadId = 0;
     }
 
     int visitsFor(unsigned int thread) {
@@ -131,22 +133,59 @@ TEST_F(CaptureSessions, KeepThreadsApartAndNoMoreFilesThanTheyMay) {
     EXPECT_TRUE(allWereGivenBack);
 }
 
+// Its witness would say nothing of another thread that has its id by now.
+TEST_F(CaptureSessions, ForgetAnEndedThreadAndTakeItsFileForOthers) {
+    CaptureSession session(16, std::chrono::steady_clock::time_point::max(), 1);
+    for (const unsigned int thread : {7U, 8U}) {
+        scripted::visitScripts = {{thread, visitOf(3, 10, firstRun)}};
+        session.capture(thread);
+        EXPECT_EQ(scripted::openWitnesses, 1);
+        scripted::visitScripts.clear();
+        session.capture(thread);
+        EXPECT_EQ(scripted::openWitnesses, 0);
+    }
+}
+
 TEST_F(CaptureSessions, AnAnswerThatFailedIsNotKept) {
     scripted::threadRuns[target] = firstRun;
     scripted::visitScripts[target] = {{}, platform::VisitResult::NotAnswering};
     EXPECT_EQ(session_.capture(target), 0U);
+    scripted::visitScripts[target] = visitOf(0, 10, firstRun);
+    EXPECT_EQ(session_.capture(target), 0U);
     scripted::visitScripts[target] = visitOf(3, 10, firstRun);
     EXPECT_EQ(visitsFor(target), 1);
+    EXPECT_TRUE(scripted::lastVisit.suspend);
+}
+
+TEST_F(CaptureSessions, TheOwnThreadIsCapturedWithoutAVisit) {
+    EXPECT_EQ(session_.capture(self), 1U);
+    EXPECT_EQ(session_.frames()[0], 77U);
+    EXPECT_EQ(scripted::visits, 0);
+}
+
+TEST_F(CaptureSessions, AStackTraceThatFailsSaysSoInItsFirstFrame) {
+    for (const unsigned int thread : {self, target}) {
+        unsigned long long frame = 1;
+        scripted::debuggerAttached = true;
+        EXPECT_EQ(getStackTrace(thread, &frame, 1, true), 0U);
+        EXPECT_EQ(frame, 1U) << "untouched under a debugger";
+        scripted::debuggerAttached = false;
+        EXPECT_EQ(getStackTrace(thread, &frame, 0, true), 0U);
+        EXPECT_EQ(getStackTrace(thread, nullptr, 1, true), 0U);
+        EXPECT_EQ(frame, 1U);
+        EXPECT_EQ(getStackTrace(thread, &frame, 1, true), thread == self ? 1U : 0U);
+        EXPECT_EQ(frame, thread == self ? 77U : 0U);
+    }
 }
 
 TEST_F(CaptureSessions, WaitForASecondAndNoLongerThanTheRun) {
     const auto now = platform::steadyNow();
     scripted::visitScripts[target] = visitOf(3, 10, std::nullopt);
     EXPECT_EQ(visitsFor(target), 1);
-    EXPECT_EQ(scripted::lastDeadline - now, std::chrono::seconds(1));
+    EXPECT_EQ(scripted::lastVisit.deadline - now, std::chrono::seconds(1));
     CaptureSession session(16, now + std::chrono::milliseconds(5), 0);
     EXPECT_EQ(session.capture(target), 3U);
-    EXPECT_EQ(scripted::lastDeadline - now, std::chrono::milliseconds(5));
+    EXPECT_EQ(scripted::lastVisit.deadline - now, std::chrono::milliseconds(5));
 }
 
 TEST_F(CaptureSessions, NoticeADebuggerWithinTenMilliseconds) {

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "scripted_platform/code_modules_script.h"
 #include "scripted_platform/memory_script.h"
 #include "stack/cfi/frame_description.h"
 #include "stack_cfi/table_builder.h"
