@@ -28,12 +28,12 @@ constexpr std::size_t newThreadsBetweenSweeps = 256;
 // A debugger attaches to all threads, each of which runs for a moment to notice it: it is seldom
 // that one is there and a thread has not run since.
 constexpr std::chrono::milliseconds asLongAsForResults(10);
-constexpr std::chrono::milliseconds asLongAsHintsDo(25);
+constexpr std::chrono::milliseconds asLongAsHintsDo(5);
 
 }  // namespace
 
-// The hint overlooks about one run in a thousand, of microseconds. Therefore it has to do for a
-// short time only: what a sample shows wrongly because of it is corrected after that.
+// The hint overlooks up to one in 400 runs, of microseconds. Therefore it serves only those who ask
+// more often than every few milliseconds: what a sample shows wrongly is corrected after that.
 CaptureSession::Since CaptureSession::sinceRest(KnownThreads::value_type& known, Time now) {
     auto& [threadId, thread] = known;
     std::optional<std::uint64_t> hint;

@@ -19,8 +19,8 @@ namespace ThreadUtilities {
 
 /// Captures threads of the calling process again and again, as a profiler does. The results are
 /// those of `getStackTrace`, but what has not changed is not looked up again: the stack of a thread
-/// that has not run since it was captured (one run in a thousand, of microseconds, is noticed up to
-/// 25 ms late), and within a millisecond, or 10 for a thread that has not run, the answer to
+/// that has not run since it was captured (one run in 400, of microseconds, is noticed up to
+/// 5 ms late), and within a millisecond, or 10 for a thread that has not run, the answer to
 /// whether a debugger is attached.
 ///
 /// For one thread at a time. Allocates, though never while a thread stands still.

@@ -15,8 +15,8 @@ namespace ThreadUtilities::platform {
 /// nothing says that what follows them is the same code. Two modules have the same number if one
 /// was built from the other with the id set by hand, such that no function or table entry has
 /// moved.
-/// Never faults: a host may hide what nobody but the loader needs. One system call; two the first time.
-/// Context: signal handler.
+/// Never faults: a host may hide what nobody but the loader needs. One system call; two the first
+/// time. Context: signal handler.
 std::uint64_t moduleIdentity(std::uint64_t begin, std::uint64_t size,
                              std::uint64_t unwindHeader) noexcept;
 

@@ -9,7 +9,8 @@
 #define FOUR(name) FUNCTION(name##0) FUNCTION(name##1) FUNCTION(name##2) FUNCTION(name##3)
 #define SIXTEEN(name) FOUR(name##0) FOUR(name##1) FOUR(name##2) FOUR(name##3)
 SIXTEEN(a)
-SIXTEEN(b) SIXTEEN(c) SIXTEEN(d)
+SIXTEEN(b)
+SIXTEEN(c) SIXTEEN(d)
 
     int callThrough(int (*callback)(void)) {
     volatile long frame[FRAME_WORDS];
