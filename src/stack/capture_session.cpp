@@ -135,6 +135,10 @@ std::size_t CaptureSession::capture(unsigned int threadId) {
         known = know(threadId);
     }
     const platform::Visit visit = visitKnown(known, now);
+    if (visit.result == platform::VisitResult::NoSuchThread) {
+        forget(known);
+        return 0;
+    }
     if (visit.atRest && visit.frameCount != 0) {
         known->second.runs = *visit.atRest;
         known->second.hint.reset();
