@@ -66,6 +66,8 @@ struct StackText {
 struct Complaint {
     std::size_t line = 0;
     std::string what;
+    /// The input ends in the middle of a report.
+    bool isCutOff = false;
 };
 
 }  // namespace ThreadUtilities::companion

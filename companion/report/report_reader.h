@@ -4,10 +4,12 @@
 #pragma once
 
 /// \file
-/// Finds the library's texts in any other text. Holds one line and the report that is being read.
+/// Finds the library's texts in any other text. Holds the report that is being read and a few lines
+/// ahead of it, never the input.
 
+#include <cstddef>
 #include <filesystem>
-#include <istream>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -36,8 +38,15 @@ class InputError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Reads to the end. Throws InputError where the input itself cannot be read.
-void readReports(std::istream& input, FrameTable& frames, ReportSink& sink);
+/// Fills the room as far as there are bytes now; 0 at the end.
+using ReadBytes = std::function<std::size_t(char* room, std::size_t size)>;
+
+/// The bytes of a file, or of the standard input for "-". Throws InputError: no such file, a
+/// folder, unreadable.
+ReadBytes openInput(const std::filesystem::path& path);
+
+/// Reads to the end. Throws InputError for what no report of the library can be.
+void readReports(const ReadBytes& input, FrameTable& frames, ReportSink& sink);
 
 /// A whole file in memory, for what looks at it as a whole.
 struct Document {
@@ -48,8 +57,7 @@ struct Document {
     std::vector<Complaint> complaints;
 };
 
-/// `path` may be "-": the standard input. Throws InputError: no such file, a folder, no report in
-/// it, a report that is cut off.
+/// As openInput. Throws InputError also where there is no report in it, or one that is cut off.
 Document readDocument(const std::filesystem::path& path);
 
 }  // namespace ThreadUtilities::companion
