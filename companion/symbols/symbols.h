@@ -8,8 +8,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +19,9 @@
 #include "report/frame_table.h"
 
 namespace ThreadUtilities::companion {
+
+class ModuleFiles;
+class Progress;
 
 struct SymbolOptions {
     /// Trees of .build-id folders, or folders of plain files.
@@ -52,6 +55,7 @@ struct FrameName {
 
 /// What became of a module.
 struct ModuleSymbols {
+    std::string name;
     std::filesystem::path file;
     /// Where its debug information came from, if elsewhere.
     std::filesystem::path debugFile;
@@ -64,7 +68,10 @@ struct ModuleSymbols {
 
 class Symbols {
  public:
-    explicit Symbols(SymbolOptions options);
+    explicit Symbols(SymbolOptions symbolOptions);
+    ~Symbols();
+    Symbols(const Symbols&) = delete;
+    Symbols& operator=(const Symbols&) = delete;
 
     /// Names all frames that are new in the table since the last call.
     void resolve(const FrameTable& frames);
@@ -73,14 +80,24 @@ class Symbols {
     const FrameName& name(FrameId frame) const { return names[frame]; }
     const ModuleSymbols& module(ModuleId module) const { return modules[module]; }
 
-    /// The line for the end: frames named, modules, what is missing for the rest.
+    /// For the end: a line that says how many frames are named, and from how many modules; then one
+    /// for each module of whose frames some are not, with what is missing, and for each file that
+    /// was refused.
     std::string summary() const;
     bool isComplete() const;
+    /// Whether the frames are another system's and have no names for that reason.
+    bool isOfAnotherSystem() const;
 
  private:
+    void resolveModule(const FrameTable& frames, ModuleId module, std::vector<FrameId> wanted);
+    std::string_view keep(std::string text);
+
     SymbolOptions options;
+    std::unique_ptr<ModuleFiles> files;
+    std::unique_ptr<Progress> progress;
     std::vector<FrameName> names;
     std::vector<ModuleSymbols> modules;
+    /// Does not move its texts.
     std::unordered_set<std::string> texts;
 };
 

@@ -7,8 +7,14 @@
 /// A profile as a person sees it: by function instead of by return address, inlined functions among
 /// them.
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "report/frame_table.h"
@@ -58,7 +64,7 @@ struct FunctionWeight {
 class FunctionTable {
  public:
     /// Both must outlive the table; symbols are resolved.
-    FunctionTable(const FrameTable& frames, const Symbols& symbols);
+    FunctionTable(const FrameTable& frameTable, const Symbols& frameSymbols);
 
     /// Outermost function first.
     const std::vector<FunctionId>& functionsOf(FrameId frame);
@@ -70,9 +76,22 @@ class FunctionTable {
     FunctionTree treeOf(const Profile& profile);
 
  private:
+    struct KeyHash {
+        std::size_t operator()(const std::pair<std::string_view, std::string_view>& key) const {
+            const std::hash<std::string_view> hash;
+            return hash(key.first) * 31 + hash(key.second);
+        }
+    };
+
+    FunctionId intern(const Function& function);
+
     const FrameTable& frames;
     const Symbols& symbols;
     std::vector<Function> functions;
+    /// By name and module: the same function has one entry, whatever files its copies came from.
+    std::unordered_map<std::pair<std::string_view, std::string_view>, FunctionId, KeyHash> ids;
+    std::vector<std::vector<FunctionId>> known;
+    std::deque<std::string> rawNames;
 };
 
 /// One entry for each function in the tree, in no order.
