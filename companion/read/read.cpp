@@ -79,6 +79,9 @@ class Reader : public ReportSink {
     }
 
     int finish(const std::string& inputName) {
+        if (options.json && hasReport) {
+            output.write(symbolsJson(frames, symbols));
+        }
         output.finish();
         if (!hasReport) {
             throw InputError(inputName + ": no report of ThreadUtilities in it");

@@ -107,6 +107,22 @@ std::string stackJson(const StackText& stack, const FrameTable& frames, const Sy
                  {"frames", stackOf(stack.frames, frames, symbols)}});
 }
 
+std::string symbolsJson(const FrameTable& frames, const Symbols& symbols) {
+    json modules = json::array();
+    for (ModuleId id = 1; id < frames.moduleCount(); ++id) {
+        const ModuleSymbols& module = symbols.module(id);
+        modules.push_back({{"name", module.name},
+                           {"guid", guidText(frames.module(id).guid)},
+                           {"file", module.file.string()},
+                           {"debugFile", module.debugFile.string()},
+                           {"frames", module.frames},
+                           {"named", module.named},
+                           {"namedByDynamicSymbols", module.namedByDynamicSymbols},
+                           {"missing", module.missing}});
+    }
+    return line({{"type", "symbols"}, {"modules", std::move(modules)}});
+}
+
 std::string textJson(std::string_view text) {
     return line({{"type", "text"}, {"text", text}});
 }

@@ -6,7 +6,10 @@
 /// \file
 /// Reports as text for a person.
 
+#include <cstddef>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "report/report.h"
 #include "support/terminal.h"
@@ -36,6 +39,8 @@ std::string profileJson(const Profile& profile, const FrameTable& frames, const 
 std::string threadsJson(const ThreadReport& report, const FrameTable& frames,
                         const Symbols& symbols);
 std::string stackJson(const StackText& stack, const FrameTable& frames, const Symbols& symbols);
+/// What became of each module.
+std::string symbolsJson(const FrameTable& frames, const Symbols& symbols);
 std::string textJson(std::string_view text);
 
 }  // namespace ThreadUtilities::companion

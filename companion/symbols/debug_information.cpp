@@ -298,13 +298,20 @@ std::string_view DebugInformation::readable(const char* mangled) {
     return known->second;
 }
 
-std::string_view DebugInformation::fileName(const char* name) {
+/// Relative names are the compiler's, seen from the folder where it ran.
+std::string_view DebugInformation::fileName(Unit& unit, const char* name) {
     if (name == nullptr) {
         return {};
     }
     const auto [known, isNew] = knownFiles.try_emplace(name);
     if (isNew) {
-        known->second = keep(std::filesystem::path(name).lexically_normal().string());
+        std::filesystem::path path = name;
+        const char* const folder = path.is_relative() ? text(unit.die, DW_AT_comp_dir) : nullptr;
+        // Some of the names begin with that folder already.
+        if (folder != nullptr && !path.native().starts_with(std::string(folder) + '/')) {
+            path = folder / path;
+        }
+        known->second = keep(path.lexically_normal().string());
     }
     return known->second;
 }
@@ -340,7 +347,7 @@ bool DebugInformation::nameFromUnit(std::uint64_t address, std::uint64_t symbolA
     if (Dwarf_Line* const line = dwarf_getsrc_die(&unit.die, address)) {
         int number = 0;
         dwarf_lineno(line, &number);
-        place.file = fileName(dwarf_linesrc(line, nullptr, nullptr));
+        place.file = fileName(unit, dwarf_linesrc(line, nullptr, nullptr));
         place.line = static_cast<std::uint32_t>(std::max(number, 0));
     }
     const Range* const functionRange = find(unit.functionRanges, address);
@@ -375,7 +382,7 @@ bool DebugInformation::nameFromUnit(std::uint64_t address, std::uint64_t symbolA
         name.places.push_back(place);
         const auto file = number(inlined, DW_AT_call_file);
         place.file = file && files != nullptr && *file < fileCount
-                         ? fileName(dwarf_filesrc(files, *file, nullptr, nullptr))
+                         ? fileName(unit, dwarf_filesrc(files, *file, nullptr, nullptr))
                          : std::string_view();
         place.line = static_cast<std::uint32_t>(number(inlined, DW_AT_call_line).value_or(0));
     }

@@ -91,7 +91,7 @@ class DebugInformation {
     bool nameFromUnit(std::uint64_t address, std::uint64_t symbolAddress, FrameName& name);
     std::string_view functionName(Dwarf_Die& die, std::uint64_t symbolAddress);
     std::string_view readable(const char* mangled);
-    std::string_view fileName(const char* name);
+    std::string_view fileName(Unit& unit, const char* name);
     const Symbol* symbolAt(std::uint64_t address);
 
     bool isShort;

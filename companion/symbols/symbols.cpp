@@ -80,6 +80,7 @@ void Symbols::resolve(const FrameTable& frames) {
     progress->add(frames.size() - std::min<std::size_t>(firstNew, frames.size()));
     names.resize(frames.size());
     modules.resize(frames.moduleCount());
+    openModules.resize(frames.moduleCount());
     for (ModuleId module = 1; module < wanted.size(); ++module) {
         if (!wanted[module].empty()) {
             resolveModule(frames, module, std::move(wanted[module]));
@@ -88,24 +89,42 @@ void Symbols::resolve(const FrameTable& frames) {
     progress->clear();
 }
 
-void Symbols::resolveModule(const FrameTable& frames, ModuleId id, std::vector<FrameId> wanted) {
-    const Module& module = frames.module(id);
+DebugInformation* Symbols::openModule(const Module& module, ModuleId id) {
+    OpenModule& open = openModules[id];
+    if (open.isSearched) {
+        return open.information.get();
+    }
+    open.isSearched = true;
     ModuleSymbols& result = modules[id];
     result.name = module.fileName;
-    result.frames += wanted.size();
     const auto found = files->find(module);
     if (!found) {
         result.missing = missingFile(module);
-        return;
+        return nullptr;
     }
     result.file = found->file;
-    DebugInformation information(found->file, options.folders, options.shortNames,
-                                 [this](std::string text) { return keep(std::move(text)); });
-    if (!information.isOpen()) {
+    open.information = std::make_unique<DebugInformation>(
+        found->file, options.folders, options.shortNames,
+        [this](std::string text) { return keep(std::move(text)); });
+    if (!open.information->isOpen()) {
         result.missing = found->file.string() + " is damaged";
+        open.information.reset();
+        return nullptr;
+    }
+    result.debugFile = open.information->debugFile();
+    if (!open.information->hasLines()) {
+        result.missing = missingDebugInformation(found->identity);
+    }
+    return open.information.get();
+}
+
+void Symbols::resolveModule(const FrameTable& frames, ModuleId id, std::vector<FrameId> wanted) {
+    DebugInformation* const information = openModule(frames.module(id), id);
+    ModuleSymbols& result = modules[id];
+    result.frames += wanted.size();
+    if (information == nullptr) {
         return;
     }
-    result.debugFile = information.debugFile();
     // Neighbours share a unit and a function, which are read once.
     std::sort(wanted.begin(), wanted.end(), [&](FrameId left, FrameId right) {
         return frames.frame(left).offset < frames.frame(right).offset;
@@ -113,14 +132,12 @@ void Symbols::resolveModule(const FrameTable& frames, ModuleId id, std::vector<F
     for (const FrameId frame : wanted) {
         // An entry is a return address; the call that it belongs to ends one byte earlier.
         const std::uint64_t offset = frames.frame(frame).offset;
-        names[frame] = information.nameAt(offset == 0 ? 0 : offset - 1);
+        names[frame] = information->nameAt(offset == 0 ? 0 : offset - 1);
         result.named += names[frame].places.empty() ? 0 : 1;
         result.namedByDynamicSymbols += names[frame].source == NameSource::dynamicSymbols ? 1 : 0;
         progress->step();
     }
-    if (!information.hasLines()) {
-        result.missing = missingDebugInformation(found->identity);
-    } else if (result.named < result.frames) {
+    if (result.named < result.frames && result.missing.empty()) {
         result.missing = "its debug information does not cover them";
     }
 }

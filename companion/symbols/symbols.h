@@ -20,6 +20,7 @@
 
 namespace ThreadUtilities::companion {
 
+class DebugInformation;
 class ModuleFiles;
 class Progress;
 
@@ -89,7 +90,14 @@ class Symbols {
     bool isOfAnotherSystem() const;
 
  private:
-    void resolveModule(const FrameTable& frames, ModuleId module, std::vector<FrameId> wanted);
+    /// What is open of a module: a log asks for a few frames again and again.
+    struct OpenModule {
+        bool isSearched = false;
+        std::unique_ptr<DebugInformation> information;
+    };
+
+    DebugInformation* openModule(const Module& module, ModuleId id);
+    void resolveModule(const FrameTable& frames, ModuleId id, std::vector<FrameId> wanted);
     std::string_view keep(std::string text);
 
     SymbolOptions options;
@@ -99,6 +107,7 @@ class Symbols {
     std::vector<ModuleSymbols> modules;
     /// Does not move its texts.
     std::unordered_set<std::string> texts;
+    std::vector<OpenModule> openModules;
 };
 
 }  // namespace ThreadUtilities::companion
