@@ -39,6 +39,7 @@ std::string bar(std::uint64_t part, std::uint64_t whole, const Terminal& termina
     std::string text;
     std::size_t columns = eighths / 8;
     if (!terminal.hasUtf8) {
+        columns = (eighths + 4) / 8;
         text.assign(columns, '#');
     } else {
         for (std::size_t column = 0; column < columns; ++column) {

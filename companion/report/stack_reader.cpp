@@ -16,7 +16,6 @@ namespace {
 constexpr std::size_t linesAhead = 64;
 /// What can stand before a module's name in a log.
 constexpr std::string_view beforeNames = " \t\"'`([]<|=:,>";
-constexpr std::string_view blanks = " \t";
 
 /// The number of `[NUMBER][` at the front.
 std::optional<std::string_view> threadIdAtFront(std::string_view text) {
@@ -148,7 +147,7 @@ bool StackReader::readStacks() {
         // words end.
         std::string_view name = line.substr(done, tail->begin - done);
         const bool isNext = !stack.frames.empty() && !name.empty() &&
-                            blanks.find(name.front()) == std::string_view::npos;
+                            beforeNames.find(name.front()) == std::string_view::npos;
         if (!isNext) {
             const std::size_t last = name.find_last_of(beforeNames);
             const std::size_t nameBegin = last == std::string_view::npos ? 0 : last + 1;

@@ -9,6 +9,7 @@
 #include <libelf.h>
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 #include <utility>
 
@@ -258,12 +259,18 @@ void DebugInformation::readSymbols() {
         const int type = GELF_ST_TYPE(symbol.st_info);
         const bool isCode = type == STT_FUNC || type == STT_GNU_IFUNC || type == STT_NOTYPE;
         if (name != nullptr && name[0] != '\0' && isCode && section != SHN_UNDEF) {
-            symbols.push_back({address, address + symbol.st_size, name});
+            symbols.push_back({address, address + symbol.st_size, name,
+                               GELF_ST_BIND(symbol.st_info) != STB_LOCAL});
         }
     }
-    // Of several names for one place the one with a size, and of those the first, wins.
+    // Of several names for one place the one with a size wins, then one that others may call, then
+    // the shortest: those that a library adds for itself have more underscores.
     std::stable_sort(symbols.begin(), symbols.end(), [](const Symbol& left, const Symbol& right) {
-        return left.begin != right.begin ? left.begin < right.begin : left.end > right.end;
+        if (left.begin != right.begin || left.end != right.end) {
+            return left.begin != right.begin ? left.begin < right.begin : left.end > right.end;
+        }
+        return left.isGlobal != right.isGlobal ? left.isGlobal
+                                               : std::strlen(left.name) < std::strlen(right.name);
     });
     symbols.erase(std::unique(symbols.begin(), symbols.end(),
                               [](const Symbol& left, const Symbol& right) {
