@@ -259,7 +259,7 @@ void DebugInformation::readSymbols() {
         const int type = GELF_ST_TYPE(symbol.st_info);
         const bool isCode = type == STT_FUNC || type == STT_GNU_IFUNC || type == STT_NOTYPE;
         if (name != nullptr && name[0] != '\0' && isCode && section != SHN_UNDEF) {
-            symbols.push_back({address, address + symbol.st_size, name,
+            symbols.push_back({address, address + symbol.st_size, name, type != STT_NOTYPE,
                                GELF_ST_BIND(symbol.st_info) != STB_LOCAL});
         }
     }
@@ -269,6 +269,9 @@ void DebugInformation::readSymbols() {
         if (left.begin != right.begin || left.end != right.end) {
             return left.begin != right.begin ? left.begin < right.begin : left.end > right.end;
         }
+        if (left.isFunction != right.isFunction) {
+            return left.isFunction;
+        }
         return left.isGlobal != right.isGlobal ? left.isGlobal
                                                : std::strlen(left.name) < std::strlen(right.name);
     });
@@ -277,6 +280,12 @@ void DebugInformation::readSymbols() {
                                   return left.begin == right.begin;
                               }),
                   symbols.end());
+    // Marks inside of a function, as link-time optimisation leaves them, are none of their own.
+    std::uint64_t functionEnd = 0;
+    std::erase_if(symbols, [&](const Symbol& symbol) {
+        functionEnd = symbol.isFunction ? std::max(functionEnd, symbol.end) : functionEnd;
+        return !symbol.isFunction && symbol.begin < functionEnd;
+    });
     for (std::size_t index = 0; index < symbols.size(); ++index) {
         // Hand-written code often has no size; it goes on to the next symbol.
         if (symbols[index].end == symbols[index].begin && index + 1 < symbols.size()) {
@@ -323,16 +332,18 @@ std::string_view DebugInformation::fileName(Unit& unit, const char* name) {
     return known->second;
 }
 
-/// The linker's name has the whole of it, arguments and namespaces. Where a compiler leaves it out
-/// the symbols may have it, for the function that stands there itself (`symbolAddress` not 0).
+/// A mangled name has the whole of it, arguments and namespaces. Where there is none the symbols
+/// may have a better one for the function that stands there itself (`symbolAddress` not 0): that by
+/// which others call it.
 std::string_view DebugInformation::functionName(Dwarf_Die& die, std::uint64_t symbolAddress) {
     const char* name = text(die, DW_AT_linkage_name);
     if (name == nullptr) {
         name = text(die, DW_AT_MIPS_linkage_name);
     }
-    if (name == nullptr && symbolAddress != 0) {
+    const bool isMangled = name != nullptr && name[0] == '_' && (name[1] == 'Z' || name[1] == 'R');
+    if (!isMangled && symbolAddress != 0) {
         const Symbol* const symbol = symbolAt(symbolAddress);
-        name = symbol == nullptr ? nullptr : symbol->name;
+        name = symbol == nullptr ? name : symbol->name;
     }
     if (name == nullptr) {
         name = text(die, DW_AT_name);

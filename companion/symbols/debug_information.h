@@ -76,6 +76,7 @@ class DebugInformation {
         std::uint64_t begin = 0;
         std::uint64_t end = 0;
         const char* name = nullptr;
+        bool isFunction = false;
         bool isGlobal = false;
     };
 
