@@ -309,6 +309,8 @@ std::string_view DebugInformation::readable(const char* mangled) {
     const auto [known, isNew] = knownNames.try_emplace(mangled);
     if (isNew) {
         std::string name = demangle(mangled);
+        // A symbol's version.
+        name.erase(std::min(name.find('@'), name.size()));
         known->second = keep(isShort ? withoutTemplateArguments(name) : std::move(name));
     }
     return known->second;
