@@ -44,3 +44,7 @@ function(add_family name)
             $<TARGET_OBJECTS:thread_utilities_${name}>)
     endif()
 endfunction()
+
+# The program beside the library. Where a package is missing that it stands on, its folder says so
+# and leaves it out.
+option(THREAD_UTILITIES_COMPANION "Build the program thread-utilities" ${PROJECT_IS_TOP_LEVEL})

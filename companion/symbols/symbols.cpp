@@ -1,0 +1,190 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "symbols/symbols.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <utility>
+
+#include "symbols/debug_information.h"
+#include "symbols/module_files.h"
+#include "symbols/progress.h"
+
+namespace ThreadUtilities::companion {
+namespace {
+
+/// The module that the kernel puts into every process; it has no file.
+constexpr std::string_view kernelImage = "linux-vdso.so.1";
+
+bool isWindowsModule(std::string_view name) {
+    const std::size_t dot = name.rfind('.');
+    std::string ending(dot == std::string_view::npos ? std::string_view() : name.substr(dot));
+    std::transform(ending.begin(), ending.end(), ending.begin(),
+                   [](unsigned char character) { return std::tolower(character); });
+    return ending == ".dll" || ending == ".exe";
+}
+
+std::string plural(std::size_t count, std::string_view what) {
+    return std::to_string(count) + ' ' + std::string(what) + (count == 1 ? "" : "s");
+}
+
+bool hasServer() {
+    const char* const servers = std::getenv("DEBUGINFOD_URLS");
+    return servers != nullptr && servers[0] != '\0';
+}
+
+std::string missingFile(const Module& module) {
+    if (module.guid == nilGuid) {
+        return "it has no build-id (link it with --build-id)";
+    }
+    if (module.fileName == kernelImage) {
+        return "the kernel's own code has no file";
+    }
+    if (isWindowsModule(module.fileName)) {
+        return "a module of Windows: --symbols with the folder of the DLL or PDB " +
+               guidText(module.guid);
+    }
+    return "no file here has build-id " + buildIdText(module.guid) +
+           ": --symbols with its folder, or install its package" +
+           (hasServer() ? " (a server cannot be asked: the report has only the first 16 bytes)"
+                        : "");
+}
+
+std::string missingDebugInformation(const ElfIdentity& identity) {
+    return "stripped: install the debug package with build-id " + identity.text() +
+           (hasServer() ? " (the servers of DEBUGINFOD_URLS do not have it)"
+                        : ", or set DEBUGINFOD_URLS");
+}
+
+}  // namespace
+
+Symbols::Symbols(SymbolOptions symbolOptions)
+    : options(std::move(symbolOptions)),
+      files(std::make_unique<ModuleFiles>(options)),
+      progress(std::make_unique<Progress>()) {}
+
+Symbols::~Symbols() = default;
+
+std::string_view Symbols::keep(std::string text) {
+    return *texts.insert(std::move(text)).first;
+}
+
+void Symbols::resolve(const FrameTable& frames) {
+    std::vector<std::vector<FrameId>> wanted(frames.moduleCount());
+    const auto firstNew = static_cast<FrameId>(std::max<std::size_t>(names.size(), 1));
+    for (FrameId id = firstNew; id < frames.size(); ++id) {
+        wanted[frames.frame(id).module].push_back(id);
+    }
+    progress->add(frames.size() - std::min<std::size_t>(firstNew, frames.size()));
+    names.resize(frames.size());
+    modules.resize(frames.moduleCount());
+    openModules.resize(frames.moduleCount());
+    for (ModuleId module = 1; module < wanted.size(); ++module) {
+        if (!wanted[module].empty()) {
+            resolveModule(frames, module, std::move(wanted[module]));
+        }
+    }
+    progress->clear();
+}
+
+DebugInformation* Symbols::openModule(const Module& module, ModuleId id) {
+    OpenModule& open = openModules[id];
+    if (open.isSearched) {
+        return open.information.get();
+    }
+    open.isSearched = true;
+    ModuleSymbols& result = modules[id];
+    result.name = module.fileName;
+    const auto found = files->find(module);
+    if (!found) {
+        result.missing = missingFile(module);
+        return nullptr;
+    }
+    result.file = found->file;
+    open.information = std::make_unique<DebugInformation>(
+        found->file, options.folders, options.shortNames,
+        [this](std::string text) { return keep(std::move(text)); });
+    if (!open.information->isOpen()) {
+        result.missing = found->file.string() + " is damaged";
+        open.information.reset();
+        return nullptr;
+    }
+    result.debugFile = open.information->debugFile();
+    if (!open.information->hasLines()) {
+        result.missing = missingDebugInformation(found->identity);
+    }
+    return open.information.get();
+}
+
+void Symbols::resolveModule(const FrameTable& frames, ModuleId id, std::vector<FrameId> wanted) {
+    DebugInformation* const information = openModule(frames.module(id), id);
+    ModuleSymbols& result = modules[id];
+    result.frames += wanted.size();
+    if (information == nullptr) {
+        return;
+    }
+    // Neighbours share a unit and a function, which are read once.
+    std::sort(wanted.begin(), wanted.end(), [&](FrameId left, FrameId right) {
+        return frames.frame(left).offset < frames.frame(right).offset;
+    });
+    for (const FrameId frame : wanted) {
+        // An entry is a return address; the call that it belongs to ends one byte earlier.
+        const std::uint64_t offset = frames.frame(frame).offset;
+        names[frame] = information->nameAt(offset == 0 ? 0 : offset - 1);
+        result.named += names[frame].places.empty() ? 0 : 1;
+        result.namedByDynamicSymbols += names[frame].source == NameSource::dynamicSymbols ? 1 : 0;
+        progress->step();
+    }
+    if (result.named < result.frames && result.missing.empty()) {
+        result.missing = "its debug information does not cover them";
+    }
+}
+
+bool Symbols::isComplete() const {
+    return std::all_of(modules.begin(), modules.end(),
+                       [](const ModuleSymbols& module) { return module.named == module.frames; });
+}
+
+bool Symbols::isOfAnotherSystem() const {
+    const bool isNamed = std::any_of(modules.begin(), modules.end(),
+                                     [](const ModuleSymbols& module) { return module.named > 0; });
+    return !isNamed && std::any_of(modules.begin(), modules.end(), [](const ModuleSymbols& module) {
+        return isWindowsModule(module.name);
+    });
+}
+
+std::string Symbols::summary() const {
+    std::size_t frames = 0;
+    std::size_t named = 0;
+    std::size_t dynamic = 0;
+    std::size_t namedModules = 0;
+    std::string rest;
+    for (const ModuleSymbols& module : modules) {
+        frames += module.frames;
+        named += module.named;
+        dynamic += module.namedByDynamicSymbols;
+        namedModules += module.named > 0 ? 1 : 0;
+        if (!module.missing.empty()) {
+            rest += "  " + module.name + ": ";
+            if (module.named < module.frames) {
+                rest += std::to_string(module.frames - module.named) + " of " +
+                        plural(module.frames, "frame") + " without a name; ";
+            }
+            rest += module.missing + '\n';
+        }
+    }
+    std::string text = "named " + std::to_string(named) + " of " + plural(frames, "frame") +
+                       " from " + plural(namedModules, "module");
+    if (dynamic > 0) {
+        text += ", " + std::to_string(dynamic) + " of them by dynamic symbols only";
+    }
+    text += '\n' + rest;
+    for (const std::string& refusal : files->refused()) {
+        text += "  " + refusal + '\n';
+    }
+    return text;
+}
+
+}  // namespace ThreadUtilities::companion

@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+# SPDX-License-Identifier: MIT
+#
+# What the program thread-utilities does with what it cannot use: one clear line, exit status 2.
+#
+#   program_test.sh PROGRAM
+set -u
+program=$1
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+failures=0
+
+expect() {
+    local what=$1 status=$2 pattern=$3
+    shift 3
+    "$@" >"$scratch/out" 2>"$scratch/err" </dev/null
+    local got=$?
+    if [[ $got -ne $status ]] || ! grep -q -- "$pattern" "$scratch/err"; then
+        echo "$what: status $got, not $status, or no \"$pattern\" in:" >&2
+        cat "$scratch/err" >&2
+        failures=1
+    fi
+}
+
+frame='a+0x1{00000000-0000-0000-0000-000000000000};'
+head=$'Total sample count: 1\nParallelism: 1\n\nThread 7 [1]: x\n'
+printf '%s  [1]: %s\n\n' "$head" "$frame" >"$scratch/whole"
+printf '%s  [1]: %s\n' "$head" "$frame" >"$scratch/half"
+printf '[7][x]%s\n' "${frame/a+/A.DLL+}" >"$scratch/windows"
+echo 'a log' >"$scratch/log"
+
+expect "no file" 2 'No such file' "$program" read "$scratch/none"
+expect "a folder" 2 'folder' "$program" read "$scratch"
+expect "no report" 2 'no report' "$program" read "$scratch/log"
+expect "half a file" 2 'line 6' "$program" read "$scratch/half"
+expect "another system" 2 'a report of Windows' "$program" read "$scratch/windows"
+expect "no id" 1 'no build-id' "$program" read "$scratch/whole"
+expect "no such option" 2 'nonsense' "$program" read --nonsense
+expect "full disk" 2 'No space left' bash -c '"$0" read "$1" >/dev/full' "$program" "$scratch/whole"
+# A filter: what is no report comes out as it went in.
+"$program" read "$scratch/log" 2>/dev/null | cmp - "$scratch/log" || failures=1
+exit "$failures"

@@ -1,0 +1,83 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "read/report_text.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "companion/read_text.h"
+#include "symbols/function_names.h"
+
+namespace ThreadUtilities::companion {
+namespace {
+
+const std::string noId = "{00000000-0000-0000-0000-000000000000};";
+
+TEST(ReportText, ShowsTheTreeWithItsHotPathAndWhatIsLeftOut) {
+    const Pieces pieces(
+        "Total sample count: 1000\nParallelism: 1\n\nThread 7 [1000]: u\ni\n"
+        "  [990]: main+0x1" +
+        noId + "\n   [600]: f+0x2" + noId + "\n    [250]: main+0x1" + noId + "\n   [300]: g+0x3" +
+        noId + "\n   [9]: h+0x4" + noId + "\n\n");
+    Symbols symbols({});
+    symbols.resolve(pieces.document.frames);
+    EXPECT_EQ(
+        profileText(pieces.document.profiles.at(0), pieces.document.frames, symbols, {}, false),
+        R"(Profile: 1000 samples of 1 thread, parallelism 1
+
+Thread 7 u\ni: 1000 samples
+>  99.0 %     990 ######## main+0x1
+>  60.0 %     600 #####     f+0x2
+   25.0 %     250 ###       main+0x1
+   30.0 %     300 ##        g+0x3
+    1.0 %      10          (no stack could be taken)
+  1 call below 1 % not shown (--all)
+
+Heaviest functions by own time
+   35.0 %     350 ###      f+0x2
+   33.1 %     331 ###      main+0x1
+   30.0 %     300 ##       g+0x3
+    0.9 %       9          h+0x4
+
+Heaviest functions by total time
+   99.0 %     990 ######## main+0x1
+   60.0 %     600 #####    f+0x2
+   30.0 %     300 ##       g+0x3
+    0.9 %       9          h+0x4
+
+)");
+}
+
+TEST(ReportText, PutsThreadsWithEqualStacksTogether) {
+    std::string report = "[1][main]a+0x1" + noId + "\n";
+    for (const char* const name : {"worker 10", "worker 9", "io", "worker 11", "", "io", "w07"}) {
+        report += "[5][" + std::string(name) + "]b+0x1" + noId + "b+0x2" + noId + "\n";
+    }
+    const Pieces pieces(report);
+    Symbols symbols({});
+    symbols.resolve(pieces.document.frames);
+    const std::string text =
+        threadsText(pieces.document.threadReports.at(0), pieces.document.frames, symbols, {});
+    EXPECT_EQ(text.substr(0, text.find('\n')),
+              "7 threads: (no name), io (2 times), w07, worker 9 to worker 11");
+    EXPECT_NE(text.find("\nThread 1: main\n    a+0x1{0000"), std::string::npos) << text;
+}
+
+TEST(ReportText, LeavesTemplateArgumentsOutOfNames) {
+    const std::vector<std::pair<const char*, const char*>> names = {
+        {"std::map<int, std::vector<int> >::find(int const&)", "std::map::find(int const&)"},
+        {"bool operator< <int>(A<int>, A<int>)", "bool operator< (A, A)"},
+        {"A<1>::operator->() const", "A::operator->() const"},
+        {"my_operator<int>(int)", "my_operator(int)"},
+        {"std::ostream& operator<< <char>(int)", "std::ostream& operator<< (int)"},
+        {"f<(a < b)>()", "f<(a < b)>()"}};
+    for (const auto& [name, expected] : names) {
+        EXPECT_EQ(withoutTemplateArguments(name), expected);
+    }
+}
+
+}  // namespace
+}  // namespace ThreadUtilities::companion
