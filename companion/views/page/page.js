@@ -73,6 +73,14 @@ function boxLabel(func, room) {
     return text.length <= room ? text : `${text.slice(0, room - 1)}…`;
 }
 
+/** In tables the whole name is for those who point at it, where it is long. */
+function nameCell(func) {
+    const whole = functionName(func);
+    const cell = element('td', 'function', func >= 0 && whole.length > 60 ? shortName(func) : whole);
+    cell.title = whole;
+    return cell;
+}
+
 /** What changed, in points of a hundred, and twice its standard error. */
 function changeOf(before, after) {
     const sides = [[before, data.before.samples], [after, data.after.samples]];
@@ -108,7 +116,10 @@ function describe(tree, node) {
     words.textContent = '';
     words.append(element('b', '', functionName(func)));
     const total = tree.total[node];
-    let text = ` – ${samplesText(total)}, ${percent(total, whole)} of ${threadLabel()}`;
+    let text = ` – ${samplesText(total)}`;
+    if (func >= 0) {
+        text += `, ${percent(total, whole)} of ${threadLabel()}`;
+    }
     if (tree.parent[node] >= 0 && tree.func[tree.parent[node]] >= 0) {
         text += `, ${percent(total, tree.total[tree.parent[node]])} of its neighbour towards the root`;
     }
@@ -217,7 +228,7 @@ function drawLegend() {
     const shown = [...own].filter(([, weight]) => weight > 0).sort((a, b) => b[1] - a[1]).slice(0, 4);
     for (const [module, weight] of shown) {
         add(moduleColor(module, 0),
-            `${data.modules[module] || '(unknown)'} ${percent(weight, state.tree.total[0])}`);
+            `${data.modules[module] || '(unknown)'} ${percent(weight, state.tree.total[0])} own`);
     }
 }
 
@@ -270,14 +281,14 @@ function callRow(node, isOpen) {
     row.tabIndex = -1;
     row.setAttribute('role', 'row');
     row.setAttribute('aria-level', tree.depth[node] + 1);
-    const name = element('td', 'function');
+    const name = nameCell(func);
     name.style.paddingLeft = `${8 + Math.min(tree.depth[node], 40) * 14}px`;
     if (hasChildren) {
         row.setAttribute('aria-expanded', isOpen);
     }
     const twist = element('span', 'twist', hasChildren ? (isOpen ? '▾' : '▸') : '');
     twist.setAttribute('aria-hidden', 'true');
-    name.append(twist, functionName(func));
+    name.prepend(twist);
     row.append(shareCell(tree.total[node], tree.total[0]), shareCell(own, tree.total[0]),
         changeCell(tree.before?.[node], tree.after?.[node]), name,
         element('td', 'place', placeText(func, tree.line[node])));
@@ -334,6 +345,7 @@ function fillCalls() {
     if (state.tree.size > 1) {
         openRow(first);
     }
+    describe(state.tree, 0);
 }
 
 function functionRow(func, withPlace) {
@@ -345,7 +357,7 @@ function functionRow(func, withPlace) {
     if (withPlace) {
         row.append(changeCell(weights.before[func], weights.after[func]));
     }
-    row.append(element('td', 'function', functions[func].name));
+    row.append(nameCell(func));
     if (withPlace) {
         row.append(element('td', 'place', placeText(func, 0)));
     }
@@ -395,7 +407,7 @@ function fillSandwich() {
             return row;
         }));
     if (state.pivot >= 0) {
-        document.querySelector('#sandwich .function').textContent = functionName(state.pivot);
+        byId('pivot-name').textContent = functionName(state.pivot);
         callers.show(withWidths(callersOf(state.tree, state.pivot, functions.length)));
         callees.show(withWidths(calleesOf(state.tree, state.pivot, functions.length)));
         describe(callees.tree, Math.min(1, callees.tree.size - 1));
@@ -428,6 +440,9 @@ function showView(view) {
         const isShown = tab.dataset.view === view;
         tab.setAttribute('aria-selected', isShown);
         tab.tabIndex = isShown ? 0 : -1;
+        if (isShown) {
+            tab.scrollIntoView({block: 'nearest', inline: 'nearest'});
+        }
     }
     const panel = view === 'flame' || view === 'icicle' ? 'graph' : view;
     for (const section of document.querySelectorAll('main section')) {
