@@ -1,11 +1,15 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <iostream>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -31,6 +35,27 @@ std::string printable(std::string_view text) {
     return result;
 }
 
+/// Names may be long; without a terminal there is no limit.
+std::size_t lineWidth() {
+    winsize size = {};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0
+               ? size.ws_col
+               : std::numeric_limits<std::size_t>::max();
+}
+
+/// Cuts text behind a character, not in it.
+std::string cut(std::string text, std::size_t width) {
+    constexpr std::string_view ellipsis = "...";
+    if (text.size() > width && width > ellipsis.size()) {
+        std::size_t end = width - ellipsis.size();
+        while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80) {
+            --end;
+        }
+        text.replace(end, std::string::npos, ellipsis);
+    }
+    return text;
+}
+
 std::string line(const Change& change, const Function& function) {
     std::array<char, 96> numbers;
     const int length =
@@ -47,7 +72,7 @@ class TextWriter {
  public:
     TextWriter(Difference& wholeDifference, bool all) : difference(wholeDifference), showAll(all) {}
 
-    void write(std::string_view heading, Counts Difference::Weight::*counts) {
+    void write(std::string_view heading, Counts Difference::Weight::* counts) {
         std::vector<std::pair<Change, FunctionId>> gained;
         std::vector<std::pair<Change, FunctionId>> lost;
         std::size_t noiseCount = 0;
@@ -81,7 +106,7 @@ class TextWriter {
         const std::size_t shown = showAll ? list.size() : std::min(list.size(), mostLines);
         for (std::size_t index = 0; index < shown; ++index) {
             const auto& [change, function] = list[index];
-            std::cout << "  " << line(change, difference.functions()[function]) << '\n';
+            std::cout << cut("  " + line(change, difference.functions()[function]), width) << '\n';
         }
         if (shown < list.size()) {
             std::cout << "          ... and " << list.size() - shown << " more\n";
@@ -90,15 +115,17 @@ class TextWriter {
 
     Difference& difference;
     bool showAll;
+    std::size_t width = lineWidth();
     std::vector<Difference::Weight> weights = difference.weights();
 };
 
 void writeText(Difference& difference, const Source& before, const Source& after, bool all) {
-    std::cout << "Before: " << before.title() << ", " << countText(before.samples(), "sample")
-              << "\nAfter:  " << after.title() << ", " << countText(after.samples(), "sample")
-              << "\nShares are of each side's samples, as if both had equally many. The uncertainty "
-                 "is twice\nthe binomial standard error, for samples that do not depend on each "
-                 "other: chance\nalone exceeds it for about one function in twenty.\n";
+    std::cout
+        << "Before: " << before.title() << ", " << countText(before.samples(), "sample")
+        << "\nAfter:  " << after.title() << ", " << countText(after.samples(), "sample")
+        << "\nShares are of each side's samples, as if both had equally many. The uncertainty "
+           "is twice\nthe binomial standard error, for samples that do not depend on each "
+           "other: chance\nalone exceeds it for about one function in twenty.\n";
     TextWriter text(difference, all);
     text.write("Own time, functions that gained, then those that lost:", &Difference::Weight::self);
     text.write("Total time, with all that a function calls:", &Difference::Weight::total);

@@ -26,9 +26,7 @@ Change changeOf(const Counts& counts, const Counts& samples) {
 }
 
 Difference::Difference(Source& before, Source& after)
-    : beforeSource(before),
-      afterSource(after),
-      sampleCounts{before.samples(), after.samples()} {}
+    : beforeSource(before), afterSource(after), sampleCounts{before.samples(), after.samples()} {}
 
 FunctionId Difference::intern(const Function& function) {
     const auto [known, isNew] = functionIds.try_emplace(
@@ -41,7 +39,7 @@ FunctionId Difference::intern(const Function& function) {
 
 std::vector<Difference::Weight> Difference::weights() {
     std::unordered_map<FunctionId, Weight> found;
-    const auto addSide = [&](Source& source, std::uint64_t Counts::*side) {
+    const auto addSide = [&](Source& source, std::uint64_t Counts::* side) {
         for (const ThreadProfile& thread : source.threads()) {
             for (const FunctionWeight& weight : weightsOf(source.functions().treeOf(thread))) {
                 const FunctionId id = intern(source.functions().function(weight.function));
@@ -66,7 +64,7 @@ std::vector<Difference::Weight> Difference::weights() {
 }
 
 void Difference::add(CommonTree& common, Source& source, const FunctionTree& tree,
-                     std::uint64_t Counts::*side) {
+                     std::uint64_t Counts::* side) {
     std::vector<std::uint32_t> ids(tree.size(), 0);
     common.nodes[0].self.*side += tree[0].self;
     for (std::uint32_t index = 1; index < tree.size(); ++index) {
@@ -87,7 +85,7 @@ void Difference::add(CommonTree& common, Source& source, const FunctionTree& tre
 
 std::map<std::string, Difference::CommonTree> Difference::build() {
     std::map<std::string, CommonTree> trees;
-    const auto addSide = [&](Source& source, std::uint64_t Counts::*side) {
+    const auto addSide = [&](Source& source, std::uint64_t Counts::* side) {
         for (const ThreadProfile& thread : source.threads()) {
             // The id of a thread without a name says nothing about the other run's.
             add(trees[thread.name.empty() ? "threads without a name" : thread.name], source,
@@ -100,10 +98,9 @@ std::map<std::string, Difference::CommonTree> Difference::build() {
 }
 
 PageTree Difference::pageTree(const CommonTree& common) const {
-    const double scale = sampleCounts.before == 0
-                             ? 0
-                             : static_cast<double>(sampleCounts.after) /
-                                   static_cast<double>(sampleCounts.before);
+    const double scale = sampleCounts.before == 0 ? 0
+                                                  : static_cast<double>(sampleCounts.after) /
+                                                        static_cast<double>(sampleCounts.before);
     PageTree result;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> open{{0, 0}};
     while (!open.empty()) {

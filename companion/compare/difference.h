@@ -74,7 +74,7 @@ class Difference {
 
     FunctionId intern(const Function& function);
     void add(CommonTree& common, Source& source, const FunctionTree& tree,
-             std::uint64_t Counts::*side);
+             std::uint64_t Counts::* side);
     std::map<std::string, CommonTree> build();
     PageTree pageTree(const CommonTree& common) const;
 

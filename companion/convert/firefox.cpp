@@ -98,9 +98,8 @@ class ThreadWriter {
             }
         }
         output << R"(,"samples":{"weightType":"samples",)";
-        column("stack", ends.size(), [&](std::size_t at) {
-            ends[at] == 0 ? output << "null" : output << ends[at] - 1;
-        });
+        column("stack", ends.size(),
+               [&](std::size_t at) { ends[at] == 0 ? output << "null" : output << ends[at] - 1; });
         std::uint64_t time = 0;
         column("time", ends.size(), [&](std::size_t at) {
             output << time;
@@ -125,9 +124,8 @@ class ThreadWriter {
         same("inlineDepth", count, "0");
         same("category", count, "0");
         same("subcategory", count, "0");
-        column("func", count, [&](std::size_t at) {
-            output << tables.functionNumbers.at(tree[at + 1].function);
-        });
+        column("func", count,
+               [&](std::size_t at) { output << tables.functionNumbers.at(tree[at + 1].function); });
         same("nativeSymbol", count, "null");
         same("innerWindowID", count, "0");
         same("implementation", count, "null");

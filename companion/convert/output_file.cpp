@@ -17,8 +17,8 @@ namespace ThreadUtilities::companion {
 namespace {
 
 [[noreturn]] void fail(const std::filesystem::path& path, int error) {
-    throw std::runtime_error(path.string() + ": cannot be written: " +
-                             std::generic_category().message(error));
+    throw std::runtime_error(path.string() +
+                             ": cannot be written: " + std::generic_category().message(error));
 }
 
 }  // namespace

@@ -136,8 +136,8 @@ class PprofWriter {
         std::uint64_t start = firstRange;
         for (ModuleId id = 1; id < frames.moduleCount(); ++id) {
             constexpr std::uint64_t highest = std::numeric_limits<std::uint64_t>::max() / 2;
-            const std::uint64_t size = (std::min(ends[id], highest) / rangeAlignment + 1) *
-                                       rangeAlignment;
+            const std::uint64_t size =
+                (std::min(ends[id], highest) / rangeAlignment + 1) * rangeAlignment;
             // Offsets that no module can have must not overlap with the ranges of others.
             starts[id] = start < highest ? start : 0;
             message(profile_field::mapping, [&](protozero::pbf_writer& mapping) {

@@ -25,6 +25,7 @@ void addStack(ThreadProfile& thread, const std::vector<FrameId>& frames) {
 /// Empties the document's profiles: they may be large.
 std::vector<ThreadProfile> takeThreads(Document& document) {
     std::vector<ThreadProfile> threads;
+    const bool isProfile = !document.profiles.empty();
     const bool isOne = document.profiles.size() == 1;
     for (std::size_t number = 0; number < document.profiles.size(); ++number) {
         for (ThreadProfile& thread : document.profiles[number].threads) {
@@ -35,7 +36,10 @@ std::vector<ThreadProfile> takeThreads(Document& document) {
             }
         }
     }
-    document.profiles.clear();
+    if (isProfile) {
+        document.profiles.clear();
+        return threads;
+    }
     for (const ThreadReport& report : document.threadReports) {
         for (const ThreadStack& stack : report.threads) {
             ThreadProfile& thread = threads.emplace_back();
@@ -63,6 +67,8 @@ std::string titleOf(const std::filesystem::path& file) {
 Source::Source(const std::filesystem::path& file, const SymbolOptions& symbolOptions)
     : document(readDocument(file)),
       name(titleOf(file)),
+      leftOut(document.profiles.empty() ? 0
+                                        : document.threadReports.size() + document.stacks.size()),
       threadProfiles(takeThreads(document)),
       names(symbolOptions),
       functionTable((names.resolve(document.frames), document.frames), names) {
@@ -76,6 +82,10 @@ Source::Source(const std::filesystem::path& file, const SymbolOptions& symbolOpt
 }
 
 int Source::finish() const {
+    if (leftOut > 0) {
+        std::cerr << "thread-utilities: " << name << ": only its profiles are shown, not its "
+                  << leftOut << " other texts of stacks\n";
+    }
     const std::string summary = names.summary();
     std::cerr << summary << (summary.ends_with('\n') ? "" : "\n");
     return names.isComplete() ? exitComplete : exitPartial;

@@ -6,6 +6,7 @@
 /// \file
 /// What a conversion begins with: stacks with weights, thread by thread, and their names.
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -22,15 +23,16 @@ namespace ThreadUtilities::companion {
 
 class Source {
  public:
-    /// Throws InputError, as readDocument. Complaints go to the error stream.
+    /// Throws InputError, as readDocument. Complaints, and what is left out, go to the error
+    /// stream.
     Source(const std::filesystem::path& file, const SymbolOptions& symbolOptions);
     Source(const Source&) = delete;
     Source& operator=(const Source&) = delete;
 
     /// The file's name, for headings.
     const std::string& title() const { return name; }
-    /// A thread's stack in a report of all threads counts as one sample, and so does a single
-    /// stack. Threads of several profiles stand one behind the other.
+    /// Of the profiles, one behind the other. Where there is none, a thread's stack in a report of
+    /// all threads counts as one sample, and so does a single stack.
     const std::vector<ThreadProfile>& threads() const { return threadProfiles; }
     std::uint64_t samples() const { return sampleCount; }
     const FrameTable& frames() const { return document.frames; }
@@ -43,6 +45,7 @@ class Source {
  private:
     Document document;
     std::string name;
+    std::size_t leftOut = 0;
     std::vector<ThreadProfile> threadProfiles;
     std::uint64_t sampleCount = 0;
     Symbols names;

@@ -22,8 +22,7 @@ class TextList {
         return known->second;
     }
     void write(std::ostream& output) const {
-        writeJsonArray(output, texts,
-                       [&](std::string_view text) { output << jsonString(text); });
+        writeJsonArray(output, texts, [&](std::string_view text) { output << jsonString(text); });
     }
 
  private:

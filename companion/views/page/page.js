@@ -50,17 +50,23 @@ function placeText(func, line) {
 function shortName(func) {
     const entry = functions[func];
     if (entry.short === null) {
+        // Brackets that are none: those of an operator, and of a namespace without a name.
+        const kept = [];
+        const keep = (text) => `\u0001${String.fromCharCode(0xE000 + kept.push(text) - 1)}`;
+        const name = entry.name.replace(/ \[[^\]]*\]$/, '').replace(/\(anonymous namespace\)/g, keep)
+            .replace(/\boperator(\(\)|<=>|<<=?|>>=?|->\*?|<=|>=|<|>| [\w:]+)/g, keep);
         let depth = 0;
         let text = '';
-        for (const letter of entry.name.replace(/ \[.*\]$/, '').replace(/\(anonymous namespace\)/g, '{anonymous}')) {
-            depth -= letter === ')' || (letter === '>' && depth > 0) ? 1 : 0;
-            if (depth <= 0 && letter !== ')' && letter !== '>') {
-                text += letter;
-            }
-            depth += letter === '(' || letter === '<' ? 1 : 0;
+        for (const letter of name) {
+            const opens = letter === '(' || letter === '<';
+            const closes = letter === ')' || letter === '>';
+            text += depth === 0 && !opens && !closes ? letter : '';
+            depth = Math.max(depth + (opens ? 1 : 0) - (closes ? 1 : 0), 0);
         }
-        text = text.replace(/[(<]/g, '').replace(/( const| noexcept|&+)+$/, '');
-        entry.short = /operator/.test(entry.name) || !text ? entry.name : text.split(' ').at(-1);
+        // A return type stands before the last space.
+        text = text.replace(/( const| noexcept| ?&+)+$/, '').trim().split(' ').at(-1);
+        text = text.replace(/\u0001(.)/g, (_, sign) => kept[sign.charCodeAt(0) - 0xE000]);
+        entry.short = text || entry.name;
     }
     return entry.short;
 }
@@ -77,6 +83,13 @@ function boxLabel(func, room) {
 function nameCell(func) {
     const whole = functionName(func);
     const cell = element('td', 'function', func >= 0 && whole.length > 60 ? shortName(func) : whole);
+    cell.title = whole;
+    return cell;
+}
+
+function placeCell(func, line) {
+    const whole = placeText(func, line);
+    const cell = element('td', 'place', whole.replace(/^\S*\//, ''));
     cell.title = whole;
     return cell;
 }
@@ -128,7 +141,7 @@ function describe(tree, node) {
         text += own > 1e-6 ? `; own ${samplesText(own)} (${percent(own, whole)})` : '; none of its own';
     }
     words.append(text);
-    if (isDifference) {
+    if (isDifference && (func >= 0 || state.thread >= 0)) {
         const change = changeOf(tree.before[node], tree.after[node]);
         words.append('. Before ', percent(tree.before[node], state.whole), ', after ',
             percent(tree.after[node], state.whole), ': ',
@@ -291,7 +304,7 @@ function callRow(node, isOpen) {
     name.prepend(twist);
     row.append(shareCell(tree.total[node], tree.total[0]), shareCell(own, tree.total[0]),
         changeCell(tree.before?.[node], tree.after?.[node]), name,
-        element('td', 'place', placeText(func, tree.line[node])));
+        placeCell(func, tree.line[node]));
     for (const cell of row.children) {
         cell.setAttribute('role', 'gridcell');
     }
@@ -359,7 +372,7 @@ function functionRow(func, withPlace) {
     }
     row.append(nameCell(func));
     if (withPlace) {
-        row.append(element('td', 'place', placeText(func, 0)));
+        row.append(placeCell(func, 0));
     }
     return row;
 }
