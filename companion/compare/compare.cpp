@@ -1,15 +1,11 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <iostream>
-#include <limits>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -19,6 +15,7 @@
 #include "compare/difference.h"
 #include "convert/output_file.h"
 #include "convert/source.h"
+#include "support/terminal.h"
 #include "views/page.h"
 
 namespace ThreadUtilities::companion {
@@ -26,46 +23,18 @@ namespace {
 
 constexpr std::size_t mostLines = 10;
 
-/// A thread's name and what else comes from a report may hold anything.
-std::string printable(std::string_view text) {
-    std::string result(text);
-    std::replace_if(
-        result.begin(), result.end(),
-        [](unsigned char character) { return character < 0x20 || character == 0x7F; }, '?');
-    return result;
-}
-
-/// Names may be long; without a terminal there is no limit.
-std::size_t lineWidth() {
-    winsize size = {};
-    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0
-               ? size.ws_col
-               : std::numeric_limits<std::size_t>::max();
-}
-
-/// Cuts text behind a character, not in it.
-std::string cut(std::string text, std::size_t width) {
-    constexpr std::string_view ellipsis = "...";
-    if (text.size() > width && width > ellipsis.size()) {
-        std::size_t end = width - ellipsis.size();
-        while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80) {
-            --end;
-        }
-        text.replace(end, std::string::npos, ellipsis);
-    }
-    return text;
-}
-
-std::string line(const Change& change, const Function& function) {
-    std::array<char, 96> numbers;
+std::string numbers(const Change& change) {
+    std::array<char, 96> room;
     const int length =
-        std::snprintf(numbers.data(), numbers.size(), "%+7.2f ± %-5.2f %7.2f %% %7.2f %%  ",
+        std::snprintf(room.data(), room.size(), "  %+7.2f ± %-5.2f %7.2f %% %7.2f %%  ",
                       change.points, change.margin, change.before, change.after);
-    return std::string(numbers.data(), static_cast<std::size_t>(length)) +
-           printable(function.name) +
-           (function.module.empty() || function.source == NameSource::none
-                ? std::string()
-                : " (" + printable(function.module) + ')');
+    return {room.data(), static_cast<std::size_t>(length)};
+}
+
+std::string nameOf(const Function& function) {
+    return printable(function.name) + (function.module.empty() || function.source == NameSource::none
+                                           ? std::string()
+                                           : " (" + printable(function.module) + ')');
 }
 
 class TextWriter {
@@ -106,7 +75,13 @@ class TextWriter {
         const std::size_t shown = showAll ? list.size() : std::min(list.size(), mostLines);
         for (std::size_t index = 0; index < shown; ++index) {
             const auto& [change, function] = list[index];
-            std::cout << cut("  " + line(change, difference.functions()[function]), width) << '\n';
+            const std::string front = numbers(change);
+            std::string name = nameOf(difference.functions()[function]);
+            const std::size_t used = columnsOf(front);
+            if (terminal.width > used) {
+                name = shortened(name, terminal.width - used);
+            }
+            std::cout << front << name << '\n';
         }
         if (shown < list.size()) {
             std::cout << "          ... and " << list.size() - shown << " more\n";
@@ -115,7 +90,7 @@ class TextWriter {
 
     Difference& difference;
     bool showAll;
-    std::size_t width = lineWidth();
+    Terminal terminal = Terminal::ofOutput();
     std::vector<Difference::Weight> weights = difference.weights();
 };
 

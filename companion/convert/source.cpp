@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "commands.h"
+#include "support/complaints.h"
 
 namespace ThreadUtilities::companion {
 namespace {
@@ -75,9 +76,9 @@ Source::Source(const std::filesystem::path& file, const SymbolOptions& symbolOpt
     for (const ThreadProfile& thread : threadProfiles) {
         sampleCount += thread.samples;
     }
+    ComplaintLog log(name);
     for (const Complaint& complaint : document.complaints) {
-        std::cerr << "thread-utilities: " << name << ": line " << complaint.line << ": "
-                  << complaint.what << '\n';
+        log.write(complaint);
     }
 }
 
@@ -86,9 +87,11 @@ int Source::finish() const {
         std::cerr << "thread-utilities: " << name << ": only its profiles are shown, not its "
                   << leftOut << " other texts of stacks\n";
     }
-    const std::string summary = names.summary();
-    std::cerr << summary << (summary.ends_with('\n') ? "" : "\n");
-    return names.isComplete() ? exitComplete : exitPartial;
+    std::cerr << "thread-utilities: " << names.summary();
+    if (names.isOfAnotherSystem()) {
+        throw InputError(name + ": a report of Windows, for whose modules no symbols are here");
+    }
+    return names.isComplete() && document.complaints.empty() ? exitComplete : exitPartial;
 }
 
 std::string threadLabel(const ThreadProfile& thread) {

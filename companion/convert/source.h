@@ -39,7 +39,8 @@ class Source {
     const Symbols& symbols() const { return names; }
     FunctionTable& functions() { return functionTable; }
 
-    /// Says on the error stream what has no name. The exit status.
+    /// At the end: says on the error stream what has no name. The exit status; throws InputError
+    /// for a report of another system, none of whose frames has a name.
     int finish() const;
 
  private:

@@ -23,8 +23,9 @@ const weightOf = (matches) => stacks.filter(({frames}) => matches(frames))
 const number = (value) => new Intl.NumberFormat('en').format(value);
 
 function run(...words) {
-    const {status, stderr} = spawnSync(program, words, {encoding: 'utf8'});
+    const {status, stdout, stderr} = spawnSync(program, words, {encoding: 'utf8'});
     assert.equal(status, 1, stderr);  // frames without names
+    return stdout;
 }
 
 let session;
@@ -153,6 +154,14 @@ test('compares', async () => {
     const [head, , rest] = report.text.split(/^(?=Thread 10[01])/m);
     const samples = report.samples - report.threads[0].samples;
     fs.writeFileSync(less, head.replace(/count: \d+/, `count: ${samples}`) + rest);
+    // Every sample of the first thread is below one of its outermost functions.
+    const lines = run('compare', less, input, '--all').split(/^Total time.*$/m)[1]
+        .split('\n').filter((line) => line.includes('root 0.so'));
+    const gains = lines.map((line) => Number(line.trim().split(' ')[0]));
+    const gain = gains.reduce((sum, points) => sum + points, 0);
+    const share = 100 * report.threads[0].samples / report.samples;
+    assert.ok(Math.abs(gain - share) < 0.005 * lines.length, `${gain} points, not ${share}`);
+    assert.ok(lines.every((line) => line.includes(' 0.00 % ')), lines.join('\n'));
     run('compare', less, input, '--html', picture);
     const {browser, page, complaints} = await open(`file://${picture}`);
     await page.click('[data-view=functions]');

@@ -2,8 +2,8 @@
 // SPDX-License-Identifier: MIT
 
 // Call trees in flat arrays. Nodes stand in preorder, node 0 is the root; `end` is the first node
-// behind a subtree. A picture of a difference has two weights for each node: `total` is the one that
-// is drawn, `before` and `after` are what is compared.
+// behind a subtree. A picture of a difference has two weights for each node: `total` is the one
+// that is drawn, `before` and `after` are what is compared.
 
 class Tree {
     constructor(nodes) {

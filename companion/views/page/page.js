@@ -53,7 +53,8 @@ function shortName(func) {
         // Brackets that are none: those of an operator, and of a namespace without a name.
         const kept = [];
         const keep = (text) => `\u0001${String.fromCharCode(0xE000 + kept.push(text) - 1)}`;
-        const name = entry.name.replace(/ \[[^\]]*\]$/, '').replace(/\(anonymous namespace\)/g, keep)
+        const name = entry.name.replace(/ \[[^\]]*\]$/, '')
+            .replace(/\(anonymous namespace\)/g, keep)
             .replace(/\boperator(\(\)|<=>|<<=?|>>=?|->\*?|<=|>=|<|>| [\w:]+)/g, keep);
         let depth = 0;
         let text = '';
@@ -82,7 +83,8 @@ function boxLabel(func, room) {
 /** In tables the whole name is for those who point at it, where it is long. */
 function nameCell(func) {
     const whole = functionName(func);
-    const cell = element('td', 'function', func >= 0 && whole.length > 60 ? shortName(func) : whole);
+    const isLong = func >= 0 && whole.length > 60;
+    const cell = element('td', 'function', isLong ? shortName(func) : whole);
     cell.title = whole;
     return cell;
 }
@@ -134,11 +136,13 @@ function describe(tree, node) {
         text += `, ${percent(total, whole)} of ${threadLabel()}`;
     }
     if (tree.parent[node] >= 0 && tree.func[tree.parent[node]] >= 0) {
-        text += `, ${percent(total, tree.total[tree.parent[node]])} of its neighbour towards the root`;
+        text += `, ${percent(total, tree.total[tree.parent[node]])} of ` +
+            (tree === callers.tree ? 'the function it calls' : 'its caller');
     }
     const own = tree.children(node).reduce((left, child) => left - tree.total[child], total);
     if (tree === state.tree) {
-        text += own > 1e-6 ? `; own ${samplesText(own)} (${percent(own, whole)})` : '; none of its own';
+        text += own > 1e-6
+            ? `; own ${samplesText(own)} (${percent(own, whole)})` : '; none of its own';
     }
     words.append(text);
     if (isDifference && (func >= 0 || state.thread >= 0)) {
@@ -238,7 +242,8 @@ function drawLegend() {
     functions.forEach(({module_id}, func) => {
         own.set(module_id, (own.get(module_id) ?? 0) + state.weights.self[func]);
     });
-    const shown = [...own].filter(([, weight]) => weight > 0).sort((a, b) => b[1] - a[1]).slice(0, 4);
+    const shown = [...own].filter(([, weight]) => weight > 0)
+        .sort((a, b) => b[1] - a[1]).slice(0, 4);
     for (const [module, weight] of shown) {
         add(moduleColor(module, 0),
             `${data.modules[module] || '(unknown)'} ${percent(weight, state.tree.total[0])} own`);
@@ -255,8 +260,10 @@ const on = {
 const graph = new Picture(document.querySelector('#graph .scroller'),
     {rootAtBottom: true, look, on});
 const sideOn = {select: on.select, hover: on.hover};
-const callers = new Picture(byId('callers'), {rootAtBottom: true, skipRoot: true, look, on: sideOn});
-const callees = new Picture(byId('callees'), {rootAtBottom: false, skipRoot: true, look, on: sideOn});
+const callers = new Picture(byId('callers'),
+    {rootAtBottom: true, skipRoot: true, look, on: sideOn});
+const callees = new Picture(byId('callees'),
+    {rootAtBottom: false, skipRoot: true, look, on: sideOn});
 
 function redraw() {
     for (const picture of [graph, callers, callees]) {
@@ -311,8 +318,8 @@ function callRow(node, isOpen) {
     return row;
 }
 
-/** Rows of the children, and of theirs as long as one child has nearly all. */
-function openRow(row) {
+/** Rows of the children, and of theirs as long as one child has most, so many levels deep. */
+function openRow(row, levels = 40) {
     const node = Number(row.dataset.node);
     row.setAttribute('aria-expanded', 'true');
     row.querySelector('.twist').textContent = '▾';
@@ -326,9 +333,9 @@ function openRow(row) {
             element('td', 'noise', `${children.length - rowsAtOnce} lighter calls are left out`));
         rows.at(-1).nextSibling.setAttribute('aria-level', state.tree.depth[node] + 2);
     }
-    if (children.length > 0 &&
+    if (children.length > 0 && levels > 0 &&
         state.tree.total[children[0]] >= 0.5 * state.tree.total[node]) {
-        openRow(rows[0]);
+        openRow(rows[0], levels - 1);
     }
 }
 
@@ -410,7 +417,8 @@ function fillFunctions() {
 
 function fillSandwich() {
     const sorted = sortedFunctions('total');
-    if (state.pivot < 0 || state.weights.total[state.pivot] + state.weights.before[state.pivot] === 0) {
+    const {total, before} = state.weights;
+    if (state.pivot < 0 || total[state.pivot] + before[state.pivot] === 0) {
         state.pivot = sortedFunctions('self')[0] ?? -1;
     }
     document.querySelector('#chooser tbody').replaceChildren(
@@ -611,7 +619,8 @@ calls.addEventListener('focusin', (event) => {
 });
 calls.addEventListener('keydown', (event) => {
     const row = event.target.closest('tr');
-    const move = {ArrowDown: row.nextElementSibling, ArrowUp: row.previousElementSibling}[event.key];
+    const move = {ArrowDown: row.nextElementSibling,
+        ArrowUp: row.previousElementSibling}[event.key];
     const wanted = {ArrowRight: 'false', ArrowLeft: 'true'}[event.key];
     if (move) {
         move.focus();
