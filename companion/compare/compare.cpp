@@ -32,9 +32,10 @@ std::string numbers(const Change& change) {
 }
 
 std::string nameOf(const Function& function) {
-    return printable(function.name) + (function.module.empty() || function.source == NameSource::none
-                                           ? std::string()
-                                           : " (" + printable(function.module) + ')');
+    return printable(function.name) +
+           (function.module.empty() || function.source == NameSource::none
+                ? std::string()
+                : " (" + printable(function.module) + ')');
 }
 
 class TextWriter {
