@@ -179,7 +179,7 @@ test('compares', async () => {
 test('has its picture taken', async () => {
     const demo = process.env.THREAD_UTILITIES_DEMO_PAGE;
     const {browser, page} = await open(`file://${demo ?? output}`,
-        {viewport: {width: 1100, height: 560}});
+        {viewport: {width: 1100, height: 600}});
     await page.waitForFunction(() => document.querySelector('#graph canvas').width > 300);
     await page.screenshot({path: path.join(folder, 'page.png')});
     await browser.close();

@@ -77,6 +77,9 @@ function boxLabel(func, room) {
     if (text.length > room && func >= 0) {
         text = shortName(func);
     }
+    if (text.length > room) {
+        text = text.replace(/^.*::(?=[^:])/, '');
+    }
     return text.length <= room ? text : `${text.slice(0, room - 1)}…`;
 }
 
