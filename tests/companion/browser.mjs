@@ -3,7 +3,6 @@
 
 // What both tests share: where things are, and a browser that talks to nobody.
 
-import fs from 'node:fs';
 import {createRequire} from 'node:module';
 import path from 'node:path';
 
@@ -14,14 +13,13 @@ export const modules = createRequire(path.join(folder, 'package.json')).resolve;
 
 export async function open(address, options = {}) {
     const {chromium} = (await import(modules('playwright-core'))).default;
-    const profile = fs.mkdtempSync(path.join(folder, 'browser-'));
-    const browser = await chromium.launchPersistentContext(profile, {
-        executablePath: '/usr/bin/chromium', headless: true, acceptDownloads: true,
+    // Each time with a new profile folder, which goes with it.
+    const browser = await chromium.launch({
+        executablePath: '/usr/bin/chromium', headless: true,
         args: ['--no-sandbox', '--disable-gpu', '--disable-background-networking',
             '--disable-component-update', '--disable-sync'],
-        ...options,
     });
-    const page = await browser.newPage();
+    const page = await browser.newPage(options);
     page.setDefaultTimeout(120000);
     const complaints = [];
     const requests = [];
