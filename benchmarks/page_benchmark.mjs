@@ -29,7 +29,8 @@ const median = (times) => times.sort((a, b) => a - b)[Math.floor(times.length / 
 const opened = [];
 for (let round = 0; round < 5; ++round) {
     await page.goto(`file://${output}`);
-    opened.push(await page.evaluate(() => performance.getEntriesByType('navigation')[0].domComplete));
+    opened.push(await page.evaluate(() =>
+        performance.getEntriesByType('navigation')[0].domComplete));
 }
 console.log(`open         ${median(opened)} ms, from the request to the picture`);
 const actions = {
