@@ -45,10 +45,10 @@ int run(int argumentCount, char** arguments) {
     convertCommand.add_option("file", convert.file, "The profile (-: standard input)")
         ->type_name("FILE")
         ->required();
-    convertCommand.add_option("--to", convert.format, "The format")
+    convertCommand
+        .add_option("--to", convert.format, "The format; by default the ending of -o chooses")
         ->type_name("FORMAT")
-        ->check(CLI::IsMember({"html", "folded", "speedscope", "pprof", "firefox"}))
-        ->required();
+        ->check(CLI::IsMember({"html", "folded", "speedscope", "pprof", "firefox"}));
     convertCommand.add_option("-o,--output", convert.output, "Where to write (-: standard output)")
         ->type_name("FILE");
     addSymbolOptions(convertCommand, convert.symbols);

@@ -40,4 +40,18 @@ expect "no such option" 2 'nonsense' "$program" read --nonsense
 expect "full disk" 2 'No space left' bash -c '"$0" read "$1" >/dev/full' "$program" "$scratch/whole"
 # A filter: what is no report comes out as it went in.
 "$program" read "$scratch/log" 2>/dev/null | cmp - "$scratch/log" || failures=1
+
+expect "no format" 2 'which format' "$program" convert "$scratch/whole" -o "$scratch/page"
+expect "no place" 2 'No such file' "$program" convert "$scratch/whole" -o "$scratch/none/a.html"
+# What cannot be written whole leaves the old file, and nothing else.
+mkdir "$scratch/place"
+page=$scratch/place/page.html
+echo old >"$page"
+expect "no room" 2 'cannot be written' \
+    bash -c 'trap "" XFSZ; ulimit -f 1; "$0" convert "$1" -o "$2"' \
+    "$program" "$scratch/whole" "$page"
+expect "half a file" 2 'line 6' "$program" convert "$scratch/half" -o "$page"
+[[ $(cat "$scratch"/place/*) == old ]] || { echo "the old page is gone" >&2; failures=1; }
+expect "a page" 1 'no build-id' "$program" convert "$scratch/whole" -o "$page"
+[[ $(ls "$scratch/place") == page.html && $(wc -l <"$page") -gt 100 ]] || failures=1
 exit "$failures"
