@@ -84,8 +84,8 @@ Source::Source(const std::filesystem::path& file, const SymbolOptions& symbolOpt
 
 int Source::finish() const {
     if (leftOut > 0) {
-        std::cerr << "thread-utilities: " << name << ": only its profiles are shown; "
-                  << leftOut << " other texts of stacks in it are not\n";
+        std::cerr << "thread-utilities: " << name << ": only its profiles are shown; " << leftOut
+                  << " other texts of stacks in it are not\n";
     }
     std::cerr << "thread-utilities: " << names.summary();
     if (names.isOfAnotherSystem()) {

@@ -10,7 +10,8 @@
 #define SIXTEEN(name) FOUR(name##0) FOUR(name##1) FOUR(name##2) FOUR(name##3)
 SIXTEEN(a)
 SIXTEEN(b)
-SIXTEEN(c) SIXTEEN(d)
+SIXTEEN(c)
+SIXTEEN(d)
 
     int callThrough(int (*callback)(void)) {
     volatile long frame[FRAME_WORDS];
