@@ -309,14 +309,18 @@ void jumpOnFaults(Target& target) {
     struct sigaction action{};
     action.sa_handler = [](int) { siglongjmp(jump, 1); };
     sigaction(SIGFPE, &action, nullptr);
+    std::atomic<bool> mayJump{false};
     std::atomic<bool> stop{false};
-    std::thread sender([&stop, thread = pthread_self()] {
+    std::thread sender([&, thread = pthread_self()] {
         while (!stop) {
-            pthread_kill(thread, SIGFPE);
+            if (mayJump) {
+                pthread_kill(thread, SIGFPE);
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     });
     sigsetjmp(jump, 1);
+    mayJump = true;
     while (target.mustGoOn()) {
     }
     sigset_t fault;
