@@ -8,12 +8,14 @@
     }
 #define FOUR(name) FUNCTION(name##0) FUNCTION(name##1) FUNCTION(name##2) FUNCTION(name##3)
 #define SIXTEEN(name) FOUR(name##0) FOUR(name##1) FOUR(name##2) FOUR(name##3)
+// clang-format off
 SIXTEEN(a)
 SIXTEEN(b)
 SIXTEEN(c)
 SIXTEEN(d)
+// clang-format on
 
-    int callThrough(int (*callback)(void)) {
+int callThrough(int (*callback)(void)) {
     volatile long frame[FRAME_WORDS];
     frame[0] = 1;
     return callback() + (int)frame[0];
