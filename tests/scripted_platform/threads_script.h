@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -56,7 +57,7 @@ inline platform::VisitRequest lastVisit;
 
 /// What a `platform::RunWitness` says of a thread; of all others it says nothing.
 inline std::map<unsigned int, platform::ThreadRuns> threadRuns;
-inline int openWitnesses = 0;
+inline std::atomic<int> openWitnesses = 0;
 
 /// What `platform::separateOpenFiles` answers.
 inline std::size_t separateFiles = 0;
