@@ -70,8 +70,10 @@ class TextWriter {
 
  private:
     void writeList(std::vector<std::pair<Change, FunctionId>>& list) {
-        std::stable_sort(list.begin(), list.end(), [](const auto& left, const auto& right) {
-            return std::abs(left.first.points) > std::abs(right.first.points);
+        std::sort(list.begin(), list.end(), [](const auto& left, const auto& right) {
+            const double gain = std::abs(left.first.points);
+            const double other = std::abs(right.first.points);
+            return gain != other ? gain > other : left.second < right.second;
         });
         const std::size_t shown = showAll ? list.size() : std::min(list.size(), mostLines);
         for (std::size_t index = 0; index < shown; ++index) {

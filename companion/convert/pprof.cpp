@@ -23,7 +23,7 @@ namespace {
 // Numbers of the fields in profile.proto.
 namespace profile_field {
 constexpr protozero::pbf_tag_type sampleType = 1, sample = 2, mapping = 3, location = 4,
-                                  function = 5, stringTable = 6, defaultSampleType = 14;
+                                  function = 5, stringTable = 6;
 }
 namespace value_type_field {
 constexpr protozero::pbf_tag_type type = 1, unit = 2;

@@ -9,8 +9,8 @@
 #include <libelf.h>
 
 #include <algorithm>
-#include <cstring>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "symbols/function_names.h"
@@ -190,9 +190,7 @@ void DebugInformation::readUnits() {
             }
         }
     }
-    std::stable_sort(
-        unitRanges.begin(), unitRanges.end(),
-        [](const Range& left, const Range& right) { return left.begin < right.begin; });
+    std::sort(unitRanges.begin(), unitRanges.end(), comesBefore);
 }
 
 void DebugInformation::addFunctions(Unit& unit, Dwarf_Die& parent, int depth) {
@@ -219,9 +217,7 @@ void DebugInformation::addFunctions(Unit& unit, Dwarf_Die& parent, int depth) {
 void DebugInformation::readFunctions(Unit& unit) {
     unit.isRead = true;
     addFunctions(unit, unit.die, 0);
-    std::stable_sort(
-        unit.functionRanges.begin(), unit.functionRanges.end(),
-        [](const Range& left, const Range& right) { return left.begin < right.begin; });
+    std::sort(unit.functionRanges.begin(), unit.functionRanges.end(), comesBefore);
 }
 
 void DebugInformation::addScopes(FunctionScopes& function, Dwarf_Die& parent,
@@ -265,15 +261,20 @@ void DebugInformation::readSymbols() {
     }
     // Of several names for one place the one with a size wins, then one that others may call, then
     // the shortest: those that a library adds for itself have more underscores.
-    std::stable_sort(symbols.begin(), symbols.end(), [](const Symbol& left, const Symbol& right) {
+    std::sort(symbols.begin(), symbols.end(), [](const Symbol& left, const Symbol& right) {
         if (left.begin != right.begin || left.end != right.end) {
             return left.begin != right.begin ? left.begin < right.begin : left.end > right.end;
         }
         if (left.isFunction != right.isFunction) {
             return left.isFunction;
         }
-        return left.isGlobal != right.isGlobal ? left.isGlobal
-                                               : std::strlen(left.name) < std::strlen(right.name);
+        if (left.isGlobal != right.isGlobal) {
+            return left.isGlobal;
+        }
+        const std::string_view leftName = left.name;
+        const std::string_view rightName = right.name;
+        return leftName.size() != rightName.size() ? leftName.size() < rightName.size()
+                                                   : leftName < rightName;
     });
     symbols.erase(std::unique(symbols.begin(), symbols.end(),
                               [](const Symbol& left, const Symbol& right) {

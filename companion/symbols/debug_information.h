@@ -52,6 +52,10 @@ class DebugInformation {
         std::uint64_t end = 0;
         std::uint32_t index = 0;
     };
+    /// Of ranges with one beginning, in the order in which they were found.
+    static bool comesBefore(const Range& left, const Range& right) {
+        return left.begin != right.begin ? left.begin < right.begin : left.index < right.index;
+    }
     using Ranges = std::vector<Range>;
 
     /// An inlined function, or the function itself, in the order of a walk through its entries.

@@ -32,7 +32,7 @@ class ThreadExitCall {
  private:
     void (*function)() noexcept;
     /// What the backend knows this object by; negative when it could not get that.
-    std::int64_t systemKey = -1;
+    [[maybe_unused]] std::int64_t systemKey = -1;
 };
 
 }  // namespace ThreadUtilities::platform
