@@ -5,10 +5,10 @@
 find_library(PROFILER_LIBRARY profiler)
 add_executable(capture_benchmark capture_benchmark.cpp capture_targets.cpp
     deep_stack_without_frame_pointers.cpp
-    $<TARGET_OBJECTS:thread_utilities_stack_cfi> $<TARGET_OBJECTS:thread_utilities_stack_capture>
+    $<TARGET_OBJECTS:thread_utilities_unwind> $<TARGET_OBJECTS:thread_utilities_stack_capture>
     $<TARGET_OBJECTS:thread_utilities_stack_session>
-    $<TARGET_OBJECTS:thread_utilities_platform_linux>
-    $<TARGET_OBJECTS:thread_utilities_platform_linux_entry>
+    $<TARGET_OBJECTS:thread_utilities_linux>
+    $<TARGET_OBJECTS:thread_utilities_linux_start>
     $<TARGET_OBJECTS:thread_utilities_threads> $<TARGET_OBJECTS:thread_utilities_foundation>)
 target_include_directories(capture_benchmark PRIVATE "${PROJECT_SOURCE_DIR}/src"
     "${PROJECT_SOURCE_DIR}/include")

@@ -19,17 +19,17 @@
 
 #include "capture_targets.h"
 #include "deep_stack.h"
+#include "linux/capture/blocked_thread.h"
+#include "linux/capture/capture_requests.h"
+#include "linux/capture/capture_signal.h"
+#include "linux/capture/handler/capture_handler.h"
+#include "linux/capture/thread_stacks.h"
 #include "platform/debugger.h"
-#include "platform/linux/blocked_thread.h"
-#include "platform/linux/capture_requests.h"
-#include "platform/linux/capture_signal.h"
-#include "platform/linux/handler/capture_handler.h"
-#include "platform/linux/thread_stacks.h"
 #include "platform/thread_context.h"
 #include "stack/capture_session.h"
-#include "stack/capture_visitor.h"
-#include "stack/frame_walk.h"
+#include "stack/handler/capture_visitor.h"
 #include "stack/stack_trace.h"
+#include "unwind/frame_walk.h"
 
 #if defined(HAVE_GPERFTOOLS)
 #include <gperftools/profiler.h>

@@ -16,8 +16,8 @@
 #include <thread>
 
 #include "deep_stack.h"
-#include "platform/linux/module_table.h"
-#include "stack/frame_walk.h"
+#include "linux/capture/handler/module_table.h"
+#include "unwind/frame_walk.h"
 
 namespace {
 

@@ -3,14 +3,11 @@
 
 # Usage requirements shared by every target of this project; nothing here is global.
 
-# The backend folder below src/platform, and the folder below src/stack that walks stacks; the logic
-# itself never asks which system it is.
+# The folder of the backend; the logic itself never asks which system it is.
 if(WIN32)
     set(THREAD_UTILITIES_BACKEND windows)
-    set(THREAD_UTILITIES_UNWINDER system_unwind)
 else()
     set(THREAD_UTILITIES_BACKEND linux)
-    set(THREAD_UTILITIES_UNWINDER cfi)
 endif()
 
 add_library(thread_utilities_options INTERFACE)

@@ -14,8 +14,8 @@
 #include "platform/current.h"
 #include "platform/debugger.h"
 #include "platform/thread_context.h"
-#include "stack/capture_visitor.h"
-#include "stack/frame_walk.h"
+#include "stack/handler/capture_visitor.h"
+#include "unwind/frame_walk.h"
 
 namespace ThreadUtilities {
 platform::Visit captureOtherThread(const platform::VisitRequest& asked,

@@ -3,4 +3,4 @@
 
 add_fuzz_target(cfa_program_fuzz
     SOURCES cfa_program_fuzz.cpp
-    OBJECTS thread_utilities_foundation thread_utilities_stack_cfi thread_utilities_platform_linux)
+    OBJECTS thread_utilities_foundation thread_utilities_unwind thread_utilities_linux)

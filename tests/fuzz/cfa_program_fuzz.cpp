@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "fuzz/made_up_frame.h"
-#include "stack/cfi/cfa_program.h"
+#include "unwind/cfa_program.h"
 
 using namespace ThreadUtilities;
 using namespace ThreadUtilities::cfi;

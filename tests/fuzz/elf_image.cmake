@@ -3,4 +3,4 @@
 
 add_fuzz_target(elf_image_fuzz
     SOURCES elf_image_fuzz.cpp
-    OBJECTS thread_utilities_foundation thread_utilities_stack thread_utilities_platform_linux)
+    OBJECTS thread_utilities_foundation thread_utilities_stack thread_utilities_linux)

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "fuzz/require.h"
-#include "platform/linux/elf_headers.h"
-#include "platform/linux/elf_image.h"
+#include "linux/capture/handler/elf_headers.h"
+#include "linux/modules/elf_image.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 // Any bytes as the operations of an expression: it ends and reads nothing outside.
 
-#include "stack/cfi/expression.h"
+#include "unwind/expression.h"
 
 #include <cstddef>
 #include <cstdint>

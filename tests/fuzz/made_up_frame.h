@@ -7,8 +7,8 @@
 #include <cstdint>
 
 #include "fuzz/require.h"
-#include "stack/cfi/apply_row.h"
-#include "stack/cfi/compiled_rule.h"
+#include "unwind/apply_row.h"
+#include "unwind/compiled_rule.h"
 
 namespace ThreadUtilities::cfi {
 

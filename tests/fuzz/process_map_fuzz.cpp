@@ -8,7 +8,7 @@
 #include <string>
 
 #include "fuzz/require.h"
-#include "platform/linux/process_map.h"
+#include "linux/modules/process_map.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace ThreadUtilities::platform;

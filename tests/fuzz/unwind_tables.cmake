@@ -3,4 +3,4 @@
 
 add_fuzz_target(unwind_tables_fuzz
     SOURCES unwind_tables_fuzz.cpp
-    OBJECTS thread_utilities_foundation thread_utilities_stack_cfi thread_utilities_platform_linux)
+    OBJECTS thread_utilities_foundation thread_utilities_unwind thread_utilities_linux)

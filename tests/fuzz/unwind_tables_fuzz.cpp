@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "fuzz/made_up_frame.h"
-#include "stack/cfi/cfa_program.h"
-#include "stack/cfi/frame_description.h"
+#include "unwind/cfa_program.h"
+#include "unwind/frame_description.h"
 
 namespace {
 

@@ -24,9 +24,7 @@ set(allowed_outside
 
 set(runs_in_handlers
     "/handler/"
-    "thread_utilities_stack_cfi\\.dir"
-    "/capture_visitor\\."
-    "thread_utilities_platform_linux\\.dir/.*(code_modules|elf_headers|memory|module_identity|module_table)\\.")
+    "thread_utilities_unwind\\.dir")
 list(JOIN runs_in_handlers "|" runs_in_handlers)
 
 string(REPLACE "|" ";" objects "${OBJECTS}")

@@ -5,9 +5,10 @@
 #
 #   cmake -DROOT=<source folder> -P include_directions.cmake
 #
-# sampling > stack > threads > foundation; scoped_name > external_input and threads. Below all of
-# them: the interface headers src/platform/*.h. A backend (src/platform/<system>/) includes
-# interfaces, foundation and headers of its system.
+# sampling > stack > threads > foundation; stack > unwind; scoped_name > external_input and threads.
+# Below all of them: the interface headers src/platform/*.h. A backend includes interfaces,
+# foundation and headers of its system; the one whose system has an unwinder, what it defines of
+# unwind.
 
 cmake_minimum_required(VERSION 3.25)
 
@@ -15,8 +16,12 @@ set(below_foundation)
 set(below_threads foundation)
 set(below_external_input foundation)
 set(below_scoped_name external_input threads foundation)
-set(below_stack threads foundation)
+set(below_unwind foundation)
+set(below_stack unwind threads foundation)
 set(below_sampling stack threads foundation)
+set(backends linux windows)
+set(below_linux foundation)
+set(below_windows unwind foundation)
 
 set(public_Threads threads)
 set(public_StackTrace stack)
@@ -40,8 +45,6 @@ function(family_of path result)
     set(family "unknown")
     if(path MATCHES "^platform/[^/]+$")
         set(family "interface")
-    elseif(path MATCHES "^platform/([^/]+)/")
-        set(family "backend ${CMAKE_MATCH_1}")
     elseif(path MATCHES "^(ThreadUtilities|vesko)/([^/.]+)\\.h$")
         if(DEFINED public_${CMAKE_MATCH_2})
             set(family "${public_${CMAKE_MATCH_2}}")
@@ -56,17 +59,11 @@ endfunction()
 macro(check_one family path kind)
     if("${kind}" STREQUAL "ours")
         family_of("${path}" included)
-        if("${family}" STREQUAL "interface")
-            set(allowed interface)
-        elseif("${family}" MATCHES "^backend")
-            set(allowed interface foundation "${family}")
-        else()
-            set(allowed interface "${family}" ${below_${family}})
-        endif()
+        set(allowed interface "${family}" ${below_${family}})
         if(NOT "${included}" IN_LIST allowed)
             refuse("${family} must not include ${path} (${included})")
         endif()
-    elseif(NOT "${family}" MATCHES "^backend" AND "${path}" MATCHES "[./]"
+    elseif(NOT "${family}" IN_LIST backends AND "${path}" MATCHES "[./]"
             AND NOT "${path}" STREQUAL "cxxabi.h")  # the compiler's, the same on every system
         # The standard library's headers have neither a suffix nor a folder.
         refuse("only a backend may include <${path}>")
@@ -81,7 +78,7 @@ foreach(file IN LISTS files)
         continue()  # includes all public headers; nothing may include it
     endif()
     family_of("${own_path}" family)
-    if(family STREQUAL "unknown" OR (NOT family MATCHES "^(interface|backend .*)$"
+    if(family STREQUAL "unknown" OR (NOT family STREQUAL "interface"
             AND NOT DEFINED below_${family} AND NOT family STREQUAL "foundation"))
         refuse("belongs to no family")
         continue()
@@ -95,7 +92,7 @@ foreach(file IN LISTS files)
             check_one("${family}" "${CMAKE_MATCH_1}" ours)
         elseif(directive MATCHES "#[ \t]*include[ \t]*<([^>]+)>")
             check_one("${family}" "${CMAKE_MATCH_1}" system)
-        elseif(directive MATCHES "#[ \t]*(if|elif)" AND NOT family MATCHES "^backend"
+        elseif(directive MATCHES "#[ \t]*(if|elif)" AND NOT family IN_LIST backends
                 AND NOT own_path STREQUAL "ThreadUtilities/Export.h"
                 AND directive MATCHES "WIN32|WIN64|MINGW|_MSC_VER|linux|unix|GLIBC|APPLE|__ELF__")
             refuse("the logic must not ask for the system: ${directive}")

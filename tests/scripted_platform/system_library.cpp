@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "platform/linux/utf_conversion.h"
+#include "foundation/utf_conversion.h"
 #include "platform/text.h"
 #include "scripted_platform/system_library_script.h"
 

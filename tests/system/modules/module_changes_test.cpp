@@ -23,7 +23,7 @@
 #include <thread>
 
 #include "foundation/text_conversion.h"
-#include "platform/linux/image_reader.h"
+#include "linux/modules/image_reader.h"
 #include "platform/modules.h"
 #include "support/copied_process.h"
 #include "support/sanitizers.h"

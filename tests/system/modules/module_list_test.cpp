@@ -19,7 +19,7 @@
 #include <thread>
 
 #include "foundation/text_conversion.h"
-#include "platform/linux/process_map.h"
+#include "linux/modules/process_map.h"
 #include "platform/modules.h"
 #include "support/copied_process.h"
 #include "support/parked_thread.h"

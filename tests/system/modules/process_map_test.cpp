@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "platform/linux/process_map.h"
+#include "linux/modules/process_map.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "platform/linux/capture_signal.h"
+#include "linux/capture/capture_signal.h"
 
 #include <ThreadUtilities/StackTrace.h>
 #include <asm/prctl.h>

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "platform/linux/thread_stacks.h"
+#include "linux/capture/thread_stacks.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "stack/frame_walk.h"
+#include "unwind/frame_walk.h"
 #include "windows_support/call_through.h"
 #include "windows_support/child_process.h"
 #include "windows_support/target_thread.h"

@@ -1,15 +1,13 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "platform/windows/guarded_call.h"
+#include "windows/guarded_call.h"
 
 #include <gtest/gtest.h>
 #include <windows.h>
 
 #include <cstdint>
 #include <random>
-
-#include "platform/frame_unwinder.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -45,7 +43,7 @@ TEST(GuardedCall, EveryKindOfExceptionEndsTheCall) {
          [](void* address) { [address]() noexcept { readWord(address); }(); }, nullptr},
     };
     for (const auto& fault : faults) {
-        EXPECT_FALSE(runGuarded(fault.function, fault.argument)) << fault.name;
+        EXPECT_NE(threadUtilitiesGuardedCall(fault.function, fault.argument), 0) << fault.name;
     }
 }
 
@@ -59,7 +57,7 @@ TEST(GuardedCall, PreservedRegistersSurviveManyFaults) {
         auto* address = reinterpret_cast<void*>(random() | 0xFFFF800000000000);
         sum += static_cast<std::uint64_t>(round);
         product *= 1.0001;
-        ASSERT_FALSE(runGuarded(readWord, address));
+        ASSERT_NE(threadUtilitiesGuardedCall(readWord, address), 0);
         expected += static_cast<std::uint64_t>(round);
     }
     EXPECT_EQ(sum, expected);

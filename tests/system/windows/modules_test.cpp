@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/windows/module_handles.h"
+#include "windows/module_handles.h"
 #include "windows_support/child_process.h"
 #include "windows_support/target_thread.h"
 

@@ -13,7 +13,7 @@
 #include "scripted_platform/clock_script.h"
 #include "scripted_platform/process_script.h"
 #include "scripted_platform/threads_script.h"
-#include "stack/frame_walk.h"
+#include "unwind/frame_walk.h"
 
 namespace ThreadUtilities {
 

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "platform/windows/process_records.h"
+#include "windows/process_records.h"
 
 #include <gmock/gmock.h>
 

@@ -1,0 +1,99 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "platform/run_witness.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string_view>
+
+#include "linux/capture/thread_clock.h"
+#include "linux/kernel_calls.h"
+#include "linux/task_file.h"
+
+namespace ThreadUtilities::platform {
+namespace {
+
+int openTaskFile(unsigned int threadId, std::string_view name) {
+    return static_cast<int>(kernelCall(
+        SYS_openat, AT_FDCWD, argument(TaskPath(threadId, name).text()), O_RDONLY | O_CLOEXEC));
+}
+
+bool takeNumber(std::string_view& text, std::uint64_t& number) {
+    const std::size_t end = std::min(text.find_first_of(" \n"), text.size());
+    const bool isNumber = parseField(text.substr(0, end), "", 10, number);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return isNumber;
+}
+
+}  // namespace
+
+// The file "schedstat": nanoseconds on a processor, nanoseconds of waiting for one, number of times
+// that one was got. The number grows in the switch to the thread, before the thread's first
+// instruction; writes by the thread are seen by others in their order; therefore whoever sees any
+// of the thread's new words sees the new number if it reads that later. The processor time alone
+// would not do: on a virtual machine it stood still over some runs of microseconds. The times tell
+// threads apart that have the same id one after the other.
+RunWitness::RunWitness(unsigned int threadId) noexcept
+    : threadId_(threadId), file_(openTaskFile(threadId, "schedstat")) {}
+
+RunWitness::~RunWitness() {
+    for (const int file : {file_, statusFile_, callFile_}) {
+        if (file >= 0) {
+            kernelCall(SYS_close, file);
+        }
+    }
+}
+
+std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
+    return threadRunTime(threadId_);
+}
+
+void RunWitness::keepFilesForVisits() noexcept {
+    statusFile_ = openTaskFile(threadId_, "status");
+    callFile_ = openTaskFile(threadId_, "syscall");
+}
+
+std::optional<ThreadRuns> RunWitness::read() const noexcept {
+    ThreadRuns runs;
+    if (file_ >= 0) {
+        std::array<char, 80> buffer;
+        const long got = kernelCall(SYS_pread64, file_, argument(buffer.data()), buffer.size());
+        if (got <= 0) {
+            return std::nullopt;
+        }
+        std::string_view text(buffer.data(), static_cast<std::size_t>(got));
+        if (takeNumber(text, runs.time) && takeNumber(text, runs.wait) &&
+            takeNumber(text, runs.count) && runs.count != 0) {
+            return runs;
+        }
+    }
+    // A kernel that does not count, for every thread has run once: then its clock is the best there
+    // is.
+    const std::optional<std::uint64_t> time = threadRunTime(threadId_);
+    return time ? std::optional(ThreadRuns{0, *time, 0}) : std::nullopt;
+}
+
+std::size_t separateOpenFiles() noexcept {
+    // `close_range`, by number because older headers do not name it.
+    constexpr long closeRange = 436;
+    constexpr long unshareFirst = 2;
+    constexpr long firstClosed = 3;
+    constexpr long last = std::numeric_limits<unsigned int>::max();
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
+        kernelCall(closeRange, firstClosed, last, unshareFirst) != 0) {
+        return 0;
+    }
+    constexpr rlim_t forCaptures = 64;  // which open some for moments
+    return static_cast<std::size_t>(limit.rlim_cur - std::min(limit.rlim_cur / 2, forCaptures));
+}
+
+}  // namespace ThreadUtilities::platform

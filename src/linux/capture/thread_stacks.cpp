@@ -1,0 +1,183 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "linux/capture/thread_stacks.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "linux/task_file.h"
+#include "platform/current.h"
+#include "platform/process_copy.h"
+
+namespace ThreadUtilities::platform {
+namespace {
+
+// A range in one word, so that a reader can never see half of one: 44 bits of page number and 20
+// bits of page count. 0 is "no range".
+constexpr unsigned PageBits = 12;
+constexpr unsigned CountBits = 20;
+constexpr std::uint64_t MostPages = (std::uint64_t{1} << CountBits) - 1;
+
+// Whole pages outward: protection is per page, so a page that holds one byte of a live stack can
+// be read from end to end. Of a stack above 4 GiB the outer part, which is used first, is kept.
+std::uint64_t pack(std::uint64_t begin, std::uint64_t end) noexcept {
+    const std::uint64_t endPage = (end + (1U << PageBits) - 1) >> PageBits;
+    const std::uint64_t beginPage =
+        std::max(begin >> PageBits, endPage - std::min(endPage, MostPages));
+    return endPage <= beginPage ? 0 : (beginPage << CountBits) | (endPage - beginPage);
+}
+
+ReadableRange unpack(std::uint64_t word) noexcept {
+    const std::uint64_t begin = word >> CountBits << PageBits;
+    return {begin, begin + ((word & MostPages) << PageBits)};
+}
+
+struct Slot {
+    std::atomic<unsigned int> threadId;
+    std::atomic<std::uint64_t> range;
+};
+
+// A thread may stand in any slot of its own group or the next one. Ids are handed out in
+// sequence, so their low bits spread threads evenly; where a window is full, or the process has
+// more threads than slots, the thread is simply not known. That is why nothing here ever grows.
+constexpr std::size_t GroupSize = 4;
+constexpr std::size_t GroupCount = 2048;
+constexpr std::size_t WindowSize = 2 * GroupSize;
+constinit std::array<Slot, GroupSize * GroupCount> slots{};
+
+// Not an id that the system gives out (the highest is 2^22).
+constexpr unsigned int Claimed = ~0U;
+
+// What the calling thread entered; a copied process has no other way to tell where its only
+// thread stood, because that thread's id is another one there.
+constinit thread_local std::uint64_t ownRange = 0;
+
+Slot& slotOf(unsigned int threadId, std::size_t probe) noexcept {
+    return slots[(threadId % GroupCount * GroupSize + probe) % slots.size()];
+}
+
+void leave(unsigned int threadId) noexcept {
+    for (std::size_t probe = 0; probe < WindowSize; ++probe) {
+        Slot& slot = slotOf(threadId, probe);
+        if (slot.threadId.load(std::memory_order_relaxed) == threadId) {
+            slot.threadId.store(0, std::memory_order_release);
+        }
+    }
+}
+
+// The writers of a slot take turns: whoever moves `threadId` from 0 to Claimed owns it until the
+// same thread puts 0 back.
+void enter(unsigned int threadId, std::uint64_t range) noexcept {
+    // The id stands there already where its former bearer ended without being heard of.
+    leave(threadId);
+    for (std::size_t probe = 0; probe < WindowSize; ++probe) {
+        Slot& slot = slotOf(threadId, probe);
+        unsigned int free = 0;
+        if (slot.threadId.compare_exchange_strong(free, Claimed, std::memory_order_acq_rel)) {
+            slot.range.store(range, std::memory_order_release);
+            slot.threadId.store(threadId, std::memory_order_release);
+            return;
+        }
+    }
+}
+
+RestartInCopy keepOnlyTheCaller([] {
+    for (Slot& slot : slots) {
+        if (slot.threadId.load(std::memory_order_relaxed) != 0) {
+            slot.threadId.store(0, std::memory_order_relaxed);
+        }
+    }
+    if (ownRange != 0) {
+        enter(static_cast<unsigned int>(gettid()), ownRange);
+    }
+});
+
+// The C library works the first thread's stack out from its size limit, which says what it may
+// become; readable is what the process map shows.
+std::uint64_t mappedFirstStack() noexcept {
+    KernelFile map("/proc/self/maps");
+    LineReader lines(map);
+    for (std::string_view line; map.isOpen() && lines.next(line);) {
+        std::uint64_t begin = 0;
+        std::uint64_t end = 0;
+        if (line.ends_with(" [stack]") && parseField(line, "", 16, begin) &&
+            parseField(line.substr(line.find('-')), "-", 16, end)) {
+            return pack(begin, end);
+        }
+    }
+    return 0;
+}
+
+std::uint64_t ownStackFromThreadLibrary() noexcept {
+    pthread_attr_t attributes;
+    if (pthread_getattr_np(pthread_self(), &attributes) != 0) {
+        return 0;
+    }
+    void* lowest = nullptr;
+    std::size_t size = 0;
+    const int error = pthread_attr_getstack(&attributes, &lowest, &size);
+    pthread_attr_destroy(&attributes);
+    const auto begin = reinterpret_cast<std::uint64_t>(lowest);
+    return error == 0 ? pack(begin, begin + size) : 0;
+}
+
+}  // namespace
+
+// Why an answer is whole and belongs to the thread: while the thread lives, nobody but itself
+// changes its slot, therefore both looks at `threadId` see it and `range` is what it stored. A
+// slot that another thread has taken in between shows another id at the second look: its `range`
+// was stored after Claimed, so whoever reads that `range` reads Claimed or a later id.
+bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept {
+    if (threadId == 0 || threadId == Claimed) {
+        return false;
+    }
+    for (std::size_t probe = 0; probe < WindowSize; ++probe) {
+        const Slot& slot = slotOf(threadId, probe);
+        if (slot.threadId.load(std::memory_order_acquire) != threadId) {
+            continue;
+        }
+        const std::uint64_t range = slot.range.load(std::memory_order_acquire);
+        if (slot.threadId.load(std::memory_order_relaxed) == threadId && range != 0) {
+            out = unpack(range);
+            return true;
+        }
+    }
+    return false;
+}
+
+ReadableRange ownEnteredStack() noexcept {
+    return ownRange != 0 ? unpack(ownRange) : ReadableRange{};
+}
+
+void rememberOwnStack() noexcept {
+    ownRange = ownStackFromThreadLibrary();
+    if (ownRange != 0) {
+        enter(currentThreadId(), ownRange);
+    }
+}
+
+void rememberFirstThreadStack() noexcept {
+    const std::uint64_t range = mappedFirstStack();
+    if (range == 0) {
+        return;
+    }
+    enter(currentProcessId(), range);
+    if (currentThreadId() == currentProcessId()) {
+        ownRange = range;
+    }
+}
+
+void forgetOwnStack() noexcept {
+    ownRange = 0;
+    leave(currentThreadId());
+}
+
+}  // namespace ThreadUtilities::platform

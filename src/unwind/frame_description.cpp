@@ -1,0 +1,257 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "unwind/frame_description.h"
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "unwind/encoded_pointer.h"
+#include "unwind/scanned_tables.h"
+
+namespace ThreadUtilities::cfi {
+namespace {
+
+/// From here on the length field would be the 64-bit form, which no unwind table uses.
+constexpr std::uint32_t firstReservedLength = 0xFFFFFFF0;
+
+/// The body of the entry that `bytes` stands at, which it passes over; failed for a malformed one
+/// and empty for the terminator.
+ByteCursor takeEntry(ByteCursor& bytes) noexcept {
+    const auto length = bytes.read<std::uint32_t>();
+    if (length >= firstReservedLength) {
+        bytes.fail();
+    }
+    return bytes.sub(length);
+}
+
+/// The augmentation letters of a CIE and the data that belongs to them.
+void parseAugmentation(std::string_view letters, ByteCursor& bytes,
+                       FrameDescription& description) noexcept {
+    for (const char letter : letters) {
+        switch (letter) {
+            case 'z':  // its length has been read
+            case 'B':  // a pointer authentication key, on other processors
+                break;
+            case 'S':
+                description.isSignalFrame = true;
+                break;
+            case 'R':
+                description.pointerEncoding = bytes.read<std::uint8_t>();
+                break;
+            case 'L':
+                bytes.read<std::uint8_t>();
+                break;
+            case 'P':
+                readEncodedNumber(bytes, bytes.read<std::uint8_t>());
+                break;
+            default:
+                // The length of its data is unknown, and with it where the next letter's begins.
+                bytes.fail();
+        }
+    }
+}
+
+bool parseCommonPart(const TableReader& reader, std::uint64_t entry, FrameDescription& description,
+                     bool& hasAugmentationLength) noexcept {
+    ByteCursor bytes = reader.common(entry).bytes;
+    ByteCursor cie = takeEntry(bytes);
+    if (cie.read<std::uint32_t>() != 0) {
+        return false;
+    }
+    const auto version = cie.read<std::uint8_t>();
+    if (version != 1 && version != 3 && version != 4) {
+        return false;
+    }
+    const std::string_view augmentation = cie.cString();
+    if (version == 4 && (cie.read<std::uint8_t>() != 8 || cie.read<std::uint8_t>() != 0)) {
+        return false;  // address size, segment selector size
+    }
+    description.codeAlignment = cie.uleb128();
+    description.dataAlignment = cie.sleb128();
+    description.returnAddressColumn = version == 1 ? cie.read<std::uint8_t>() : cie.uleb128();
+    hasAugmentationLength = augmentation.starts_with('z');
+    if (hasAugmentationLength) {
+        ByteCursor data = cie.sub(cie.uleb128());
+        parseAugmentation(augmentation, data, description);
+        if (!data.ok()) {
+            return false;
+        }
+    } else if (!augmentation.empty()) {
+        return false;
+    }
+    description.initialInstructions = cie;
+    return cie.ok() && description.returnAddressColumn < platform::RegisterCount;
+}
+
+/// The index of the header: pairs of (start of code, address of its FDE), sorted by the first,
+/// both as signed 32-bit distances from the header.
+struct Index {
+    std::uint64_t pairs = 0;
+    std::uint64_t count = 0;
+};
+constexpr std::uint64_t pairSize = 8;
+constexpr std::uint64_t maxPairs = std::uint64_t{1} << 32;
+constexpr std::uint8_t pairEncoding = encoding::relativeToData | encoding::signed32;
+
+/// An index in any other encoding is not used: no linker writes one.
+Index indexOfHeader(const TableReader& reader, std::uint64_t header) noexcept {
+    TableReader::Piece piece = reader.index(header);
+    ByteCursor& bytes = piece.bytes;
+    bytes.read<std::uint8_t>();
+    const auto framesEncoding = bytes.read<std::uint8_t>();
+    const auto countEncoding = bytes.read<std::uint8_t>();
+    const auto tableEncoding = bytes.read<std::uint8_t>();
+    readEncodedNumber(bytes, framesEncoding);
+    if (countEncoding == encoding::omitted || tableEncoding != pairEncoding) {
+        return {};
+    }
+    const std::uint64_t count = readEncodedNumber(bytes, countEncoding);
+    if (!bytes.ok() || count > maxPairs) {
+        return {};
+    }
+    return {piece.address(), count};
+}
+
+/// One half of a pair, as an address.
+std::optional<std::uint64_t> indexed(const TableReader& reader, std::uint64_t header,
+                                     std::uint64_t half) noexcept {
+    TableReader::Piece piece = reader.index(half);
+    const auto distance = piece.bytes.read<std::int32_t>();
+    return piece.bytes.ok() ? checkedOffset(header, distance) : std::nullopt;
+}
+
+/// The FDE of the last pair whose code starts at or below `address`; `entry` is 0 when all start
+/// above. False when the index leaves the readable bytes.
+bool searchIndex(const TableReader& reader, std::uint64_t header, const Index& index,
+                 std::uint64_t address, std::uint64_t& entry) noexcept {
+    std::uint64_t first = 0;
+    std::uint64_t count = index.count;
+    while (count > 0) {
+        const std::uint64_t half = count / 2;
+        const auto start = indexed(reader, header, index.pairs + (first + half) * pairSize);
+        if (!start) {
+            return false;
+        }
+        if (*start <= address) {
+            first += half + 1;
+            count -= half + 1;
+        } else {
+            count = half;
+        }
+    }
+    entry = 0;
+    if (first == 0) {
+        return true;
+    }
+    const auto found = indexed(reader, header, index.pairs + (first - 1) * pairSize + 4);
+    entry = found.value_or(0);
+    return found.has_value();
+}
+
+bool covers(const FrameDescription& description, std::uint64_t address) noexcept {
+    return description.codeBegin <= address && address < description.codeEnd;
+}
+
+/// The entry at `entry`, if it covers the address.
+bool isEntryOf(const TableReader& reader, std::uint64_t entry, std::uint64_t address,
+               FrameDescription& description) noexcept {
+    return entry != 0 && parseFrameDescription(reader, entry, description) &&
+           covers(description, address);
+}
+
+}  // namespace
+
+LookupResult scanEntries(const TableReader& reader, std::uint64_t frames, std::uint64_t address,
+                         unsigned mostEntries, FrameDescription& description,
+                         std::uint64_t& found) noexcept {
+    std::uint64_t entry = frames;
+    for (unsigned scanned = 0; scanned < mostEntries; ++scanned) {
+        TableReader::Piece piece = reader.description(entry);
+        ByteCursor body = takeEntry(piece.bytes);
+        if (!piece.bytes.ok()) {
+            return LookupResult::Malformed;
+        }
+        if (body.atEnd()) {
+            return LookupResult::NotCovered;
+        }
+        const std::uint64_t next = piece.address();
+        const bool isCommonPart = body.read<std::uint32_t>() == 0;
+        if (!isCommonPart && isEntryOf(reader, entry, address, description)) {
+            found = entry;
+            return LookupResult::Found;
+        }
+        entry = next;
+    }
+    return LookupResult::LongSearch;
+}
+
+std::uint64_t framesOfHeader(const TableReader& reader, std::uint64_t header) noexcept {
+    TableReader::Piece piece = reader.index(header);
+    const auto version = piece.bytes.read<std::uint8_t>();
+    const auto framesEncoding = piece.bytes.read<std::uint8_t>();
+    piece.bytes.skip(2);
+    const std::uint64_t frames =
+        readEncodedPointer(piece.bytes, framesEncoding, piece.shift, header);
+    return version == 1 && piece.bytes.ok() ? frames : 0;
+}
+
+LookupResult findFrameDescription(const TableReader& reader, std::uint64_t header,
+                                  std::uint64_t frames, std::uint64_t address,
+                                  FrameDescription& description) noexcept {
+    const Index index = indexOfHeader(reader, header);
+    std::uint64_t entry = 0;
+    if (index.count == 0) {
+        const std::uint64_t scanned = scannedEntry(address);
+        if (scanned == noEntry) {
+            return LookupResult::NotCovered;
+        }
+        if (isEntryOf(reader, scanned, address, description)) {
+            return LookupResult::Found;
+        }
+        const LookupResult result =
+            scanEntries(reader, frames, address, mostEntriesWhileHeld, description, entry);
+        if (result == LookupResult::LongSearch) {
+            wantScan(frames, address);
+        }
+        return result;
+    }
+    if (!searchIndex(reader, header, index, address, entry)) {
+        return LookupResult::Malformed;
+    }
+    if (entry == 0) {
+        return LookupResult::NotCovered;
+    }
+    if (!parseFrameDescription(reader, entry, description)) {
+        return LookupResult::Malformed;
+    }
+    return covers(description, address) ? LookupResult::Found : LookupResult::NotCovered;
+}
+
+bool parseFrameDescription(const TableReader& reader, std::uint64_t entry,
+                           FrameDescription& description) noexcept {
+    TableReader::Piece piece = reader.description(entry);
+    TableReader::Piece fde{takeEntry(piece.bytes), piece.shift};
+    const std::uint64_t distanceFrom = fde.address();
+    const auto distance = fde.bytes.read<std::uint32_t>();
+    bool hasAugmentationLength = false;
+    description = {};
+    description.tableEnd = reader.end();
+    if (distance == 0 ||
+        !parseCommonPart(reader, distanceFrom - distance, description, hasAugmentationLength)) {
+        return false;
+    }
+    description.codeBegin = readEncodedPointer(fde.bytes, description.pointerEncoding, piece.shift);
+    const std::uint64_t size = readEncodedNumber(fde.bytes, description.pointerEncoding);
+    if (hasAugmentationLength) {
+        fde.bytes.skip(fde.bytes.uleb128());
+    }
+    const auto codeEnd = checkedAdd(description.codeBegin, size);
+    description.codeEnd = codeEnd.value_or(0);
+    description.instructions = fde.bytes;
+    description.instructionShift = piece.shift;
+    return codeEnd.has_value() && fde.bytes.ok();
+}
+
+}  // namespace ThreadUtilities::cfi
