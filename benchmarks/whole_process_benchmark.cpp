@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -127,6 +128,98 @@ BENCHMARK(SamplingOfSleepers)
     ->Arg(500)
     ->Iterations(1)
     ->Unit(benchmark::kSecond);
+
+/// A thread that waits and works by turns, and keeps a record of both.
+class Alternating {
+ public:
+    using Clock = std::chrono::steady_clock;
+
+    /// Works for about `work` after each wait of about `wait`.
+    Alternating(Clock::duration wait, Clock::duration work)
+        : thread_([this, wait, work] { run(wait, work); }) {}
+    ~Alternating() {
+        stop_ = true;
+        thread_.join();
+    }
+
+    /// The part of the time until now, in which it waited, of that since `reset`.
+    [[nodiscard]] double truth() const {
+        return static_cast<double>(waited_) / static_cast<double>(waited_ + worked_);
+    }
+    void reset() {
+        waited_ = 0;
+        worked_ = 0;
+    }
+    /// The part of its samples in which a report of a run shows it waiting.
+    [[nodiscard]] double seen(const std::string& report) const {
+        const std::wstring wide = ThreadUtilities::getFrameDetails(
+            static_cast<unsigned int>(getpid()), static_cast<unsigned long long>(inWait_));
+        const std::string frame(wide.begin(), wide.end());
+        const std::size_t block = report.find("Thread " + std::to_string(id_) + " [");
+        const std::size_t end = std::min(report.find("\nThread ", block), report.size());
+        double samples = 0;
+        for (std::size_t at = report.find(frame, block); at < end;
+             at = report.find(frame, at + 1)) {
+            samples += countAt(report, report.rfind('[', at));
+        }
+        return samples / countAt(report, report.find('[', block));
+    }
+
+ private:
+    static double countAt(const std::string& report, std::size_t bracket) {
+        return std::strtod(report.c_str() + bracket + 1, nullptr);
+    }
+
+    [[gnu::noinline]] void wait(Clock::duration time) {
+        inWait_ = reinterpret_cast<std::uintptr_t>(__builtin_return_address(0));
+        std::this_thread::sleep_for(time);
+    }
+    [[gnu::noinline]] static void work(Clock::duration time) {
+        for (const auto end = Clock::now() + time; Clock::now() < end;) {
+        }
+    }
+    void run(Clock::duration waiting, Clock::duration working) {
+        id_ = gettid();
+        auto begin = Clock::now();
+        while (!stop_) {
+            wait(waiting);
+            const auto middle = Clock::now();
+            waited_ += (middle - begin).count();
+            work(working);
+            begin = Clock::now();
+            worked_ += (begin - middle).count();
+        }
+    }
+
+    std::atomic<bool> stop_ = false;
+    std::atomic<int> id_ = 0;
+    std::atomic<std::uintptr_t> inWait_ = 0;
+    std::atomic<Clock::rep> waited_ = 0;
+    std::atomic<Clock::rep> worked_ = 0;
+    std::thread thread_;
+};
+
+/// How far the share of a wait that a run shows is from the true one, while another thread keeps a
+/// processor busy.
+void ShareOfAWait(benchmark::State& state) {
+    std::atomic<bool> stop = false;
+    std::thread busy([&] {
+        while (!stop) {
+        }
+    });
+    Alternating target(3ms, 7ms);
+    std::this_thread::sleep_for(50ms);
+    for (auto _ : state) {
+        target.reset();
+        const std::string report =
+            ThreadUtilities::sampleAllThreads(8s, std::chrono::milliseconds(state.range(0)));
+        state.counters["true_%"] = 100 * target.truth();
+        state.counters["seen_%"] = 100 * target.seen(report);
+    }
+    stop = true;
+    busy.join();
+}
+BENCHMARK(ShareOfAWait)->ArgName("ms")->Arg(1)->Arg(10)->Iterations(1)->Unit(benchmark::kSecond);
 
 /// Nothing but waking up every millisecond: what any such sampler pays on this machine.
 void WakingUp(benchmark::State& state) {
