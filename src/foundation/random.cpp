@@ -4,15 +4,15 @@
 #include "foundation/random.h"
 
 #include <algorithm>
-#include <atomic>
-#include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <random>
 #include <vector>
 
+#include "foundation/never_destroyed.h"
 #include "platform/process_copy.h"
 
 namespace vesko {
@@ -28,30 +28,20 @@ std::mt19937 seededEngine() {
     return std::mt19937(sequence);
 }
 
-// The generator lives in static storage and is never destroyed, because threads may still draw
-// while the process exits and runs its destructors. It is made by hand rather than as a
-// function-local static, because the guard of one that another thread is just making stays closed
-// forever in a copy of the process.
-alignas(Generator) std::byte generatorStorage[sizeof(Generator)];
-constinit std::atomic<Generator*> sharedGenerator = nullptr;
-std::mutex creationMutex;
+// Made by the first to draw; room for it before the static objects of a host that may draw.
+struct Shared {
+    std::mutex creation;
+    std::optional<Generator> generator;
+};
+[[gnu::init_priority(101)]] ThreadUtilities::NeverDestroyed<Shared> shared;
 
 // Nothing of the old generator is touched: its mutex may be held by a thread that the copy does
 // not have, and going on from its state would give the copy the numbers of the original.
-ThreadUtilities::platform::RestartInCopy seedAfresh([] {
-    new (&creationMutex) std::mutex;
-    sharedGenerator.store(nullptr, std::memory_order_relaxed);
-});
+ThreadUtilities::platform::RestartInCopy seedAfresh([] { new (&shared.value) Shared; });
 
-Generator& getSharedGenerator() {
-    if (Generator* const made = sharedGenerator.load(std::memory_order_acquire)) {
-        return *made;
-    }
-    const std::lock_guard lock(creationMutex);
-    if (sharedGenerator.load(std::memory_order_relaxed) == nullptr) {
-        sharedGenerator.store(new (generatorStorage) Generator, std::memory_order_release);
-    }
-    return *sharedGenerator.load(std::memory_order_relaxed);
+Generator& sharedGenerator() {
+    const std::lock_guard lock(shared.value.creation);
+    return shared.value.generator ? *shared.value.generator : shared.value.generator.emplace();
 }
 
 int negated(int value) {
@@ -68,7 +58,7 @@ int Generator::draw(int lo, int hi) {
 }
 
 int randomInt(int lo, int hi, bool randomSign) {
-    Generator& generator = getSharedGenerator();
+    Generator& generator = sharedGenerator();
     if (lo == hi) {
         return hi;
     }

@@ -3,13 +3,14 @@
 
 #pragma once
 
-#include <unistd.h>
-
 #include <utility>
+
+#include "linux/kernel_calls.h"
 
 namespace ThreadUtilities::platform {
 
-/// Owns a file descriptor; -1 stands for none.
+/// Owns a file descriptor; a negative number, the kernel's error too, stands for none. Closed
+/// without a cancellation point.
 class Descriptor {
  public:
     Descriptor() noexcept = default;
@@ -21,7 +22,7 @@ class Descriptor {
     }
     ~Descriptor() {
         if (fd >= 0) {
-            close(fd);
+            kernelCall(SYS_close, fd);
         }
     }
 

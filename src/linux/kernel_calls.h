@@ -6,13 +6,16 @@
 // System calls without the C library between: no errno, no cancellation point, no symbol that a
 // signal handler would have to import.
 
+#include <fcntl.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <span>
 
 namespace ThreadUtilities::platform {
 
@@ -39,6 +42,30 @@ long argument(T* pointer) noexcept {
 /// knowledge.
 inline int kernelProcessId() noexcept {
     return static_cast<int>(kernelCall(SYS_getpid));
+}
+
+/// A descriptor, or a negative error number.
+inline int openFile(const char* path, int flags) noexcept {
+    return static_cast<int>(kernelCall(SYS_openat, AT_FDCWD, argument(path), flags | O_CLOEXEC));
+}
+
+/// Copies memory of a process, from the stretches `there` to the stretches `here`, each taken as
+/// one. Returns how many bytes were copied from the front, 0 where the first cannot be read.
+inline std::size_t copyMemory(int processId, std::span<const iovec> there,
+                              std::span<const iovec> here) noexcept {
+    const long copied = kernelCall(SYS_process_vm_readv, processId, argument(here.data()),
+                                   static_cast<long>(here.size()), argument(there.data()),
+                                   static_cast<long>(there.size()), 0);
+    return copied > 0 ? static_cast<std::size_t>(copied) : 0;
+}
+
+/// Whether the system copies memory of this process at all; a sandbox may deny that.
+inline bool canCopyOwnMemory() noexcept {
+    int here = 1;
+    int copy = 0;
+    const iovec from[] = {{&here, sizeof(here)}};
+    const iovec to[] = {{&copy, sizeof(copy)}};
+    return copyMemory(kernelProcessId(), from, to) == sizeof(copy);
 }
 
 /// Sleeps while `word` holds `expected`, for at most `timeout`. Returns early as it likes.

@@ -24,17 +24,23 @@ struct ReadableRange {
 /// stands still, and in a signal handler.
 std::size_t readOwnMemory(std::uint64_t address, void* out, std::size_t size) noexcept;
 
-/// What `isReadableNow` says of one byte holds for the whole page around it.
+/// The system protects and gives memory in pages of this size.
 inline constexpr std::uint64_t memoryPageSize = 4096;
 
-/// Whether the 8 bytes at `address`, which may lie on two pages, can be read at this moment: a
-/// promise only where nobody takes the memory away in the next. An eighth of the price of a copy.
-/// False as well where the system does not tell. No allocation, no lock; in a signal handler too.
-bool isReadableNow(std::uint64_t address) noexcept;
+/// Where the page begins that `address` lies on.
+constexpr std::uint64_t pageOf(std::uint64_t address) noexcept {
+    return address & ~(memoryPageSize - 1);
+}
 
-/// The calling thread's own stack from about the stack pointer upward, of which single pages may be
-/// unreadable; empty when it is not known, or when the thread runs on another stack than its own.
-/// No allocation, no lock.
-ReadableRange currentStackRange() noexcept;
+/// Where the page ends that the last byte before `end` lies on.
+constexpr std::uint64_t pageEndOf(std::uint64_t end) noexcept {
+    return pageOf(end + memoryPageSize - 1);
+}
+
+/// Whether the 8 bytes at `address`, which may lie on two pages, can be read at this moment: a
+/// promise only where nobody takes the memory away in the next; what is true of one byte is true of
+/// its page. An eighth of the price of a copy. False as well where the system does not tell. No
+/// allocation, no lock; in a signal handler too.
+bool isReadableNow(std::uint64_t address) noexcept;
 
 }  // namespace ThreadUtilities::platform

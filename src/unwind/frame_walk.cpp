@@ -9,6 +9,7 @@
 #include <span>
 
 #include "platform/code_modules.h"
+#include "platform/thread_stacks.h"
 #include "unwind/cfi_unwinder.h"
 #include "unwind/scanned_tables.h"
 #include "unwind/stack_words.h"

@@ -11,7 +11,7 @@
 
 #include "fuzz/require.h"
 #include "linux/capture/handler/elf_headers.h"
-#include "linux/modules/elf_image.h"
+#include "linux/modules/build_id.h"
 
 namespace {
 
@@ -41,9 +41,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     file.seek(place->fileOffset);
-    if (const auto image = parseElfImage(file.sub(place->size))) {
-        require(image->size != 0 && image->size % pageSize == 0);
-        require(image->notes.size() <= size / 56);
+    const ByteCursor table = file.sub(place->size);
+    if (const auto extent = extentOf(table)) {
+        require(extent->begin < extent->end && extent->end % memoryPageSize == 0);
+        std::size_t notes = 0;
+        buildIdOf(table, [&](const ProgramHeader&) { return ++notes, ByteCursor(); });
+        require(notes <= size / 56);
     }
     return 0;
 }

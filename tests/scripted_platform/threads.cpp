@@ -7,6 +7,7 @@
 
 #include "platform/current.h"
 #include "platform/thread_names.h"
+#include "platform/thread_stacks.h"
 #include "platform/threads.h"
 
 namespace ThreadUtilities::platform {

@@ -13,7 +13,7 @@
 
 #include "linux/capture/files_for_visits.h"
 #include "linux/kernel_calls.h"
-#include "linux/task_file.h"
+#include "linux/proc_file.h"
 #include "platform/memory.h"
 #include "platform/run_witness.h"
 
@@ -98,7 +98,7 @@ class StackCopy {
  public:
     StackCopy(std::uint64_t stackPointer, std::span<std::byte> room) noexcept
         : begin_(stackPointer - redZone), bytes_(room) {
-        const std::uint64_t page = stackPointer & ~(memoryPageSize - 1);
+        const std::uint64_t page = pageOf(stackPointer);
         std::uint64_t end = begin_ + bytes_.size();
         if (begin_ < page && !isProvided(begin_)) {
             begin_ = page;
@@ -123,13 +123,6 @@ class StackCopy {
     std::size_t size_ = 0;
 };
 
-bool ownMemoryCanBeRead() {
-    const int here = 1;
-    int copy = 0;
-    return readOwnMemory(reinterpret_cast<std::uint64_t>(&here), &copy, sizeof(copy)) ==
-           sizeof(copy);
-}
-
 // The arguments lie in the registers that they came in, for the kernel changes none of these. But
 // a call by the old interrupt has them elsewhere, and the file does not say which one it was.
 bool stoppedBehindSystemCall(std::uint64_t instructionPointer) {
@@ -147,7 +140,7 @@ constexpr std::uint32_t arguments = registerBit(Rdi) | registerBit(Rsi) | regist
 std::optional<BlockedAt> whereBlocked(const VisitRequest& request) {
     const int kept = FilesForVisits(request.witness).call;
     return kept >= 0 ? whereBlocked(KernelFile(kept))
-                     : whereBlocked(KernelFile(TaskPath(request.threadId, "syscall").text()));
+                     : whereBlocked(KernelFile(ownTaskPath(request.threadId, "/syscall")));
 }
 
 VisitorAnswer visitKnowing(ThreadContext& context, std::uint32_t known, ContextVisitor visitor,
@@ -162,7 +155,7 @@ VisitorAnswer visitKnowing(ThreadContext& context, std::uint32_t known, ContextV
 
 bool visitAt(const BlockedAt& at, ContextVisitor visitor, VisitSlot& slot) {
     const StackCopy stack(at.registers[Rsp], slot.stackCopy());
-    if (stack.isEmpty() && !ownMemoryCanBeRead()) {
+    if (stack.isEmpty() && !canCopyOwnMemory()) {
         return false;
     }
     ThreadContext context;

@@ -38,11 +38,6 @@ std::size_t takeSlot() {
     return noSlot;
 }
 
-void giveSlotBack(std::size_t slot) {
-    const std::uint64_t bit = std::uint64_t{1} << (slot % slotsPerWord);
-    captureRequests.used[slot / slotsPerWord].fetch_and(~bit, std::memory_order_release);
-}
-
 void freeRequest(CaptureRequest& request) {
     const RequestWord old(request.word.load(std::memory_order_relaxed));
     request.word.store(old.nextFree().bits(), std::memory_order_release);
@@ -54,7 +49,7 @@ void forgetRequests() {
         auto& used = captureRequests.used[slot / slotsPerWord];
         if ((used.load(std::memory_order_relaxed) >> (slot % slotsPerWord) & 1) != 0) {
             freeRequest(captureRequests.slots[slot]);
-            giveSlotBack(slot);
+            captureRequests.giveBack(slot);
         }
     }
 }
@@ -70,7 +65,7 @@ void takeBackFromEndedThreads() {
             kernelCall(SYS_tgkill, kernelProcessId(), threadId, 0) == -ESRCH &&
             request.word.compare_exchange_strong(bits, RequestWord(bits).nextFree().bits(),
                                                  std::memory_order_acquire)) {
-            giveSlotBack(number);
+            captureRequests.giveBack(number);
         }
     }
 }
@@ -119,7 +114,7 @@ VisitSlot::VisitSlot(std::size_t wantedFrames, VisitDeadline deadline) noexcept
 VisitSlot::~VisitSlot() {
     if (request_ != nullptr) {
         unmapRoom(*request_);
-        giveSlotBack(number_);
+        captureRequests.giveBack(number_);
     }
 }
 

@@ -16,6 +16,7 @@
 #include <optional>
 
 #include "linux/capture/handler/capture_handler.h"
+#include "linux/capture/handler/handler_chain.h"
 #include "linux/kernel_calls.h"
 #include "platform/memory.h"
 #include "platform/process_copy.h"
@@ -131,12 +132,6 @@ Place placeIn(const KernelAction& action) {
     return Place::Unknown;
 }
 
-bool canReadOwnMemory() {
-    const int here = 1;
-    int copy = 0;
-    return readAt(reinterpret_cast<std::uintptr_t>(&here), copy);
-}
-
 // Whether ours may go in front of `current`.
 bool mayReplace(int number, const KernelAction& current) {
     if (number != keptByTheCLibrary) {
@@ -145,7 +140,7 @@ bool mayReplace(int number, const KernelAction& current) {
     // Where nothing can be known of other copies, whatever was not there the last time may be one
     // with this copy behind it.
     const std::uintptr_t known = previousAction.function.load(std::memory_order_relaxed);
-    return canReadOwnMemory() || doesNothing(known) || known == current.function;
+    return canCopyOwnMemory() || doesNothing(known) || known == current.function;
 }
 
 void setPreviousAction(const KernelAction& action) {

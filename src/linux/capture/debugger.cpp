@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "linux/task_file.h"
+#include "linux/proc_file.h"
 
 namespace ThreadUtilities::platform {
 

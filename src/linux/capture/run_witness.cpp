@@ -16,14 +16,13 @@
 
 #include "linux/capture/thread_clock.h"
 #include "linux/kernel_calls.h"
-#include "linux/task_file.h"
+#include "linux/proc_file.h"
 
 namespace ThreadUtilities::platform {
 namespace {
 
 int openTaskFile(unsigned int threadId, std::string_view name) {
-    return static_cast<int>(kernelCall(
-        SYS_openat, AT_FDCWD, argument(TaskPath(threadId, name).text()), O_RDONLY | O_CLOEXEC));
+    return openFile(ownTaskPath(threadId, name).text(), O_RDONLY);
 }
 
 bool takeNumber(std::string_view& text, std::uint64_t& number) {
@@ -42,7 +41,7 @@ bool takeNumber(std::string_view& text, std::uint64_t& number) {
 // would not do: on a virtual machine it stood still over some runs of microseconds. The times tell
 // threads apart that have the same id one after the other.
 RunWitness::RunWitness(unsigned int threadId) noexcept
-    : threadId_(threadId), file_(openTaskFile(threadId, "schedstat")) {}
+    : threadId_(threadId), file_(openTaskFile(threadId, "/schedstat")) {}
 
 RunWitness::~RunWitness() {
     for (const int file : {file_, statusFile_, callFile_}) {
@@ -57,8 +56,8 @@ std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
 }
 
 void RunWitness::keepFilesForVisits() noexcept {
-    statusFile_ = openTaskFile(threadId_, "status");
-    callFile_ = openTaskFile(threadId_, "syscall");
+    statusFile_ = openTaskFile(threadId_, "/status");
+    callFile_ = openTaskFile(threadId_, "/syscall");
 }
 
 std::optional<ThreadRuns> RunWitness::read() const noexcept {

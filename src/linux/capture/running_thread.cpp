@@ -3,11 +3,8 @@
 
 #include "linux/capture/running_thread.h"
 
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <chrono>
-#include <cstdint>
 #include <ctime>
 #include <new>
 #include <span>
@@ -15,7 +12,6 @@
 
 #include "linux/capture/capture_requests.h"
 #include "linux/capture/capture_signal.h"
-#include "linux/capture/stack_layout.h"
 #include "linux/capture/thread_clock.h"
 #include "linux/capture/thread_stacks.h"
 #include "linux/kernel_calls.h"
@@ -239,28 +235,6 @@ Visit visitOnce(VisitSlot& slot, const VisitRequest& request, Watch& watch, Wait
     return withEarlierFrames({result}, slot, frames);  // while the slot is still ours
 }
 
-std::uint64_t stackLimit() {
-    rlimit64 limit{};
-    return kernelCall(SYS_prlimit64, 0, RLIMIT_STACK, 0, argument(&limit)) == 0 ? limit.rlim_cur
-                                                                                : 0;
-}
-
-// The first thread's stack grows by what is touched, in one piece and up to its limit; so it may
-// have grown since its bounds were looked up. That much of it can be there, and no page of it is
-// read before the system was asked for it, but those that the kernel has just written. A handler
-// that finds more room above the bounds' begin than it needs does not make it grow past its limit.
-ReadableRange stackBoundsOf(unsigned int threadId) {
-    ReadableRange bounds;
-    if (!findThreadStack(threadId, bounds)) {
-        return {};
-    }
-    const auto firstStackTop = reinterpret_cast<std::uint64_t>(__libc_stack_end);
-    if (bounds.begin <= firstStackTop && firstStackTop < bounds.end) {
-        bounds.begin = std::min(bounds.begin, bounds.end - std::min(firstStackReach, stackLimit()));
-    }
-    return bounds;
-}
-
 VisitorAnswer copyContext(const ThreadContext& context, VisitRoom&) noexcept {
     static_assert(sizeof(ThreadContext) <= visitScratchSize);
     new (context.scratch.data()) ThreadContext(context);
@@ -287,7 +261,7 @@ Visit visitBySignal(const VisitRequest& request, const ThreadStatus& status, Wai
     }
     const PostedRequest::Question question{
         request.threadId, request.suspend ? request.visitor : copyContext,
-        request.suspend ? stackBoundsOf(request.threadId) : ReadableRange{},
+        request.suspend ? threadStackBounds(request.threadId) : ReadableRange{},
         status.reading == ThreadStatus::Reading::Known && !status.hasSystemCallFilter};
     Watch watch(request.threadId, status);
     VisitorAnswer answer = VisitorAnswer::Enough;

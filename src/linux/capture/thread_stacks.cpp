@@ -4,6 +4,7 @@
 #include "linux/capture/thread_stacks.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,31 +14,49 @@
 #include <cstdint>
 #include <string_view>
 
-#include "linux/task_file.h"
+#include "linux/capture/handler/saved_registers.h"
+#include "linux/kernel_calls.h"
+#include "linux/proc_file.h"
 #include "platform/current.h"
 #include "platform/process_copy.h"
+#include "platform/thread_stacks.h"
+
+// The stack pointer at the program's entry, kept by the dynamic linker.
+extern "C" void* __libc_stack_end;  // NOLINT
 
 namespace ThreadUtilities::platform {
 namespace {
 
+/// How far down from its top the first thread's stack may be thought to reach. No other mapping
+/// lies there: the kernel keeps at least 128 MB below the top free for the stack's growth, however
+/// small its limit.
+constexpr std::uint64_t firstStackReach = 64 << 20;
+
+/// How far down from its top the stack of a later thread is thought to reach that was not heard of:
+/// as far as stacks do unless a program asks for larger ones.
+constexpr std::uint64_t usualStackReach = 8 << 20;
+
+std::uint64_t firstStackTop() noexcept {
+    return reinterpret_cast<std::uint64_t>(__libc_stack_end);
+}
+
 // A range in one word, so that a reader can never see half of one: 44 bits of page number and 20
 // bits of page count. 0 is "no range".
-constexpr unsigned PageBits = 12;
 constexpr unsigned CountBits = 20;
 constexpr std::uint64_t MostPages = (std::uint64_t{1} << CountBits) - 1;
 
 // Whole pages outward: protection is per page, so a page that holds one byte of a live stack can
 // be read from end to end. Of a stack above 4 GiB the outer part, which is used first, is kept.
 std::uint64_t pack(std::uint64_t begin, std::uint64_t end) noexcept {
-    const std::uint64_t endPage = (end + (1U << PageBits) - 1) >> PageBits;
+    const std::uint64_t endPage = pageEndOf(end) / memoryPageSize;
     const std::uint64_t beginPage =
-        std::max(begin >> PageBits, endPage - std::min(endPage, MostPages));
+        std::max(begin / memoryPageSize, endPage - std::min(endPage, MostPages));
     return endPage <= beginPage ? 0 : (beginPage << CountBits) | (endPage - beginPage);
 }
 
 ReadableRange unpack(std::uint64_t word) noexcept {
-    const std::uint64_t begin = word >> CountBits << PageBits;
-    return {begin, begin + ((word & MostPages) << PageBits)};
+    const std::uint64_t begin = (word >> CountBits) * memoryPageSize;
+    return {begin, begin + (word & MostPages) * memoryPageSize};
 }
 
 struct Slot {
@@ -129,6 +148,35 @@ std::uint64_t ownStackFromThreadLibrary() noexcept {
     return error == 0 ? pack(begin, begin + size) : 0;
 }
 
+std::uint64_t stackLimit() noexcept {
+    rlimit64 limit{};
+    return kernelCall(SYS_prlimit64, 0, RLIMIT_STACK, 0, argument(&limit)) == 0 ? limit.rlim_cur
+                                                                                : 0;
+}
+
+// A thread whose start was not heard of. The C library puts its own record of a thread at the top
+// of the thread's stack, whoever gave the memory. Its function for the bounds allocates, under a
+// lock that is not recursive. The guess need not be right: pages are asked for, and what lies
+// outside is copied.
+ReadableRange boundsBelowThreadRecord() noexcept {
+    const auto top = static_cast<std::uint64_t>(pthread_self());
+    return {top - std::min(top, usualStackReach), top};
+}
+
+// The C library would read the whole memory map for the first thread.
+ReadableRange findOwnBounds() noexcept {
+    if (kernelCall(SYS_gettid) == kernelProcessId()) {
+        return {firstStackTop() - firstStackReach, firstStackTop()};
+    }
+    return ownRange != 0 ? unpack(ownRange) : boundsBelowThreadRecord();
+}
+
+struct KnownBounds {
+    bool known = false;
+    ReadableRange bounds;
+};
+constinit thread_local KnownBounds ownBounds;
+
 }  // namespace
 
 // Why an answer is whole and belongs to the thread: while the thread lives, nobody but itself
@@ -153,8 +201,28 @@ bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept {
     return false;
 }
 
-ReadableRange ownEnteredStack() noexcept {
-    return ownRange != 0 ? unpack(ownRange) : ReadableRange{};
+// The first thread's stack grows by what is touched, in one piece and up to its limit. No page of
+// it is read before the system was asked for it, but those that the kernel has just written. A
+// handler that finds more room above the bounds' begin than it needs does not make it grow past its
+// limit.
+ReadableRange threadStackBounds(unsigned int threadId) noexcept {
+    ReadableRange bounds;
+    if (!findThreadStack(threadId, bounds)) {
+        return {};
+    }
+    if (bounds.begin <= firstStackTop() && firstStackTop() < bounds.end) {
+        bounds.begin = std::min(bounds.begin, bounds.end - std::min(firstStackReach, stackLimit()));
+    }
+    return bounds;
+}
+
+ReadableRange currentStackRange() noexcept {
+    if (!ownBounds.known) {
+        ownBounds.bounds = findOwnBounds();
+        ownBounds.known = true;
+    }
+    const auto stackPointer = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));
+    return readableStack(ownBounds.bounds, stackPointer);
 }
 
 void rememberOwnStack() noexcept {

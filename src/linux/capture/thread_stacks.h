@@ -19,8 +19,9 @@ namespace ThreadUtilities::platform {
 /// Context: anywhere, a signal handler included; no allocation, no lock, no `thread_local`.
 bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept;
 
-/// What the calling thread was entered with; empty when it was not. No lock, no allocation.
-ReadableRange ownEnteredStack() noexcept;
+/// The same with what the first thread's stack may have grown by since it was entered; empty when
+/// it is not known. Pages of it may be unreadable, and those below the stack pointer not there.
+ReadableRange threadStackBounds(unsigned int threadId) noexcept;
 
 /// Enters the calling thread, which is not the process's first. A thread that cannot be entered
 /// stays unknown.

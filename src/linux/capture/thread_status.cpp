@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "linux/kernel_calls.h"
-#include "linux/task_file.h"
+#include "linux/proc_file.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -85,7 +85,7 @@ unsigned int ownId() {
 /// Not inlined: one more buffer need not be on the stack of every reading.
 [[gnu::noinline]] StatusLines readOwnLines() {
     const unsigned int self = ownId();
-    return readLines(KernelFile(TaskPath(self, "status").text()), self);
+    return readLines(KernelFile(ownTaskPath(self, "/status")), self);
 }
 
 // What the process began with. All its threads descend from the one that there was then, therefore
@@ -134,7 +134,7 @@ ThreadStatus withoutFile(const KernelFile& file) {
 ThreadStatus readThreadStatus(unsigned int threadId, int keptFile) noexcept {
     StatusLines lines = readLines(KernelFile(keptFile), threadId);
     if (lines.status.state == '?') {
-        KernelFile file(TaskPath(threadId, "status").text());
+        KernelFile file(ownTaskPath(threadId, "/status"));
         if (!file.isOpen()) {
             return withoutFile(file);
         }
@@ -143,7 +143,7 @@ ThreadStatus readThreadStatus(unsigned int threadId, int keptFile) noexcept {
     ThreadStatus status = lines.status;
     if (status.state == '?') {
         // Opened, but ended since: the file has become empty.
-        return withoutFile(KernelFile(TaskPath(threadId, "status").text()));
+        return withoutFile(KernelFile(ownTaskPath(threadId, "/status")));
     }
     if (lines.speaksOfOthers || !lines.hasMasks) {
         return {};

@@ -13,14 +13,15 @@
 #include <span>
 #include <string>
 
+#include "linux/kernel_calls.h"
+
 namespace ThreadUtilities::platform {
 namespace {
 
 std::size_t readMemory(pid_t task, std::uint64_t address, std::span<std::uint8_t> out) noexcept {
-    const iovec local{out.data(), out.size()};
-    const iovec remote{reinterpret_cast<void*>(address), out.size()};
-    const ssize_t size = process_vm_readv(task, &local, 1, &remote, 1, 0);
-    return size > 0 ? static_cast<std::size_t>(size) : 0;
+    const iovec there[] = {{reinterpret_cast<void*>(address), out.size()}};
+    const iovec here[] = {{out.data(), out.size()}};
+    return copyMemory(task, there, here);
 }
 
 bool canReadMemory(pid_t task, std::uint64_t address) noexcept {
@@ -37,14 +38,14 @@ Descriptor openMappedFile(pid_t task, const MappedRange& range) {
     }
     const std::string folder = "/proc/" + std::to_string(task);
     const std::string path = folder + "/root" + pathOfMappedFile(folder, range);
-    const Descriptor place(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const Descriptor place(openFile(path.c_str(), O_PATH | O_NOFOLLOW));
     struct stat facts{};
     if (!place.isOpen() || fstat(place.get(), &facts) != 0 || !S_ISREG(facts.st_mode) ||
         facts.st_ino != range.inode) {
         return {};
     }
     const std::string self = "/proc/thread-self/fd/" + std::to_string(place.get());
-    return Descriptor(open(self.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return Descriptor(openFile(self.c_str(), O_RDONLY | O_NONBLOCK));
 }
 
 std::size_t readAt(const Descriptor& file, std::uint64_t offset,

@@ -23,7 +23,7 @@ struct HeaderPlace {
     explicit HeaderPlace(const dl_phdr_info& info) noexcept
         : begin(reinterpret_cast<std::uint64_t>(info.dlpi_phdr)),
           tableSize(std::size_t{info.dlpi_phnum} * sizeof(ElfW(Phdr))) {
-        const std::size_t restOfPage = pageSize - begin % pageSize;
+        const std::size_t restOfPage = memoryPageSize - begin % memoryPageSize;
         constexpr std::size_t roomForNotes = 256;
         const std::size_t wanted = std::min(tableSize + roomForNotes, mostBytes);
         size = tableSize > mostBytes ? 0 : std::max(tableSize, std::min(restOfPage, wanted));

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -24,7 +25,7 @@
 #include "foundation/text_conversion.h"
 #include "linux/capture/handler/elf_headers.h"
 #include "linux/kernel_calls.h"
-#include "linux/modules/elf_image.h"
+#include "linux/modules/build_id.h"
 #include "linux/modules/loaded_headers.h"
 #include "linux/modules/loader_list.h"
 #include "linux/modules/process_map.h"
@@ -80,18 +81,6 @@ struct LoaderWalk {
     }
 };
 
-std::optional<DebugGuid> readBuildId(const CopiedHeaders& headers, std::uint64_t address,
-                                     const ProgramHeader& note) noexcept {
-    const ByteCursor known = headers.bytesAt(address, note.fileSize);
-    if (known.ok()) {
-        return findBuildId(known, note.alignment);
-    }
-    std::uint8_t copy[512];
-    const std::size_t size =
-        readOwnMemory(address, copy, std::min<std::uint64_t>(note.fileSize, sizeof(copy)));
-    return findBuildId(ByteCursor(copy, size), note.alignment);
-}
-
 /// Of size 0 when the headers cannot be read.
 FoundModule inspect(const CopiedHeaders& headers, std::uint64_t loadBias) noexcept {
     FoundModule module{};
@@ -101,13 +90,16 @@ FoundModule inspect(const CopiedHeaders& headers, std::uint64_t loadBias) noexce
     }
     module.base = loadBias + extent->begin;
     module.size = extent->end - extent->begin;
-    ByteCursor table = headers.table();
-    while (!module.guid && !table.atEnd()) {
-        const ProgramHeader header = takeProgramHeader(table);
-        if (header.type == PT_NOTE) {
-            module.guid = readBuildId(headers, loadBias + header.address, header);
-        }
-    }
+    std::uint8_t copy[512];
+    module.guid = buildIdOf(headers.table(), [&](const ProgramHeader& note) {
+        const std::uint64_t address = loadBias + note.address;
+        const ByteCursor known = headers.bytesAt(address, note.fileSize);
+        return known.ok()
+                   ? known
+                   : ByteCursor(
+                         copy, readOwnMemory(address, copy,
+                                             std::min<std::uint64_t>(note.fileSize, sizeof(copy))));
+    });
     return module;
 }
 
@@ -122,10 +114,8 @@ std::size_t copyHeaders(LoaderWalk& walk, std::size_t first) noexcept {
         here[count] = {walk.copyOf(number), place.size};
         there[count] = {reinterpret_cast<void*>(place.begin), place.size};
     }
-    const long copied =
-        kernelCall(SYS_process_vm_readv, kernelProcessId(), argument(&here[0]),
-                   static_cast<long>(count), argument(&there[0]), static_cast<long>(count), 0);
-    return copied > 0 ? static_cast<std::size_t>(copied) : 0;
+    return copyMemory(kernelProcessId(), std::span(there).first(count),
+                      std::span(here).first(count));
 }
 
 void inspectWaiting(LoaderWalk& walk) noexcept {

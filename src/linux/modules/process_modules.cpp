@@ -3,17 +3,11 @@
 
 #include "linux/modules/process_modules.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -24,10 +18,10 @@
 #include "foundation/ascii.h"
 #include "foundation/text_conversion.h"
 #include "linux/capture/handler/elf_headers.h"
-#include "linux/descriptor.h"
-#include "linux/modules/elf_image.h"
+#include "linux/modules/build_id.h"
 #include "linux/modules/image_reader.h"
 #include "linux/modules/process_map.h"
+#include "linux/proc_file.h"
 #include "linux/threads/task_folder.h"
 
 namespace ThreadUtilities::platform {
@@ -38,20 +32,17 @@ constexpr std::size_t longestMap = 64 * 1024 * 1024;
 constexpr std::size_t longestNotes = 64 * 1024;
 constexpr std::string_view kernelImageMark = "[vdso]";
 
-std::string readText(const std::string& path, std::size_t limit) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+std::string readText(const char* path, std::size_t limit) {
+    KernelFile file(path);
     std::string text;
     std::size_t size = 0;
     while (file.isOpen() && size < limit) {
         text.resize(std::max<std::size_t>(2 * size, 32 * 1024));
-        const ssize_t count = read(file.get(), text.data() + size, text.size() - size);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
+        const std::size_t count = file.read(text.data() + size, text.size() - size);
+        if (count == 0) {
             break;
         }
-        size += static_cast<std::size_t>(count);
+        size += count;
     }
     text.resize(size);
     return text;
@@ -63,38 +54,22 @@ struct LiveTask {
     std::string mapText;
 };
 
-/// A first thread that has ended shows an empty map although the others run on.
-LiveTask findLiveTask(unsigned int processId) {
-    const std::string folder = "/proc/" + std::to_string(processId);
-    LiveTask task{static_cast<pid_t>(processId), readText(folder + "/maps", longestMap)};
-    if (!task.mapText.empty()) {
-        return task;
-    }
-    const std::unique_ptr<DIR, int (*)(DIR*)> threads(opendir((folder + "/task").c_str()),
-                                                      closedir);
-    while (threads && task.mapText.empty()) {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is this call's own
-        const dirent* const entry = readdir(threads.get());
-        if (entry == nullptr) {
-            break;
-        }
-        task.id = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
-        if (task.id != 0) {
-            task.mapText = readText("/proc/" + std::to_string(task.id) + "/maps", longestMap);
-        }
-    }
-    return task;
+std::string readMap(unsigned int id) {
+    return readText(ProcPath("/proc/", id, "/maps").text(), longestMap);
 }
 
-std::optional<DebugGuid> readBuildId(const ImageReader& reader, const ElfImage& image) {
-    for (const NoteSegment& note : image.notes) {
-        std::vector<std::uint8_t> bytes(std::min<std::uint64_t>(note.size, longestNotes));
-        const std::size_t size = reader.read(note.imageOffset, note.fileOffset, bytes);
-        if (const auto guid = findBuildId(ByteCursor(bytes.data(), size), note.alignment)) {
-            return guid;
+/// A first thread that has ended shows an empty map although the others run on.
+LiveTask findLiveTask(unsigned int processId) {
+    if (std::string text = readMap(processId); !text.empty()) {
+        return {static_cast<pid_t>(processId), std::move(text)};
+    }
+    for (const unsigned int id :
+         listNumberedEntries(ProcPath("/proc/", processId, "/task").text())) {
+        if (std::string text = readMap(id); !text.empty()) {
+            return {static_cast<pid_t>(id), std::move(text)};
         }
     }
-    return std::nullopt;
+    return {};
 }
 
 /// Whether any of the memory from here up to the start of another mapped file is code. Spares the
@@ -128,9 +103,17 @@ std::optional<std::uint64_t> imageOffsetOf(std::span<const MappedRange> ranges,
     return std::nullopt;
 }
 
+/// An image's program headers, and what they say of it as a whole.
+struct Image {
+    std::vector<std::uint8_t> headers;
+    ImageExtent extent;
+
+    ByteCursor table() const { return {headers.data(), headers.size()}; }
+};
+
 /// None when the image is no object that can be loaded, or cannot be read; `isReadable` tells.
-std::optional<ElfImage> readImage(const ImageReader& reader, std::span<const MappedRange> ranges,
-                                  bool& isReadable) {
+std::optional<Image> readImage(const ImageReader& reader, std::span<const MappedRange> ranges,
+                               bool& isReadable) {
     std::array<std::uint8_t, fileHeaderSize> header;
     const std::size_t headerSize = reader.read(0, 0, header);
     isReadable = headerSize != 0;
@@ -138,15 +121,32 @@ std::optional<ElfImage> readImage(const ImageReader& reader, std::span<const Map
     if (!place) {
         return std::nullopt;
     }
-    std::vector<std::uint8_t> table(place->size);  // at most 65,535 entries
+    Image image{std::vector<std::uint8_t>(place->size), {}};  // at most 65,535 entries
     const auto imageOffset = imageOffsetOf(ranges, place->fileOffset);
-    const std::size_t size = imageOffset ? reader.read(*imageOffset, place->fileOffset, table)
-                                         : reader.readFile(place->fileOffset, table);
-    if (size != table.size()) {
+    const std::size_t size = imageOffset
+                                 ? reader.read(*imageOffset, place->fileOffset, image.headers)
+                                 : reader.readFile(place->fileOffset, image.headers);
+    if (size != image.headers.size()) {
         isReadable = false;  // what begins like an object may be one
         return std::nullopt;
     }
-    return parseElfImage(ByteCursor(table.data(), size));
+    const auto extent = extentOf(image.table());
+    if (!extent) {
+        return std::nullopt;
+    }
+    image.extent = *extent;
+    return image;
+}
+
+std::optional<DebugGuid> readBuildId(const ImageReader& reader, const Image& image) {
+    std::vector<std::uint8_t> bytes;
+    return buildIdOf(image.table(), [&](const ProgramHeader& note) {
+        bytes.resize(std::min<std::uint64_t>(note.fileSize, longestNotes));
+        // What wraps lies outside every image, and is not readable.
+        const std::size_t size =
+            reader.read(note.address - image.extent.begin, note.fileOffset, bytes);
+        return ByteCursor(bytes.data(), size);
+    });
 }
 
 /// Where the last of the ranges ends that begin below `limit` and belong to the image: those of
@@ -197,7 +197,7 @@ std::optional<LoadedModule> readModule(pid_t task, std::span<const MappedRange> 
     bool isReadable = false;
     std::uint64_t limit = 0;
     if (const auto image = readImage(reader, ranges, isReadable)) {
-        const auto end = checkedAdd(first.begin, image->size);
+        const auto end = checkedAdd(first.begin, image->extent.end - image->extent.begin);
         if (!end) {
             return std::nullopt;
         }

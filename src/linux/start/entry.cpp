@@ -11,9 +11,9 @@
 
 #include "linux/capture/thread_stacks.h"
 #include "linux/copied_process.h"
-#include "linux/threads/list_coverage.h"
-#include "linux/threads/program_name.h"
-#include "linux/threads/thread_exit_rounds.h"
+#include "linux/threads/thread_exit.h"
+#include "linux/threads/thread_names.h"
+#include "linux/threads/threads.h"
 #include "platform/notices.h"
 #include "platform/thread_exit.h"
 
@@ -46,7 +46,6 @@ void attachProcess() noexcept {
 
 // After the constructors 101 of this backend, before the static objects of the program.
 __attribute__((constructor(102))) void load() {
-    prepareStartHooks();
     setThreadNotices({onThreadAttach, onThreadGone});
     setActionAfterCopy([] { attachProcess(); });
     rememberFirstThreadStack();

@@ -11,9 +11,6 @@ namespace ThreadUtilities::platform {
 /// its function stand.
 void beginThread(ThreadRecord* record) noexcept;
 
-/// Looks the C library's own functions up, so that later starts of threads find them.
-void prepareStartHooks() noexcept;
-
 /// False as long as the library has not been loaded to its end; threads are then not announced.
 bool isLoaded() noexcept;
 

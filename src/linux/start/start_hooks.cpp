@@ -150,13 +150,15 @@ constinit NextFunction<CreateFunction> nextPthreadCreate("pthread_create", &ownP
 constinit NextFunction<CThreadCreateFunction> nextThrdCreate("thrd_create", &ownThrdCreate,
                                                              &createCThread);
 
-}  // namespace
-
-void prepareStartHooks() noexcept {
+// Before the threads are announced (entry.cpp), so that later starts find the C library's functions
+// without a look-up.
+__attribute__((constructor(101))) void prepareStartHooks() noexcept {
     nextPthreadCreate.get();
     nextThrdCreate.get();
     staysOutside = mustStayOutside();
 }
+
+}  // namespace
 
 }  // namespace ThreadUtilities::platform
 

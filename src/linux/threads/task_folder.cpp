@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "foundation/checked_bytes.h"
+#include "linux/descriptor.h"
 #include "linux/kernel_calls.h"
 #include "linux/proc_file.h"
 
@@ -60,25 +61,17 @@ void appendNumbers(std::vector<unsigned int>& numbers, const std::uint8_t* entri
 class Folder {
  public:
     explicit Folder(const char* path) noexcept
-        : descriptor(kernelCall(SYS_openat, AT_FDCWD, argument(path),
-                                O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
-    ~Folder() {
-        if (descriptor >= 0) {
-            kernelCall(SYS_close, descriptor);
-        }
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
+        : descriptor(openFile(path, O_RDONLY | O_DIRECTORY)) {}
 
     /// The number of bytes read; 0 at the end and on failure.
     std::size_t read(std::uint8_t* buffer, std::size_t size) noexcept {
         const long length =
-            kernelCall(SYS_getdents64, descriptor, argument(buffer), static_cast<long>(size));
+            kernelCall(SYS_getdents64, descriptor.get(), argument(buffer), static_cast<long>(size));
         return length > 0 ? static_cast<std::size_t>(length) : 0;
     }
 
  private:
-    long descriptor;
+    Descriptor descriptor;
 };
 
 // "id (name) state parent group session terminal foreground flags ...": the name may hold
@@ -140,7 +133,7 @@ TaskState stateOfOwnTask(unsigned int threadId) noexcept {
     if (hasRobustList(threadId)) {
         return TaskState::Live;
     }
-    return stateFromFile(ProcPath("/proc/self/task/", threadId, "/stat"));
+    return stateFromFile(ownTaskPath(threadId, "/stat"));
 }
 
 TaskState stateOfTask(unsigned int processId, unsigned int threadId) noexcept {

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "linux/threads/thread_exit_rounds.h"
+#include "linux/threads/thread_exit.h"
 
 // The C library's list of `thread_local` destructors (Itanium C++ ABI, section 3.3.6.1).
 extern "C" int __cxa_thread_atexit_impl(void (*function)(void*), void* argument, void* dsoSymbol);

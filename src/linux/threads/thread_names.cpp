@@ -19,8 +19,8 @@
 #include <utility>
 
 #include "linux/proc_file.h"
-#include "linux/threads/program_name.h"
 #include "linux/threads/task_folder.h"
+#include "linux/threads/thread_names.h"
 #include "linux/threads/thread_records.h"
 #include "platform/current.h"
 

@@ -11,6 +11,7 @@
 #include <optional>
 #include <utility>
 
+#include "foundation/never_destroyed.h"
 #include "linux/threads/task_folder.h"
 #include "platform/current.h"
 #include "platform/process_copy.h"
@@ -38,13 +39,8 @@ struct Registry {
     static constexpr std::size_t FewRecords = 64;
 };
 
-// Never destroyed: threads end, and are named, until the very end of the process.
-union LastingRegistry {
-    Registry value;
-    constexpr LastingRegistry() : value() {}
-    ~LastingRegistry() {}  // NOLINT(modernize-use-equals-default)
-};
-constinit LastingRegistry lastingRegistry;
+// Threads end, and are named, until the very end of the process.
+constinit NeverDestroyed<Registry> lastingRegistry;
 constinit Registry& registry = lastingRegistry.value;
 
 constinit std::atomic<bool> firstThreadEnded{false};

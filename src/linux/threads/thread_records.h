@@ -12,8 +12,8 @@
 #include <optional>
 #include <string>
 
-#include "linux/threads/kernel_name.h"
 #include "linux/threads/life_witness.h"
+#include "linux/threads/thread_names.h"
 
 namespace ThreadUtilities::platform {
 

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "linux/proc_file.h"
-#include "linux/threads/list_coverage.h"
 #include "linux/threads/task_folder.h"
 #include "linux/threads/thread_records.h"
+#include "linux/threads/threads.h"
 #include "platform/current.h"
 #include "platform/process_copy.h"
 

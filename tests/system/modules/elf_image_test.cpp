@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "linux/modules/elf_image.h"
+#include "linux/modules/build_id.h"
 
 #include <gtest/gtest.h>
 

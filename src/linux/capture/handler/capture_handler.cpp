@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "linux/capture/handler/capture_request.h"
+#include "linux/capture/handler/handler_chain.h"
 #include "linux/capture/handler/saved_registers.h"
 #include "linux/kernel_calls.h"
 #include "platform/memory.h"
@@ -64,9 +65,7 @@ bool hasLeft(const CaptureRequest& request, const HandlerPlace& now) noexcept {
 }
 
 void leaveSlot(const CaptureRequest& request) noexcept {
-    const auto number = static_cast<std::size_t>(&request - captureRequests.slots.data());
-    const std::uint64_t bit = std::uint64_t{1} << (number % slotsPerWord);
-    captureRequests.used[number / slotsPerWord].fetch_and(~bit, std::memory_order_release);
+    captureRequests.giveBack(static_cast<std::size_t>(&request - captureRequests.slots.data()));
 }
 
 bool claim(CaptureRequest& request, std::uint32_t threadId, const HandlerPlace& place,

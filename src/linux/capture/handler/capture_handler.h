@@ -8,8 +8,6 @@
 #include <csignal>
 #include <cstdint>
 
-#include "linux/capture/handler/handler_chain.h"
-
 namespace ThreadUtilities::platform {
 
 /// What `rt_tgsigqueueinfo` is given to call the handler on a thread. It names that thread, which
@@ -19,13 +17,6 @@ siginfo_t captureSignalInfo(int number, unsigned int threadId) noexcept;
 /// The handler. Answers the requests of this copy of the library; signals that are not its own go
 /// to `previousAction`.
 void onCaptureSignal(int number, siginfo_t* info, void* interrupted) noexcept;
-
-/// Returns from the handler to the interrupted code.
-extern "C" __attribute__((visibility("hidden"))) void tuCaptureRestorer() noexcept;
-
-/// Set before the handler is installed.
-extern constinit ChainLink previousAction asm("tuCapturePreviousAction")
-    __attribute__((visibility("hidden")));
 
 /// How much stack must be left below a handler's frame for it to walk: what it takes with all that
 /// it calls is less. With less room it answers without frames.

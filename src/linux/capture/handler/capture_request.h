@@ -96,6 +96,11 @@ inline constexpr std::size_t slotsPerWord = 64;
 struct RequestTable {
     std::array<CaptureRequest, requestSlots> slots;
     std::array<std::atomic<std::uint64_t>, requestSlots / slotsPerWord> used;
+
+    void giveBack(std::size_t number) noexcept {
+        const std::uint64_t bit = std::uint64_t{1} << (number % slotsPerWord);
+        used[number / slotsPerWord].fetch_and(~bit, std::memory_order_release);
+    }
 };
 
 extern constinit RequestTable captureRequests;

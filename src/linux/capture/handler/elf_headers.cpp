@@ -62,7 +62,7 @@ std::optional<ImageExtent> extentOf(ByteCursor table) noexcept {
             highest = std::max(highest, *end);
         }
     }
-    const auto end = checkedAlignUp(highest, pageSize);
+    const auto end = checkedAlignUp(highest, memoryPageSize);
     if (!table.ok() || !end || lowest >= *end) {
         return std::nullopt;
     }

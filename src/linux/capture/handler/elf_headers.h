@@ -16,12 +16,6 @@
 
 namespace ThreadUtilities::platform {
 
-constexpr std::uint64_t pageSize = 4096;
-
-constexpr std::uint64_t pageOf(std::uint64_t address) noexcept {
-    return address & ~(pageSize - 1);
-}
-
 /// Bytes of the file header.
 constexpr std::size_t fileHeaderSize = 64;
 /// Where the program headers lie in the file, which may be anywhere: tools that rewrite an object

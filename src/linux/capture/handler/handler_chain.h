@@ -35,6 +35,13 @@ inline constexpr std::uint64_t chainMarkFirst = 0x9E1C'77A4'53D0'2B6F;
 inline constexpr std::uint64_t chainMarkSecond = 0x41F8'D35B'0AE6'9C27;
 inline constexpr std::size_t chainMarkDistance = 32;
 
+/// The action that was there before this copy's; set before the handler is installed.
+extern constinit ChainLink previousAction asm("tuCapturePreviousAction")
+    __attribute__((visibility("hidden")));
+
+/// This copy's restorer: returns from the handler to the interrupted code.
+extern "C" __attribute__((visibility("hidden"))) void tuCaptureRestorer() noexcept;
+
 /// More copies than any process has; ends a ring that damage has made.
 inline constexpr unsigned int mostChainedHandlers = 16;
 

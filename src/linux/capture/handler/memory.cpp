@@ -50,11 +50,9 @@ bool isReadableNow(std::uint64_t address) noexcept {
 }
 
 std::size_t readOwnMemory(std::uint64_t address, void* out, std::size_t size) noexcept {
-    const iovec local{out, size};
-    const iovec remote{reinterpret_cast<void*>(address), size};
-    const long copied = kernelCall(SYS_process_vm_readv, kernelProcessId(), argument(&local), 1,
-                                   argument(&remote), 1, 0);
-    return copied > 0 ? static_cast<std::size_t>(copied) : 0;
+    const iovec there[] = {{reinterpret_cast<void*>(address), size}};
+    const iovec here[] = {{out, size}};
+    return copyMemory(kernelProcessId(), there, here);
 }
 
 }  // namespace ThreadUtilities::platform

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <span>
 
 #include "foundation/checked_bytes.h"
 #include "linux/capture/handler/elf_headers.h"
@@ -54,7 +55,7 @@ std::uint64_t indexLength(std::uint64_t begin, std::uint64_t unwindHeader) noexc
     constexpr std::uint64_t countMask = (std::uint64_t{1} << countBits) - 1;
     constexpr std::uint64_t headerSize = 12;
     constexpr std::uint64_t entrySize = 8;
-    const std::uint64_t module = begin / pageSize << countBits;
+    const std::uint64_t module = begin / memoryPageSize << countBits;
     std::atomic<std::uint64_t>& hint = hintOf(indexHints, begin);
     std::uint64_t known = hint.load(std::memory_order_relaxed);
     if (module == 0 || (known & ~countMask) != module) {
@@ -71,7 +72,7 @@ std::uint64_t indexLength(std::uint64_t begin, std::uint64_t unwindHeader) noexc
 /// that what can be read of it can all be read.
 std::uint64_t indexLook(std::uint64_t begin, std::uint64_t unwindHeader) noexcept {
     const std::uint64_t end = unwindHeader + indexLength(begin, unwindHeader);
-    const std::uint64_t lookEnd = std::min(end + indexSize / 2, pageOf(end - 1) + pageSize);
+    const std::uint64_t lookEnd = std::min(end + indexSize / 2, pageOf(end - 1) + memoryPageSize);
     return std::max(unwindHeader, lookEnd - indexSize);
 }
 
@@ -131,12 +132,10 @@ std::uint64_t readablePages(std::uint64_t first, std::uint64_t count) noexcept {
     iovec pages[mostPages];
     count = std::min(count, mostPages);
     for (std::uint64_t index = 0; index < count; ++index) {
-        pages[index] = {reinterpret_cast<void*>(first + index * pageSize), 1};
+        pages[index] = {reinterpret_cast<void*>(first + index * memoryPageSize), 1};
     }
-    const iovec local{bytes, sizeof(bytes)};
-    const long read = kernelCall(SYS_process_vm_readv, kernelProcessId(), argument(&local), 1,
-                                 argument(pages), static_cast<long>(count), 0);
-    return read > 0 ? static_cast<std::uint64_t>(read) : 0;
+    const iovec here[] = {{bytes, sizeof(bytes)}};
+    return copyMemory(kernelProcessId(), std::span(pages).first(count), here);
 }
 
 /// What can be read from the page of `address` on, by trying: up to 4 MiB.
@@ -147,9 +146,9 @@ std::uint64_t readablePages(std::uint64_t first, std::uint64_t count) noexcept {
     }
     ReadableRange range{pageOf(address), pageOf(address)};
     for (int calls = 0; calls < 16 && range.end < end; ++calls) {
-        const std::uint64_t wanted = (end - range.end + pageSize - 1) / pageSize;
+        const std::uint64_t wanted = (end - range.end + memoryPageSize - 1) / memoryPageSize;
         const std::uint64_t found = readablePages(range.end, wanted);
-        range.end += found * pageSize;
+        range.end += found * memoryPageSize;
         if (found < std::min<std::uint64_t>(wanted, 64)) {
             break;
         }
@@ -195,12 +194,11 @@ std::uint64_t readablePages(std::uint64_t first, std::uint64_t count) noexcept {
     if (!isWithin(index, indexSize, begin, begin + size)) {
         return 0;
     }
-    const iovec local{bytes.data(), lookSize};
-    const iovec remote[] = {{reinterpret_cast<void*>(begin), startSize},
-                            {reinterpret_cast<void*>(index), indexSize}};
-    const long copied = kernelCall(SYS_process_vm_readv, kernelProcessId(), argument(&local), 1,
-                                   argument(remote), 2, 0);
-    if (copied != static_cast<long>(lookSize) || !hasBuildId(begin, bytes.data())) {
+    const iovec there[] = {{reinterpret_cast<void*>(begin), startSize},
+                           {reinterpret_cast<void*>(index), indexSize}};
+    const iovec here[] = {{bytes.data(), lookSize}};
+    if (copyMemory(kernelProcessId(), there, here) != lookSize ||
+        !hasBuildId(begin, bytes.data())) {
         return 0;
     }
     return mixed(hashOf(bytes) ^ begin, 0xD6E8FEB86659FD93 ^ unwindHeader) | 1;

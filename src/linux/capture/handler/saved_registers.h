@@ -29,7 +29,6 @@ inline Registers savedRegisters(const ucontext_t& interrupted) noexcept {
 /// the next multiple of 64.
 inline ReadableRange pagesOfSignal(const ucontext_t& interrupted) noexcept {
     constexpr std::uint64_t unwritten = 128 + 64;
-    constexpr std::uint64_t inPage = memoryPageSize - 1;
     const auto context = reinterpret_cast<std::uint64_t>(&interrupted);
     const auto stackPointer = static_cast<std::uint64_t>(interrupted.uc_mcontext.gregs[REG_RSP]);
     const auto alternate = reinterpret_cast<std::uint64_t>(interrupted.uc_stack.ss_sp);
@@ -41,7 +40,7 @@ inline ReadableRange pagesOfSignal(const ucontext_t& interrupted) noexcept {
     if (!isOnSameStack || stackPointer < context || stackPointer - context < unwritten) {
         return {};
     }
-    return {context & ~inPage, (stackPointer - unwritten + inPage) & ~inPage};
+    return {pageOf(context), pageEndOf(stackPointer - unwritten)};
 }
 
 /// The part of a stack that a walk from `stackPointer` may read: what lies above, and the 128 bytes

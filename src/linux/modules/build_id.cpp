@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "linux/modules/elf_image.h"
+#include "linux/modules/build_id.h"
 
 #include <elf.h>
 
@@ -10,27 +10,7 @@
 #include <cstring>
 #include <optional>
 
-#include "linux/capture/handler/elf_headers.h"
-
 namespace ThreadUtilities::platform {
-
-std::optional<ElfImage> parseElfImage(ByteCursor table) {
-    const auto extent = extentOf(table);
-    if (!extent) {
-        return std::nullopt;
-    }
-    ElfImage image;
-    image.size = extent->end - extent->begin;
-    while (!table.atEnd()) {
-        const ProgramHeader header = takeProgramHeader(table);
-        if (header.type == PT_NOTE) {
-            // What wraps lies outside every image, and is not readable.
-            image.notes.push_back({header.address - extent->begin, header.fileOffset,
-                                   header.fileSize, header.alignment});
-        }
-    }
-    return image;
-}
 
 std::optional<DebugGuid> findBuildId(ByteCursor notes, std::uint64_t alignment) noexcept {
     const std::size_t padding = alignment == 8 ? 8 : 4;

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "linux/capture/handler/capture_handler.h"
+#include "linux/capture/handler/handler_chain.h"
 
 // The C library's own restorer cannot be asked for without installing an action through it, which
 // it refuses for this signal. Unwinders know a restorer by its instructions, byte by byte, or by
