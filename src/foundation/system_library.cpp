@@ -14,6 +14,20 @@ namespace {
 constexpr std::array<WideStringView, 8> forbiddenPathParts = {
     wide<"..">, wide<"<">, wide<">">, wide<"\"">, wide<"/">, wide<"|">, wide<"?">, wide<"*">};
 
+/// Neither empty, nor with ".." or any of < > " / | ? * in it.
+bool isSafeLibraryPath(WideStringView path) {
+    return !path.empty() &&
+           std::none_of(forbiddenPathParts.begin(), forbiddenPathParts.end(),
+                        [&](WideStringView part) { return path.find(part) != path.npos; });
+}
+
+WideString withTrailing(WideChar separator, WideString folder) {
+    if (folder.empty() || folder.back() != separator) {
+        folder.push_back(separator);
+    }
+    return folder;
+}
+
 }  // namespace
 
 platform::LibraryHandle loadSystemLibrary(const WideString& fileName) {
@@ -22,26 +36,12 @@ platform::LibraryHandle loadSystemLibrary(const WideString& fileName) {
         // Otherwise a file name alone, made absolute by the separator, would name the root folder.
         return nullptr;
     }
-    const WideString fullPath = withTrailingBackslash(folder.path) + fileName;
+    const WideString fullPath = withTrailing(folder.separator, folder.path) + fileName;
     if (!isSafeLibraryPath(folder.exemptFromRefusal ? fileName : fullPath) ||
         !platform::isAbsolutePath(fullPath)) {
         return nullptr;
     }
     return platform::openLibrary(fullPath);
-}
-
-bool isSafeLibraryPath(WideStringView path) {
-    return !path.empty() &&
-           std::none_of(forbiddenPathParts.begin(), forbiddenPathParts.end(),
-                        [&](WideStringView part) { return path.find(part) != path.npos; });
-}
-
-WideString withTrailingBackslash(WideString folder) {
-    const WideChar separator = platform::pathSeparator();
-    if (folder.empty() || folder.back() != separator) {
-        folder.push_back(separator);
-    }
-    return folder;
 }
 
 }  // namespace ThreadUtilities

@@ -16,11 +16,4 @@ namespace ThreadUtilities {
 /// (`platform::closeLibrary`). Any thread, also while the system's loader calls the library.
 platform::LibraryHandle loadSystemLibrary(const WideString& fileName);
 
-/// True for a path that is not empty and contains neither ".." nor any of < > " / | ? *.
-bool isSafeLibraryPath(WideStringView path);
-
-/// The folder with exactly the separator it has, or with the platform's (a backslash, or a slash)
-/// appended where it does not end in one.
-WideString withTrailingBackslash(WideString folder);
-
 }  // namespace ThreadUtilities

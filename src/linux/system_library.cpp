@@ -9,7 +9,7 @@
 
 #include <string_view>
 
-#include "foundation/text_conversion.h"
+#include "platform/text.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -35,13 +35,9 @@ SystemFolder systemLibraryFolder() {
     const std::string_view path = runningCLibraryPath();
     const auto separator = path.rfind('/');
     if (separator == path.npos) {
-        return {{}, true};
+        return {};
     }
-    return {utf8ToWide(path.substr(0, separator + 1)), true};
-}
-
-WideChar pathSeparator() noexcept {
-    return u'/';
+    return {utf8ToWide(path.substr(0, separator + 1)), u'/', true};
 }
 
 bool isAbsolutePath(WideStringView path) noexcept {

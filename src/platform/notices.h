@@ -14,10 +14,8 @@ void onProcessAttach();
 /// On a new thread, before its own code runs.
 void onThreadAttach();
 
-/// On an ending thread, after its own code.
-void onThreadDetach();
-
-/// The same of any thread, from another one: for a system that tells of an end only afterwards.
-void onThreadGone(unsigned int threadId);
+/// After a thread's own code: on the ending thread, or from another one where the system tells of
+/// an end only afterwards.
+void onThreadDetach(unsigned int threadId);
 
 }  // namespace ThreadUtilities::platform

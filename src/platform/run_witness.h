@@ -25,8 +25,9 @@ struct ThreadRuns {
 /// Reads one thread's `ThreadRuns`. For one thread at a time. Allocates nothing, takes no lock.
 class RunWitness {
  public:
-    /// Keeps one file open at most.
-    explicit RunWitness(unsigned int threadId) noexcept;
+    /// Keeps one file open at most; with `keepsFilesForVisits` also what a visit of the thread
+    /// reads, `mostFiles` then in all.
+    explicit RunWitness(unsigned int threadId, bool keepsFilesForVisits = false) noexcept;
     ~RunWitness();
     RunWitness(const RunWitness&) = delete;
     RunWitness& operator=(const RunWitness&) = delete;
@@ -39,8 +40,6 @@ class RunWitness {
     /// the thread has not run, and several times cheaper than the proof. None as with `read`.
     [[nodiscard]] std::optional<std::uint64_t> readHint() const noexcept;
 
-    /// Keeps open also what a visit of the thread reads; `mostFiles` then in all.
-    void keepFilesForVisits() noexcept;
     static constexpr std::size_t mostFiles = 3;
 
  private:

@@ -12,14 +12,12 @@ namespace ThreadUtilities::platform {
 /// The one folder that system libraries are loaded from; an empty path when it cannot be had.
 struct SystemFolder {
     WideString path;
+    WideChar separator = '\\';  ///< what separates the pieces of a path
     /// True where the system's own path syntax uses a character that is refused in file names.
     bool exemptFromRefusal = false;
 };
 
 SystemFolder systemLibraryFolder();
-
-/// What separates the pieces of a path.
-WideChar pathSeparator() noexcept;
 
 /// Whether the path names its file from the root of a volume, without search or context.
 bool isAbsolutePath(WideStringView path) noexcept;

@@ -3,7 +3,7 @@
 
 #pragma once
 
-// Wide text, and the system's converters between it and UTF-8.
+// UTF-8 towards the library's users, UTF-16 towards the system.
 
 #include <string>
 #include <string_view>
@@ -16,16 +16,11 @@ using WideChar = std::conditional_t<sizeof(wchar_t) == 2, wchar_t, char16_t>;
 using WideString = std::basic_string<WideChar>;
 using WideStringView = std::basic_string_view<WideChar>;
 
-namespace platform {
+/// Conversions never fail over what a text contains: every maximal ill-formed subpart (Unicode 15,
+/// section 3.9, table 3-8), and each unpaired surrogate, becomes one U+FFFD. NULs are characters
+/// like any other; nothing is normalised. Empty where the system refuses, which it may do for texts
+/// of 2^31 units and more.
+WideString utf8ToWide(std::string_view text);
+std::string wideToUtf8(WideStringView text);
 
-/// Converts `count` UTF-8 bytes. With `capacity` 0 nothing is written. Returns the number of
-/// UTF-16 units that the result has, 0 on failure. Every maximal ill-formed subpart becomes one
-/// U+FFFD (Unicode 15, section 3.9, table 3-8).
-int convertUtf8ToWide(const char* text, int count, WideChar* out, int capacity);
-
-/// Converts `count` UTF-16 units. With `capacity` 0 nothing is written. Returns the number of
-/// UTF-8 bytes that the result has, 0 on failure. An unpaired surrogate becomes U+FFFD.
-int convertWideToUtf8(const WideChar* text, int count, char* out, int capacity);
-
-}  // namespace platform
 }  // namespace ThreadUtilities

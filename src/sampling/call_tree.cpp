@@ -14,7 +14,7 @@
 #include <string_view>
 #include <utility>
 
-#include "foundation/text_conversion.h"
+#include "platform/text.h"
 #include "stack/frame_details.h"
 
 namespace ThreadUtilities {

@@ -80,12 +80,9 @@ CaptureSession::KnownThreads::iterator CaptureSession::know(unsigned int threadI
     // What tells whether a thread has run is asked most; so half of the files are left to that.
     KnownThread& thread = known->second;
     if (freeFiles > 0) {
-        thread.witness = std::make_unique<RunWitness>(threadId);
-        thread.files = 1;
-        if (freeFiles > mostFiles / 2 && freeFiles >= RunWitness::mostFiles) {
-            thread.witness->keepFilesForVisits();
-            thread.files = RunWitness::mostFiles;
-        }
+        const bool keepsAll = freeFiles > mostFiles / 2 && freeFiles >= RunWitness::mostFiles;
+        thread.witness = std::make_unique<RunWitness>(threadId, keepsAll);
+        thread.files = keepsAll ? RunWitness::mostFiles : 1;
         freeFiles -= thread.files;
     }
     return known;

@@ -12,8 +12,8 @@
 
 #include <ThreadUtilities/Threads.h>
 
-#include "foundation/text_conversion.h"
 #include "platform/debugger.h"
+#include "platform/text.h"
 #include "stack/frame_details.h"
 #include "stack/stack_trace.h"
 

@@ -152,11 +152,7 @@ void onThreadAttach() {
     wakeThoseWhoWaitForAStart();
 }
 
-void onThreadDetach() {
-    onThreadGone(currentThreadId());
-}
-
-void onThreadGone(unsigned int threadId) {
+void onThreadDetach(unsigned int threadId) {
     changeKnownThreads([threadId](auto& ids) { std::erase(ids, threadId); });
 }
 

@@ -8,8 +8,8 @@
 
 #include <ThreadUtilities/Threads.h>
 
-#include "foundation/text_conversion.h"
 #include "platform/current.h"
+#include "platform/text.h"
 
 namespace ThreadUtilities {
 namespace {

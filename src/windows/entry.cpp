@@ -7,15 +7,17 @@
 
 #include <exception>
 
+#include "platform/current.h"
 #include "platform/notices.h"
 #include "windows/thread_exit.h"
 
 namespace ThreadUtilities::platform {
 namespace {
 
-void handOn(void (*handler)()) noexcept {
+template <class... Arguments>
+void handOn(void (*handler)(Arguments...), Arguments... arguments) noexcept {
     try {
-        handler();
+        handler(arguments...);
     } catch (const std::exception&) {
     }
 }
@@ -44,7 +46,7 @@ void attachThread() noexcept {
 
 void detachThread() noexcept {
     callAtThreadExit();
-    handOn(onThreadDetach);
+    handOn(onThreadDetach, currentThreadId());
 }
 
 }  // namespace ThreadUtilities::platform

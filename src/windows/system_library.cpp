@@ -40,10 +40,6 @@ SystemFolder systemLibraryFolder() {
     return {folder.text};
 }
 
-WideChar pathSeparator() noexcept {
-    return L'\\';
-}
-
 bool isAbsolutePath(WideStringView path) noexcept {
     return path.size() >= 3 && isDriveLetter(path[0]) && path[1] == L':' && path[2] == L'\\';
 }

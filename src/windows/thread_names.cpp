@@ -6,8 +6,8 @@
 #include <windows.h>
 
 #include "foundation/system_library.h"
-#include "foundation/text_conversion.h"
 #include "platform/system_library.h"
+#include "platform/text.h"
 #include "windows/handle.h"
 
 namespace ThreadUtilities::platform {
@@ -66,7 +66,7 @@ WideString readDescription(HANDLE thread) {
 }  // namespace
 
 void setOwnThreadName(std::string_view name) {
-    setThreadDescription(GetCurrentThread(), utf8ToWide(std::string(name)).c_str());
+    setThreadDescription(GetCurrentThread(), utf8ToWide(name).c_str());
 }
 
 std::string readThreadName(unsigned int threadId) {

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <string>
 
-#include "foundation/text_conversion.h"
 #include "fuzz/require.h"
+#include "platform/text.h"
 
 namespace {
 

@@ -13,7 +13,6 @@ namespace ThreadUtilities::scripted {
 /// A system with no folder and no libraries until the test says otherwise.
 struct SystemLibraryScript {
     platform::SystemFolder folder;
-    WideChar separator = '\\';
     bool (*isAbsolute)(WideStringView path) = [](WideStringView path) {
         return path.size() >= 3 && path[0] >= 'A' && path[0] <= 'Z' && path[1] == ':' &&
                path[2] == '\\';

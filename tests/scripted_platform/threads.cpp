@@ -76,7 +76,7 @@ ReadableRange currentStackRange() noexcept {
     return {};
 }
 
-RunWitness::RunWitness(unsigned int threadId) noexcept : threadId_(threadId), file_(0) {
+RunWitness::RunWitness(unsigned int threadId, bool) noexcept : threadId_(threadId), file_(0) {
     ++scripted::openWitnesses;
 }
 
@@ -93,8 +93,6 @@ std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
     const auto runs = read();
     return runs ? std::optional(runs->time) : std::nullopt;
 }
-
-void RunWitness::keepFilesForVisits() noexcept {}
 
 std::size_t separateOpenFiles() noexcept {
     return scripted::separateFiles;

@@ -40,8 +40,13 @@ bool takeNumber(std::string_view& text, std::uint64_t& number) {
 // of the thread's new words sees the new number if it reads that later. The processor time alone
 // would not do: on a virtual machine it stood still over some runs of microseconds. The times tell
 // threads apart that have the same id one after the other.
-RunWitness::RunWitness(unsigned int threadId) noexcept
-    : threadId_(threadId), file_(openTaskFile(threadId, "/schedstat")) {}
+RunWitness::RunWitness(unsigned int threadId, bool keepsFilesForVisits) noexcept
+    : threadId_(threadId), file_(openTaskFile(threadId, "/schedstat")) {
+    if (keepsFilesForVisits) {
+        statusFile_ = openTaskFile(threadId_, "/status");
+        callFile_ = openTaskFile(threadId_, "/syscall");
+    }
+}
 
 RunWitness::~RunWitness() {
     for (const int file : {file_, statusFile_, callFile_}) {
@@ -53,11 +58,6 @@ RunWitness::~RunWitness() {
 
 std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
     return threadRunTime(threadId_);
-}
-
-void RunWitness::keepFilesForVisits() noexcept {
-    statusFile_ = openTaskFile(threadId_, "/status");
-    callFile_ = openTaskFile(threadId_, "/syscall");
 }
 
 std::optional<ThreadRuns> RunWitness::read() const noexcept {

@@ -22,7 +22,6 @@
 #include <vector>
 
 #include "foundation/ascii.h"
-#include "foundation/text_conversion.h"
 #include "linux/capture/handler/elf_headers.h"
 #include "linux/kernel_calls.h"
 #include "linux/modules/build_id.h"
@@ -31,6 +30,7 @@
 #include "linux/modules/process_map.h"
 #include "linux/modules/process_modules.h"
 #include "platform/memory.h"
+#include "platform/text.h"
 
 // The loader's list is read under the loader's own lock, which glibc takes for changes of the list
 // alone and never while code of a module runs. So a thread inside `dlopen` whose constructor calls

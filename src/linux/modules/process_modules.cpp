@@ -16,13 +16,13 @@
 #include <vector>
 
 #include "foundation/ascii.h"
-#include "foundation/text_conversion.h"
 #include "linux/capture/handler/elf_headers.h"
 #include "linux/modules/build_id.h"
 #include "linux/modules/image_reader.h"
 #include "linux/modules/process_map.h"
 #include "linux/proc_file.h"
 #include "linux/threads/task_folder.h"
+#include "platform/text.h"
 
 namespace ThreadUtilities::platform {
 namespace {

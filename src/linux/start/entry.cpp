@@ -46,7 +46,7 @@ void attachProcess() noexcept {
 
 // After the constructors 101 of this backend, before the static objects of the program.
 __attribute__((constructor(102))) void load() {
-    setThreadNotices({onThreadAttach, onThreadGone});
+    setThreadNotices({onThreadAttach, onThreadDetach});
     setActionAfterCopy([] { attachProcess(); });
     rememberFirstThreadStack();
     countOwnExitRounds();

@@ -22,9 +22,9 @@
 #include <string>
 #include <thread>
 
-#include "foundation/text_conversion.h"
 #include "linux/modules/image_reader.h"
 #include "platform/modules.h"
+#include "platform/text.h"
 #include "support/copied_process.h"
 #include "support/sanitizers.h"
 

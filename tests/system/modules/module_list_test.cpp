@@ -18,9 +18,9 @@
 #include <sstream>
 #include <thread>
 
-#include "foundation/text_conversion.h"
 #include "linux/modules/process_map.h"
 #include "platform/modules.h"
+#include "platform/text.h"
 #include "support/copied_process.h"
 #include "support/parked_thread.h"
 

@@ -11,7 +11,6 @@
 #include <algorithm>
 
 #include "foundation/system_library.h"
-#include "foundation/text_conversion.h"
 #include "platform/system_library.h"
 #include "platform/text.h"
 #include "windows_support/child_process.h"

@@ -50,8 +50,7 @@ TEST_F(SystemLibrary, FoldersThatAreNoneAreRefused) {
 }
 
 TEST_F(SystemLibrary, WhereThePathSyntaxUsesSlashesOnlyTheFileNameIsTested) {
-    script.folder = {wideFromAscii("/lib/a..b"), true};
-    script.separator = '/';
+    script.folder = {wideFromAscii("/lib/a..b"), '/', true};
     script.isAbsolute = [](WideStringView path) { return path.substr(0, 1) == wide<"/">; };
     loadSystemLibrary(wideFromAscii("libm.so.6"));
     ASSERT_EQ(script.opened.size(), 1u);

@@ -16,8 +16,8 @@
 #include <ThreadUtilities/StackTrace.h>
 #include <ThreadUtilities/Threads.h>
 
-#include "foundation/text_conversion.h"
 #include "platform/debugger.h"
+#include "platform/text.h"
 #include "stack/frame_details.h"
 #include "stack/stack_trace.h"
 
@@ -87,7 +87,7 @@ WideString describeFrame(unsigned int processId, unsigned long long address) {
                                    : utf8ToWide("m+" + std::to_string(address) + ";");
 }
 
-std::string wideToUtf8(const WideString& text) {
+std::string wideToUtf8(WideStringView text) {
     return {text.begin(), text.end()};
 }
 

@@ -35,10 +35,7 @@ class ThreadList : public ::testing::Test {
         scripted::currentThreadId = threadId;
         platform::onThreadAttach();
     }
-    static void detach(unsigned int threadId) {
-        scripted::currentThreadId = threadId;
-        platform::onThreadDetach();
-    }
+    static void detach(unsigned int threadId) { platform::onThreadDetach(threadId); }
 };
 
 TEST_F(ThreadList, IsEnumeratedOnceAndThenFollowsTheNotices) {

@@ -1,47 +1,21 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "foundation/utf_conversion.h"
+#include "platform/text.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <string_view>
 
-namespace ThreadUtilities::platform {
+// For systems without converters of their own that replace what is malformed: the C library's stop
+// there.
+
+namespace ThreadUtilities {
 namespace {
 
 constexpr char32_t replacement = 0xFFFD;
-
-/// Appends to a buffer that may be too short or absent, and counts what it would have held.
-template <typename Unit>
-class Output {
- public:
-    Output(Unit* buffer, std::size_t capacity) noexcept
-        : out(buffer), room(buffer == nullptr ? 0 : capacity) {}
-
-    void put(Unit unit) noexcept {
-        if (length < room) {
-            out[length] = unit;
-        }
-        ++length;
-    }
-
-    template <typename Source>
-    void putAscii(const Source* text, std::size_t count) noexcept {
-        const std::size_t fitting = length < room ? std::min(count, room - length) : 0;
-        for (std::size_t index = 0; index < fitting; ++index) {
-            out[length + index] = static_cast<Unit>(text[index]);
-        }
-        length += count;
-    }
-
-    std::size_t length = 0;
-
- private:
-    Unit* out;
-    std::size_t room;
-};
 
 /// Units at the front that are ASCII, eight bytes at a time; a few at the end may be left out.
 template <typename Unit>
@@ -126,61 +100,64 @@ Decoded decodeFront(WideStringView text) noexcept {
     return {0x10000 + ((unit - 0xD800U) << 10) + (text[1] - 0xDC00U), 2};
 }
 
-void encode(char32_t codePoint, Output<WideChar>& out) noexcept {
+void encode(char32_t codePoint, WideString& out) noexcept {
     if (codePoint < 0x10000) {
-        out.put(static_cast<WideChar>(codePoint));
+        out.push_back(static_cast<WideChar>(codePoint));
         return;
     }
-    out.put(static_cast<WideChar>(0xD800 + ((codePoint - 0x10000) >> 10)));
-    out.put(static_cast<WideChar>(0xDC00 + (codePoint & 0x3FF)));
+    out.push_back(static_cast<WideChar>(0xD800 + ((codePoint - 0x10000) >> 10)));
+    out.push_back(static_cast<WideChar>(0xDC00 + (codePoint & 0x3FF)));
 }
 
-void encode(char32_t codePoint, Output<char>& out) noexcept {
+void encode(char32_t codePoint, std::string& out) noexcept {
     const auto putContinuation = [&](unsigned shift) {
-        out.put(static_cast<char>(0x80 | (codePoint >> shift & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (codePoint >> shift & 0x3F)));
     };
     if (codePoint < 0x80) {
-        out.put(static_cast<char>(codePoint));
+        out.push_back(static_cast<char>(codePoint));
     } else if (codePoint < 0x800) {
-        out.put(static_cast<char>(0xC0 | codePoint >> 6));
+        out.push_back(static_cast<char>(0xC0 | codePoint >> 6));
         putContinuation(0);
     } else if (codePoint < 0x10000) {
-        out.put(static_cast<char>(0xE0 | codePoint >> 12));
+        out.push_back(static_cast<char>(0xE0 | codePoint >> 12));
         putContinuation(6);
         putContinuation(0);
     } else {
-        out.put(static_cast<char>(0xF0 | codePoint >> 18));
+        out.push_back(static_cast<char>(0xF0 | codePoint >> 18));
         putContinuation(12);
         putContinuation(6);
         putContinuation(0);
     }
 }
 
-template <typename From, typename To>
-std::size_t convert(std::basic_string_view<From> text, To* buffer, std::size_t capacity) noexcept {
-    Output<To> out(buffer, capacity);
+template <typename To, typename From>
+std::basic_string<To> converted(std::basic_string_view<From> text) {
+    std::basic_string<To> result;
+    result.reserve(text.size());
     while (!text.empty()) {
         const std::size_t ascii = asciiPrefix(text.data(), text.size());
-        out.putAscii(text.data(), ascii);
+        const std::size_t length = result.size();
+        result.resize(length + ascii);
+        std::copy_n(text.data(), ascii, result.data() + length);
         text.remove_prefix(ascii);
         if (text.empty()) {
             break;
         }
         const Decoded decoded = decodeFront(text);
-        encode(decoded.codePoint, out);
+        encode(decoded.codePoint, result);
         text.remove_prefix(decoded.length);
     }
-    return out.length;
+    return result;
 }
 
 }  // namespace
 
-std::size_t utf8ToUtf16(std::string_view text, WideChar* out, std::size_t capacity) noexcept {
-    return convert(text, out, capacity);
+WideString utf8ToWide(std::string_view text) {
+    return converted<WideChar>(text);
 }
 
-std::size_t utf16ToUtf8(WideStringView text, char* out, std::size_t capacity) noexcept {
-    return convert(text, out, capacity);
+std::string wideToUtf8(WideStringView text) {
+    return converted<char>(text);
 }
 
-}  // namespace ThreadUtilities::platform
+}  // namespace ThreadUtilities
