@@ -18,6 +18,7 @@
 #include "unwind/frame_walk.h"
 
 namespace ThreadUtilities {
+
 platform::Visit captureOtherThread(const platform::VisitRequest& asked,
                                    std::span<unsigned long long> frames) {
     prepareFrameWalks();

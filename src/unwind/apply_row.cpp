@@ -18,14 +18,14 @@ class Application {
                 StackWords& wordReader) noexcept
         : tableEnd(endOfTables), callee(calleeRegisters), words(wordReader) {}
 
-    StepResult computeFrameAddress(const FrameAddressRule& rule) noexcept {
+    StepResult computeCfa(const CfaRule& rule) noexcept {
         if (rule.isExpression) {
-            return evaluate(rule.expression, nullptr, frameAddress);
+            return evaluate(rule.expression, nullptr, cfa);
         }
         if (!callee.has(rule.base)) {
             return StepResult::UnknownRegister;
         }
-        frameAddress = callee[rule.base] + static_cast<std::uint64_t>(rule.offset);
+        cfa = callee[rule.base] + static_cast<std::uint64_t>(rule.offset);
         return StepResult::Made;
     }
 
@@ -41,16 +41,16 @@ class Application {
             case Kind::InRegister:
                 return copy(static_cast<std::uint64_t>(rule.value()), number, caller);
             case Kind::IsOffset:
-                value = frameAddress + static_cast<std::uint64_t>(rule.value());
+                value = cfa + static_cast<std::uint64_t>(rule.value());
                 break;
             case Kind::AtOffset:
-                if (!words.read(frameAddress + static_cast<std::uint64_t>(rule.value()), value)) {
+                if (!words.read(cfa + static_cast<std::uint64_t>(rule.value()), value)) {
                     return StepResult::Unreadable;
                 }
                 break;
             case Kind::IsExpression:
             case Kind::AtExpression:
-                if (const StepResult result = evaluate(rule.expression(), &frameAddress, value);
+                if (const StepResult result = evaluate(rule.expression(), &cfa, value);
                     result != StepResult::Made) {
                     return result;
                 }
@@ -63,7 +63,7 @@ class Application {
         return StepResult::Made;
     }
 
-    std::uint64_t frameAddress = 0;
+    std::uint64_t cfa = 0;
 
  private:
     StepResult evaluate(const std::uint8_t* block, const std::uint64_t* initial,
@@ -103,13 +103,12 @@ StepResult applyRow(const UnwindRow& row, std::uint64_t returnAddressColumn,
         return StepResult::Unreadable;  // the caller cannot stand where the callee stands
     }
     Application application(tableEnd, registers, words);
-    if (const StepResult result = application.computeFrameAddress(row.frameAddress);
-        result != StepResult::Made) {
+    if (const StepResult result = application.computeCfa(row.cfa); result != StepResult::Made) {
         return result;
     }
     RegisterFile caller = registers;
-    // Unless it has a rule of its own, the caller's stack pointer is the frame address.
-    caller.set(platform::Rsp, application.frameAddress);
+    // Unless it has a rule of its own, the caller's stack pointer is the CFA.
+    caller.set(platform::Rsp, application.cfa);
     for (std::uint64_t number = 0; number < platform::Rip; ++number) {
         if (const StepResult result = application.recover(row.registers[number], number, caller);
             result != StepResult::Made) {

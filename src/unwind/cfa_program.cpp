@@ -19,19 +19,19 @@ using Kind = RegisterRule::Kind;
 /// cursor it was read from.
 class Program {
  public:
-    Program(const FrameDescription& frameDescription, std::uint64_t target, UnwindRow& out) noexcept
-        : description(frameDescription), targetAddress(target), row(out) {}
+    Program(const Fde& programFde, std::uint64_t target, UnwindRow& out) noexcept
+        : fde(programFde), targetAddress(target), row(out) {}
 
     bool run() noexcept {
         // The rules of the CIE hold from the first address on; it has no use for locations.
-        ByteCursor common = description.initialInstructions;
-        if (!runUpToTarget(common)) {
+        ByteCursor initial = fde.initialInstructions;
+        if (!runUpToTarget(initial)) {
             return false;
         }
         initialRegisters = row.registers;
         hasInitialRegisters = true;
-        location = description.codeBegin;
-        ByteCursor own = description.instructions;
+        location = fde.codeBegin;
+        ByteCursor own = fde.instructions;
         return runUpToTarget(own);
     }
 
@@ -56,8 +56,7 @@ class Program {
             case CfaOp::AdvanceLoc4:
                 return advance(bytes.read<std::uint32_t>());
             case CfaOp::SetLoc:
-                location = readEncodedPointer(bytes, description.pointerEncoding,
-                                              description.instructionShift);
+                location = readEncodedPointer(bytes, fde.pointerEncoding, fde.instructionShift);
                 return;
             case CfaOp::Offset:
                 return setOffset(bytes, Kind::AtOffset, operand, factored(bytes.uleb128()));
@@ -79,7 +78,7 @@ class Program {
         }
     }
 
-    /// Instructions that define the frame address.
+    /// Instructions that define the CFA.
     void performDefinition(ByteCursor& bytes, CfaOp operation) noexcept {
         switch (operation) {
             case CfaOp::DefCfa:
@@ -98,8 +97,8 @@ class Program {
                 requireFrameBase(bytes);
                 return setFrameOffset(bytes, factored(bytes.sleb128()));
             case CfaOp::DefCfaExpression:
-                row.frameAddress.isExpression = true;
-                row.frameAddress.expression = takeExpression(bytes);
+                row.cfa.isExpression = true;
+                row.cfa.expression = takeExpression(bytes);
                 return;
             default:
                 return performRule(bytes, operation, bytes.uleb128());
@@ -135,12 +134,12 @@ class Program {
         }
     }
 
-    void advance(std::uint64_t units) noexcept { location += units * description.codeAlignment; }
+    void advance(std::uint64_t units) noexcept { location += units * fde.codeAlignment; }
 
     /// A product that leaves 64 bits becomes an offset that no rule can hold.
     std::int64_t factored(std::int64_t units) const noexcept {
         std::int64_t product = 0;
-        return __builtin_mul_overflow(units, description.dataAlignment, &product)
+        return __builtin_mul_overflow(units, fde.dataAlignment, &product)
                    ? std::numeric_limits<std::int64_t>::min()
                    : product;
     }
@@ -177,17 +176,17 @@ class Program {
         if (number >= platform::Rip) {
             return bytes.fail();
         }
-        row.frameAddress.base = static_cast<std::uint8_t>(number);
+        row.cfa.base = static_cast<std::uint8_t>(number);
     }
 
     void setFrameOffset(ByteCursor&, std::int64_t offset) noexcept {
-        row.frameAddress.isExpression = false;
-        row.frameAddress.offset = offset;
+        row.cfa.isExpression = false;
+        row.cfa.offset = offset;
     }
 
     /// Base or offset alone may be changed only while the rule consists of the two.
     void requireFrameBase(ByteCursor& bytes) const noexcept {
-        if (row.frameAddress.isExpression) {
+        if (row.cfa.isExpression) {
             bytes.fail();
         }
     }
@@ -215,7 +214,7 @@ class Program {
         row = remembered[--rememberedCount];
     }
 
-    const FrameDescription& description;
+    const Fde& fde;
     const std::uint64_t targetAddress;
     std::uint64_t location = 0;
     UnwindRow& row;
@@ -227,9 +226,9 @@ class Program {
 
 }  // namespace
 
-bool rowAt(const FrameDescription& description, std::uint64_t address, UnwindRow& row) noexcept {
+bool rowAt(const Fde& fde, std::uint64_t address, UnwindRow& row) noexcept {
     row = {};
-    return Program(description, address, row).run();
+    return Program(fde, address, row).run();
 }
 
 }  // namespace ThreadUtilities::cfi

@@ -5,7 +5,7 @@
 
 // Call frame programs (DWARF 5, section 6.4.2), run to one row.
 
-#include "unwind/frame_description.h"
+#include "unwind/eh_frame.h"
 #include "unwind/unwind_row.h"
 
 namespace ThreadUtilities::cfi {
@@ -16,6 +16,6 @@ inline constexpr unsigned maxRememberedStates = 2;
 /// Runs the programs of the CIE and the FDE up to `address`, which the FDE covers. False when they
 /// are malformed. Rules of registers that no walk needs (vector registers, for one) are read and
 /// dropped.
-bool rowAt(const FrameDescription& description, std::uint64_t address, UnwindRow& row) noexcept;
+bool rowAt(const Fde& fde, std::uint64_t address, UnwindRow& row) noexcept;
 
 }  // namespace ThreadUtilities::cfi

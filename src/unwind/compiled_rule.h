@@ -9,17 +9,17 @@
 
 namespace ThreadUtilities::cfi {
 
-/// A row of the usual shape in 32 bits: the frame address is the stack or frame pointer plus a
+/// A row of the usual shape in 32 bits: the CFA is the stack or frame pointer plus a
 /// multiple of 8, the return address lies right below it, and the frame pointer is untouched or
 /// saved below it. Of the 64-bit ABI's code 90 to 99.98 percent has such rows, depending on the
 /// library. What a row says of the other registers is left out.
 ///
-///   bit 0        the frame address counts from the frame pointer, else from the stack pointer
+///   bit 0        the CFA counts from the frame pointer, else from the stack pointer
 ///   bit 1        the frame pointer is saved
-///   bits 3-14    where the frame pointer is saved: words below the frame address. 1, where the
+///   bits 3-14    where the frame pointer is saved: words below the CFA. 1, where the
 ///                return address is, when it is not saved: reading it then is harmless. Never
-///                below what the frame address counts from
-///   bits 15-31   frame address minus its base, in words. All ones, and bit 0 set with them, for
+///                below what the CFA counts from
+///   bits 15-31   CFA minus its base, in words. All ones, and bit 0 set with them, for
 ///                the two rules that are none: there is no caller, or only the tables tell
 ///
 /// No rule is 0.
@@ -39,7 +39,7 @@ class CompiledRule {
         if (returnRule.kind() == Kind::Undefined) {
             return CompiledRule(noCaller);
         }
-        const FrameAddressRule& frame = row.frameAddress;
+        const CfaRule& frame = row.cfa;
         const bool fromFramePointer = frame.base == platform::Rbp;
         if (frame.isExpression || (!fromFramePointer && frame.base != platform::Rsp) ||
             frame.offset % wordSize != 0 || frame.offset < wordSize || frame.offset > maxOffset ||
@@ -72,10 +72,10 @@ class CompiledRule {
     /// Of those too.
     constexpr bool usesFramePointer() const noexcept { return (bits & basedOnFramePointer) != 0; }
     constexpr bool savesFramePointer() const noexcept { return (bits & savesFrame) != 0; }
-    /// Bytes from the slot of the saved frame pointer up to the frame address.
+    /// Bytes from the slot of the saved frame pointer up to the CFA.
     constexpr std::uint64_t framePointerDistance() const noexcept { return bits & maxDistance; }
     /// Bytes, at least 8.
-    constexpr std::uint64_t frameAddressOffset() const noexcept {
+    constexpr std::uint64_t cfaOffset() const noexcept {
         return std::uint64_t{bits >> offsetShift} * wordSize;
     }
 

@@ -46,9 +46,9 @@ struct Walk {
 template <Keeps keeps>
 [[gnu::noinline]] Walk walk(const Start& start, cfi::TableCopies* copies, StackWords& words,
                             unsigned long long* frames, std::size_t maxFrames) noexcept {
-    cfi::WalkMemory memory(start.registers, start.knownRegisters, start.mayCallSystem, copies);
+    cfi::WalkState state(start.registers, start.knownRegisters, start.mayCallSystem, copies);
     cfi::CfiUnwinder unwinder(ruleCache, keeps, words, start.stackShift,
-                              start.isOwn ? &knownCrossings : nullptr, memory);
+                              start.isOwn ? &knownCrossings : nullptr, state);
     if (start.isOwn && keeps == Keeps::FramePointer) {
         unwinder.startAsCaller();
     }
@@ -56,7 +56,7 @@ template <Keeps keeps>
     if (words.metProtectedPage()) [[unlikely]] {
         knownCrossings.turnOff();
     }
-    return {result.frameCount, result.end, memory.lacksCopies};
+    return {result.frameCount, result.end, state.lacksCopies};
 }
 
 Walk walk(const Start& start, cfi::TableCopies* copies, StackWords& words,

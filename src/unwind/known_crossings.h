@@ -25,7 +25,7 @@ namespace ThreadUtilities::cfi {
 /// page. Steps by a frame pointer, which damage reaches most easily, ask each time; so do walks of
 /// other threads, to which a question is little beside what else they cost.
 ///
-/// Each entry is one word; a lost or torn update is an entry that is not there.
+/// Each entry is one word; a lost update is a cache miss.
 class KnownCrossings {
  public:
     struct Crossing {

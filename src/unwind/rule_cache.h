@@ -23,7 +23,7 @@ namespace ThreadUtilities::cfi {
 /// differ by just what their rules differ by, which is a multiple of 2^32. Keys of one module do
 /// not, because its addresses are closer together. Keys of two modules do with a chance of 2^-32,
 /// and only in a reader that comes between the two writes, where the one entry takes the other's
-/// place. A sum that is wrong is just an entry that is not there.
+/// place. A sum that is wrong is just a cache miss.
 ///
 /// *Stale entries.* The identity of the module, a 64-bit hash, is part of what an entry must match,
 /// and walkers get it from the module that covers the address at that moment. Because no two
@@ -41,6 +41,7 @@ class RuleCache {
  public:
     /// Distance of an entry from the first, in bytes.
     using Slot = std::uint64_t;
+    static constexpr Slot noSlot = ~Slot{0};
 
     /// What must match: one address in one module.
     struct Key {

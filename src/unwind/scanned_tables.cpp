@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "unwind/frame_description.h"
+#include "unwind/eh_frame.h"
 
 namespace ThreadUtilities::cfi {
 namespace {
@@ -40,14 +40,14 @@ void learn(std::uint64_t codeBegin, std::uint64_t codeEnd, std::uint64_t entry) 
 // Not inlined: the room for copies is needed by none but this.
 [[gnu::noinline]] bool scan(std::uint64_t frames, std::uint64_t address) noexcept {
     TableCopies copies;
-    FrameDescription description;
+    Fde fde;
     std::uint64_t entry = 0;
-    if (scanEntries(TableReader(copies), frames, address, maxScannedEntries, description, entry) !=
+    if (scanEntries(TableReader(copies), frames, address, maxScannedEntries, fde, entry) !=
         LookupResult::Found) {
         learn(address, address + 1, noEntry);
         return false;
     }
-    learn(description.codeBegin, description.codeEnd, entry);
+    learn(fde.codeBegin, fde.codeEnd, entry);
     return true;
 }
 

@@ -11,13 +11,13 @@
 
 namespace ThreadUtilities::cfi {
 
-/// Room for the copies of a lookup, of which the description and its common part are used until
+/// Room for the copies of a lookup, of which the FDE and its CIE are used until
 /// the row has been applied. An entry that does not fit counts as malformed.
 struct TableCopies {
     std::uint8_t index[24];
     // In this order and without a gap: expressions of either end at the end of the whole.
-    std::uint8_t common[512];
-    std::uint8_t description[3584];
+    std::uint8_t cie[512];
+    std::uint8_t fde[3584];
 };
 
 /// Gives the bytes of a module's unwind tables. Where the module stays loaded meanwhile they are
@@ -43,18 +43,17 @@ class TableReader {
     Piece index(std::uint64_t address) const noexcept {
         return copies == nullptr ? inPlace(headerRange, address) : copied(copies->index, address);
     }
-    Piece description(std::uint64_t address) const noexcept {
-        return copies == nullptr ? inPlace(frameRange, address)
-                                 : copied(copies->description, address);
+    Piece fde(std::uint64_t address) const noexcept {
+        return copies == nullptr ? inPlace(frameRange, address) : copied(copies->fde, address);
     }
-    Piece common(std::uint64_t address) const noexcept {
-        return copies == nullptr ? inPlace(frameRange, address) : copied(copies->common, address);
+    Piece cie(std::uint64_t address) const noexcept {
+        return copies == nullptr ? inPlace(frameRange, address) : copied(copies->cie, address);
     }
 
-    /// Where the bytes end that descriptions, their common parts and so their expressions lie in.
+    /// Where the bytes end that FDEs, their CIEs and so their expressions lie in.
     const std::uint8_t* end() const noexcept {
         return copies == nullptr ? reinterpret_cast<const std::uint8_t*>(frameRange.end)
-                                 : copies->description + sizeof(copies->description);
+                                 : copies->fde + sizeof(copies->fde);
     }
 
  private:

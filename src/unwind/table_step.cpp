@@ -6,7 +6,7 @@
 
 #include "unwind/apply_row.h"
 #include "unwind/cfa_program.h"
-#include "unwind/frame_description.h"
+#include "unwind/eh_frame.h"
 
 namespace ThreadUtilities::cfi {
 namespace {
@@ -22,14 +22,14 @@ TableReader readerOf(const platform::CodeModule& module, TableCopies* copies) no
     return {headerBytes, platform::readableSegment(module, frames)};
 }
 
-StepResult findDescription(const platform::CodeModule& module, std::uint64_t address,
-                           TableCopies* copies, FrameDescription& description) noexcept {
+StepResult lookUpFde(const platform::CodeModule& module, std::uint64_t address, TableCopies* copies,
+                     Fde& fde) noexcept {
     if (module.unwindHeader == 0) {
         return StepResult::NoUnwindData;
     }
     const TableReader reader = readerOf(module, copies);
     const std::uint64_t frames = framesOfHeader(reader, module.unwindHeader);
-    switch (findFrameDescription(reader, module.unwindHeader, frames, address, description)) {
+    switch (findFde(reader, module.unwindHeader, frames, address, fde)) {
         case LookupResult::Found:
             return StepResult::Made;
         case LookupResult::NotCovered:
@@ -48,27 +48,27 @@ StepResult findDescription(const platform::CodeModule& module, std::uint64_t add
 // expressions are evaluated.
 [[gnu::noinline]] StepResult findTableRow(const platform::CodeModule& module, std::uint64_t address,
                                           TableCopies* copies, TableRow& found) noexcept {
-    FrameDescription description;
-    if (const StepResult result = findDescription(module, address, copies, description);
+    Fde fde;
+    if (const StepResult result = lookUpFde(module, address, copies, fde);
         result != StepResult::Made) {
         return result;
     }
-    if (!rowAt(description, address, found.row)) {
+    if (!rowAt(fde, address, found.row)) {
         return StepResult::Unreadable;
     }
-    found.returnAddressColumn = description.returnAddressColumn;
-    found.tableEnd = description.tableEnd;
-    found.isSignalFrame = description.isSignalFrame;
+    found.returnAddressColumn = fde.returnAddressColumn;
+    found.tableEnd = fde.tableEnd;
+    found.isSignalFrame = fde.isSignalFrame;
     return StepResult::Made;
 }
 
 bool findFunction(const platform::CodeModule& module, std::uint64_t address, TableCopies* copies,
                   FunctionCode& function) noexcept {
-    FrameDescription description;
-    if (findDescription(module, address, copies, description) != StepResult::Made) {
+    Fde fde;
+    if (lookUpFde(module, address, copies, fde) != StepResult::Made) {
         return false;
     }
-    function = {description.codeBegin, description.codeEnd};
+    function = {fde.codeBegin, fde.codeEnd};
     return true;
 }
 

@@ -18,8 +18,8 @@ class RegisterRule {
     enum class Kind : std::uint8_t {
         SameValue,     ///< also for registers that the tables do not mention
         Undefined,     ///< lost; for the return address: there is no caller
-        AtOffset,      ///< in memory at the frame address plus `value`
-        IsOffset,      ///< the frame address plus `value` itself
+        AtOffset,      ///< in memory at the CFA plus `value`
+        IsOffset,      ///< the CFA plus `value` itself
         InRegister,    ///< in register number `value`
         AtExpression,  ///< in memory where the expression says
         IsExpression,  ///< what the expression says
@@ -51,8 +51,8 @@ class RegisterRule {
     std::int64_t packed = 0;
 };
 
-/// How the canonical frame address, the stack pointer before the call, is computed.
-struct FrameAddressRule {
+/// How the CFA (canonical frame address), the stack pointer before the call, is computed.
+struct CfaRule {
     bool isExpression = false;
     std::uint8_t base = platform::Rsp;
     std::int64_t offset = 0;
@@ -62,7 +62,7 @@ struct FrameAddressRule {
 /// What the tables say of one code address: how to get from the registers there to those of the
 /// caller.
 struct UnwindRow {
-    FrameAddressRule frameAddress;
+    CfaRule cfa;
     std::array<RegisterRule, RegisterCount> registers;
 };
 

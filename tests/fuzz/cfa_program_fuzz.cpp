@@ -20,15 +20,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     const std::vector<std::uint8_t> bytes(data + 2, data + size);
-    const std::size_t commonSize = std::min<std::size_t>(data[0], bytes.size());
-    FrameDescription description;
-    description.codeEnd = 256;
-    description.dataAlignment = -8;
-    description.returnAddressColumn = platform::Rip;
-    description.initialInstructions = ByteCursor(bytes.data(), commonSize);
-    description.instructions = ByteCursor(bytes.data() + commonSize, bytes.size() - commonSize);
+    const std::size_t cieSize = std::min<std::size_t>(data[0], bytes.size());
+    Fde fde;
+    fde.codeEnd = 256;
+    fde.dataAlignment = -8;
+    fde.returnAddressColumn = platform::Rip;
+    fde.initialInstructions = ByteCursor(bytes.data(), cieSize);
+    fde.instructions = ByteCursor(bytes.data() + cieSize, bytes.size() - cieSize);
     UnwindRow row;
-    if (rowAt(description, data[1], row)) {
+    if (rowAt(fde, data[1], row)) {
         MadeUpFrame().apply(row, platform::Rip, bytes.data() + bytes.size());
     }
     return 0;

@@ -10,7 +10,7 @@
 
 #include "fuzz/made_up_frame.h"
 #include "unwind/cfa_program.h"
-#include "unwind/frame_description.h"
+#include "unwind/eh_frame.h"
 
 namespace {
 
@@ -18,15 +18,15 @@ using namespace ThreadUtilities;
 using namespace ThreadUtilities::cfi;
 
 void look(const TableReader& reader, std::uint64_t header, std::uint64_t address) {
-    FrameDescription description;
-    if (findFrameDescription(reader, header, framesOfHeader(reader, header), address,
-                             description) != LookupResult::Found) {
+    Fde fde;
+    if (findFde(reader, header, framesOfHeader(reader, header), address, fde) !=
+        LookupResult::Found) {
         return;
     }
-    require(description.codeBegin <= address && address < description.codeEnd);
+    require(fde.codeBegin <= address && address < fde.codeEnd);
     UnwindRow row;
-    if (rowAt(description, address, row)) {
-        MadeUpFrame().apply(row, description.returnAddressColumn, description.tableEnd);
+    if (rowAt(fde, address, row)) {
+        MadeUpFrame().apply(row, fde.returnAddressColumn, fde.tableEnd);
     }
 }
 

@@ -124,12 +124,12 @@ void expectSameExpression(const std::uint8_t* block, const std::uint8_t* end, Op
     }
 }
 
-void expectSameFrameAddress(const TableRow& ours, Dwarf_Frame* theirs) {
+void expectSameCfa(const TableRow& ours, Dwarf_Frame* theirs) {
     Dwarf_Op* operations = nullptr;
     std::size_t count = 0;
     ASSERT_EQ(dwarf_frame_cfa(theirs, &operations, &count), 0);
     ASSERT_GT(count, 0u);
-    const FrameAddressRule& rule = ours.row.frameAddress;
+    const CfaRule& rule = ours.row.cfa;
     if (rule.isExpression) {
         const bool hasEnd = operations[count - 1].atom == DW_OP_stack_value;
         expectSameExpression(rule.expression, ours.tableEnd, {operations, count - hasEnd});
@@ -143,7 +143,7 @@ void expectSameFrameAddress(const TableRow& ours, Dwarf_Frame* theirs) {
 void expectSameRule(const TableRow& ours, Dwarf_Frame* theirs, int number) {
     RegisterRule rule =
         ours.row.registers[number == platform::Rip ? ours.returnAddressColumn : number];
-    // Without a rule the caller's stack pointer is the frame address; elfutils says so.
+    // Without a rule the caller's stack pointer is the CFA; elfutils says so.
     if (number == platform::Rsp && rule.kind() == Kind::SameValue) {
         rule = {Kind::IsOffset, 0};
     }
@@ -162,7 +162,7 @@ void expectSameRule(const TableRow& ours, Dwarf_Frame* theirs, int number) {
         ASSERT_EQ(rule, RegisterRule(Kind::InRegister, operations[0].number));
         return;
     }
-    // The frame address first; then an offset, or what an expression does with it.
+    // The CFA first; then an offset, or what an expression does with it.
     ASSERT_EQ(operations[0].atom, DW_OP_call_frame_cfa);
     const bool isValue = operations[count - 1].atom == DW_OP_stack_value;
     const Operations rest(operations + 1, count - 1 - isValue);
@@ -200,7 +200,7 @@ void compareRows(const ElfutilsRows& theirs, std::uint64_t loadBias) {
             bool isSignalFrame = false;
             dwarf_frame_info(row.get(), &begin, &end, &isSignalFrame);
             ASSERT_EQ(ours.isSignalFrame, isSignalFrame);
-            expectSameFrameAddress(ours, row.get());
+            expectSameCfa(ours, row.get());
             for (const int number : comparedRegisters) {
                 expectSameRule(ours, row.get(), number);
             }

@@ -18,20 +18,20 @@ class CfaProgram : public testing::Test {
  protected:
     bool run(const Bytes& own) {
         program = own;
-        FrameDescription description;
-        description.codeBegin = 0x1000;
-        description.codeEnd = 0x1100;
-        description.dataAlignment = -8;
-        description.returnAddressColumn = platform::Rip;
-        description.initialInstructions = ByteCursor(common.data(), common.size());
-        description.instructions = ByteCursor(program.data(), program.size());
-        return rowAt(description, 0x10FF, row);
+        Fde fde;
+        fde.codeBegin = 0x1000;
+        fde.codeEnd = 0x1100;
+        fde.dataAlignment = -8;
+        fde.returnAddressColumn = platform::Rip;
+        fde.initialInstructions = ByteCursor(cieInstructions.data(), cieInstructions.size());
+        fde.instructions = ByteCursor(program.data(), program.size());
+        return rowAt(fde, 0x10FF, row);
     }
 
     RegisterRule rule(int number) const { return row.registers[number]; }
 
     // def_cfa rsp+8; rip at -8
-    Bytes common = {0x0C, 7, 8, 0x90, 1};
+    Bytes cieInstructions = {0x0C, 7, 8, 0x90, 1};
     Bytes program;
     UnwindRow row;
 };
@@ -66,15 +66,15 @@ TEST_F(CfaProgram, KnowsEveryInstruction) {
     }
 }
 
-TEST_F(CfaProgram, RemembersTheFrameAddressAsWell) {
+TEST_F(CfaProgram, RemembersTheCfaAsWell) {
     ASSERT_TRUE(run({0x0A, 0x0C, 6, 16, 0x0B}));
-    EXPECT_EQ(row.frameAddress.base, platform::Rsp);
-    EXPECT_EQ(row.frameAddress.offset, 8);
+    EXPECT_EQ(row.cfa.base, platform::Rsp);
+    EXPECT_EQ(row.cfa.offset, 8);
     ASSERT_TRUE(run({0x12, 6, 0x7E}));
-    EXPECT_EQ(row.frameAddress.base, platform::Rbp);
-    EXPECT_EQ(row.frameAddress.offset, 16);
+    EXPECT_EQ(row.cfa.base, platform::Rbp);
+    EXPECT_EQ(row.cfa.offset, 16);
     ASSERT_TRUE(run({0x13, 0x7D}));
-    EXPECT_EQ(row.frameAddress.offset, 24);
+    EXPECT_EQ(row.cfa.offset, 24);
 }
 
 }  // namespace

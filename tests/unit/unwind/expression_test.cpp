@@ -93,7 +93,7 @@ TEST_F(Expression, KnowsEveryOperation) {
         {{0x33, 0x30, 0x28, 1, 0, 0x34}, 4},  // bra, not taken
         {{0x33, 0x31, 0x28, 1, 0, 0x34}, 3},  // bra, taken
         {{0x96, 0x33, 0x96}, 3},              // nop
-        // The frame address of a procedure linkage entry: rsp + 8 + ((rip & 15) >= 11) * 8
+        // The CFA of a procedure linkage entry: rsp + 8 + ((rip & 15) >= 11) * 8
         {{0x77, 8, 0x3F, 0x3F, 0x1A, 0x3B, 0x2A, 0x33, 0x24, 0x22}, 0x1010},
         // 5 counted down to 0 by a loop
         {{0x31, 0x1C, 0x12, 0x28, 0xFA, 0xFF}, 0},

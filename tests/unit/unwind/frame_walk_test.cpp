@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "scripted_platform/memory_script.h"
-#include "unwind/frame_description.h"
+#include "unwind/eh_frame.h"
 #include "unwind/table_builder.h"
 
 namespace ThreadUtilities {
@@ -20,8 +20,8 @@ constexpr std::uint64_t stackBegin = 0x7000'0000;
 
 // Functions of the made-up module, by the offset of their code.
 constexpr std::uint64_t plain = 0x4000;              ///< frame of 32 bytes
-constexpr std::uint64_t withFramePointer = 0x5000;   ///< saved at -16, frame address rbp + 16
-constexpr std::uint64_t byRbx = 0x6000;              ///< frame address rbx + 16
+constexpr std::uint64_t withFramePointer = 0x5000;   ///< saved at -16, CFA rbp + 16
+constexpr std::uint64_t byRbx = 0x6000;              ///< CFA rbx + 16
 constexpr std::uint64_t savesRbx = 0x7000;           ///< frame of 32 bytes, rbx saved at -16
 constexpr std::uint64_t savesFramePointer = 0xA000;  ///< the same for rbp
 constexpr std::uint64_t trampoline = 0x8000;         ///< signal frame of 64 bytes
@@ -30,15 +30,15 @@ constexpr std::uint64_t outermost = 0x9000;          ///< without a caller
 class FrameWalk : public testing::Test {
  protected:
     void SetUp() override {
-        const auto common = builder.addCommonPart("zR", {0x1B}, cfi::usualCommonProgram);
-        const auto signal = builder.addCommonPart("zRS", {0x1B}, cfi::usualCommonProgram);
-        builder.addFunction(common, plain, 0x100, {0x0E, 32});
-        builder.addFunction(common, withFramePointer, 0x100, {0x0C, 6, 16, 0x86, 2});
-        builder.addFunction(common, byRbx, 0x100, {0x0C, 3, 16});
-        builder.addFunction(common, savesRbx, 0x100, {0x0E, 32, 0x83, 2});
-        builder.addFunction(common, savesFramePointer, 0x100, {0x0E, 32, 0x86, 2});
+        const auto cie = builder.addCie("zR", {0x1B}, cfi::usualCieProgram);
+        const auto signal = builder.addCie("zRS", {0x1B}, cfi::usualCieProgram);
+        builder.addFunction(cie, plain, 0x100, {0x0E, 32});
+        builder.addFunction(cie, withFramePointer, 0x100, {0x0C, 6, 16, 0x86, 2});
+        builder.addFunction(cie, byRbx, 0x100, {0x0C, 3, 16});
+        builder.addFunction(cie, savesRbx, 0x100, {0x0E, 32, 0x83, 2});
+        builder.addFunction(cie, savesFramePointer, 0x100, {0x0E, 32, 0x86, 2});
         builder.addFunction(signal, trampoline, 0x100, {0x0E, 64});
-        builder.addFunction(common, outermost, 0x100, {0x07, 16});
+        builder.addFunction(cie, outermost, 0x100, {0x07, 16});
         builder.finish();
     }
     void TearDown() override {
@@ -145,14 +145,14 @@ TEST_F(FrameWalk, LooksUpInterruptedAddressesAsTheyStand) {
 /// The first entries of a table without an index are looked at on the spot, all others outside.
 TEST_F(FrameWalk, FindsFunctionsWithoutAnIndex) {
     cfi::TableBuilder large;
-    const auto common = large.addCommonPart("zR", {0x1B}, cfi::usualCommonProgram);
-    large.addFunction(common, plain, 0x100, {0x0E, 32});
-    large.addFunction(common, outermost, 0x100, {0x07, 16});
+    const auto cie = large.addCie("zR", {0x1B}, cfi::usualCieProgram);
+    large.addFunction(cie, plain, 0x100, {0x0E, 32});
+    large.addFunction(cie, outermost, 0x100, {0x07, 16});
     for (unsigned number = 0; number < cfi::mostEntriesWhileHeld; ++number) {
-        large.addFunction(common, 0xB000 + 32 * number, 32, {0x0E, 16});
+        large.addFunction(cie, 0xB000 + 32 * number, 32, {0x0E, 16});
     }
     constexpr std::uint64_t late = 0xD000;
-    large.addFunction(common, late, 0x100, {0x0E, 32});
+    large.addFunction(cie, late, 0x100, {0x0E, 32});
     large.finish();
     large.memory[2] = large.memory[3] = 0xFF;  // encodings of count and pairs: there are none
     builder = large;

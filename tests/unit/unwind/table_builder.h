@@ -24,8 +24,8 @@ class TableBuilder {
 
     /// Adds a CIE with the given augmentation (its data without the length) and program; returns
     /// where it stands.
-    std::size_t addCommonPart(const std::string& augmentation, const Bytes& augmentationData,
-                              const Bytes& program) {
+    std::size_t addCie(const std::string& augmentation, const Bytes& augmentationData,
+                       const Bytes& program) {
         const std::size_t entry = beginEntry();
         put32(0);
         put8(1);  // version
@@ -45,10 +45,10 @@ class TableBuilder {
 
     /// Adds an FDE whose code is given by its offset in the module, as 32 bits relative to its
     /// place.
-    void addFunction(std::size_t common, std::uint64_t code, std::uint32_t size,
+    void addFunction(std::size_t cie, std::uint64_t code, std::uint32_t size,
                      const Bytes& program) {
         const std::size_t entry = beginEntry();
-        put32(static_cast<std::uint32_t>(end - common));
+        put32(static_cast<std::uint32_t>(end - cie));
         put32(static_cast<std::uint32_t>(code - end));
         put32(size);
         put8(0);  // no augmentation data
@@ -127,6 +127,6 @@ class TableBuilder {
 };
 
 /// def_cfa rsp+8; rip at -8: how every function starts.
-inline const Bytes usualCommonProgram = {0x0C, 7, 8, 0x90, 1};
+inline const Bytes usualCieProgram = {0x0C, 7, 8, 0x90, 1};
 
 }  // namespace ThreadUtilities::cfi

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "unwind/frame_description.h"
+#include "unwind/eh_frame.h"
 
 #include <cstdint>
 #include <optional>
@@ -27,18 +27,17 @@ ByteCursor takeEntry(ByteCursor& bytes) noexcept {
 }
 
 /// The augmentation letters of a CIE and the data that belongs to them.
-void parseAugmentation(std::string_view letters, ByteCursor& bytes,
-                       FrameDescription& description) noexcept {
+void parseAugmentation(std::string_view letters, ByteCursor& bytes, Fde& fde) noexcept {
     for (const char letter : letters) {
         switch (letter) {
             case 'z':  // its length has been read
             case 'B':  // a pointer authentication key, on other processors
                 break;
             case 'S':
-                description.isSignalFrame = true;
+                fde.isSignalFrame = true;
                 break;
             case 'R':
-                description.pointerEncoding = bytes.read<std::uint8_t>();
+                fde.pointerEncoding = bytes.read<std::uint8_t>();
                 break;
             case 'L':
                 bytes.read<std::uint8_t>();
@@ -53,9 +52,9 @@ void parseAugmentation(std::string_view letters, ByteCursor& bytes,
     }
 }
 
-bool parseCommonPart(const TableReader& reader, std::uint64_t entry, FrameDescription& description,
-                     bool& hasAugmentationLength) noexcept {
-    ByteCursor bytes = reader.common(entry).bytes;
+bool parseCie(const TableReader& reader, std::uint64_t entry, Fde& fde,
+              bool& hasAugmentationLength) noexcept {
+    ByteCursor bytes = reader.cie(entry).bytes;
     ByteCursor cie = takeEntry(bytes);
     if (cie.read<std::uint32_t>() != 0) {
         return false;
@@ -68,21 +67,21 @@ bool parseCommonPart(const TableReader& reader, std::uint64_t entry, FrameDescri
     if (version == 4 && (cie.read<std::uint8_t>() != 8 || cie.read<std::uint8_t>() != 0)) {
         return false;  // address size, segment selector size
     }
-    description.codeAlignment = cie.uleb128();
-    description.dataAlignment = cie.sleb128();
-    description.returnAddressColumn = version == 1 ? cie.read<std::uint8_t>() : cie.uleb128();
+    fde.codeAlignment = cie.uleb128();
+    fde.dataAlignment = cie.sleb128();
+    fde.returnAddressColumn = version == 1 ? cie.read<std::uint8_t>() : cie.uleb128();
     hasAugmentationLength = augmentation.starts_with('z');
     if (hasAugmentationLength) {
         ByteCursor data = cie.sub(cie.uleb128());
-        parseAugmentation(augmentation, data, description);
+        parseAugmentation(augmentation, data, fde);
         if (!data.ok()) {
             return false;
         }
     } else if (!augmentation.empty()) {
         return false;
     }
-    description.initialInstructions = cie;
-    return cie.ok() && description.returnAddressColumn < platform::RegisterCount;
+    fde.initialInstructions = cie;
+    return cie.ok() && fde.returnAddressColumn < platform::RegisterCount;
 }
 
 /// The index of the header: pairs of (start of code, address of its FDE), sorted by the first,
@@ -150,25 +149,23 @@ bool searchIndex(const TableReader& reader, std::uint64_t header, const Index& i
     return found.has_value();
 }
 
-bool covers(const FrameDescription& description, std::uint64_t address) noexcept {
-    return description.codeBegin <= address && address < description.codeEnd;
+bool covers(const Fde& fde, std::uint64_t address) noexcept {
+    return fde.codeBegin <= address && address < fde.codeEnd;
 }
 
 /// The entry at `entry`, if it covers the address.
 bool isEntryOf(const TableReader& reader, std::uint64_t entry, std::uint64_t address,
-               FrameDescription& description) noexcept {
-    return entry != 0 && parseFrameDescription(reader, entry, description) &&
-           covers(description, address);
+               Fde& fde) noexcept {
+    return entry != 0 && parseFde(reader, entry, fde) && covers(fde, address);
 }
 
 }  // namespace
 
 LookupResult scanEntries(const TableReader& reader, std::uint64_t frames, std::uint64_t address,
-                         unsigned mostEntries, FrameDescription& description,
-                         std::uint64_t& found) noexcept {
+                         unsigned mostEntries, Fde& fde, std::uint64_t& found) noexcept {
     std::uint64_t entry = frames;
     for (unsigned scanned = 0; scanned < mostEntries; ++scanned) {
-        TableReader::Piece piece = reader.description(entry);
+        TableReader::Piece piece = reader.fde(entry);
         ByteCursor body = takeEntry(piece.bytes);
         if (!piece.bytes.ok()) {
             return LookupResult::Malformed;
@@ -177,8 +174,8 @@ LookupResult scanEntries(const TableReader& reader, std::uint64_t frames, std::u
             return LookupResult::NotCovered;
         }
         const std::uint64_t next = piece.address();
-        const bool isCommonPart = body.read<std::uint32_t>() == 0;
-        if (!isCommonPart && isEntryOf(reader, entry, address, description)) {
+        const bool isCie = body.read<std::uint32_t>() == 0;
+        if (!isCie && isEntryOf(reader, entry, address, fde)) {
             found = entry;
             return LookupResult::Found;
         }
@@ -197,9 +194,8 @@ std::uint64_t framesOfHeader(const TableReader& reader, std::uint64_t header) no
     return version == 1 && piece.bytes.ok() ? frames : 0;
 }
 
-LookupResult findFrameDescription(const TableReader& reader, std::uint64_t header,
-                                  std::uint64_t frames, std::uint64_t address,
-                                  FrameDescription& description) noexcept {
+LookupResult findFde(const TableReader& reader, std::uint64_t header, std::uint64_t frames,
+                     std::uint64_t address, Fde& fde) noexcept {
     const Index index = indexOfHeader(reader, header);
     std::uint64_t entry = 0;
     if (index.count == 0) {
@@ -207,11 +203,11 @@ LookupResult findFrameDescription(const TableReader& reader, std::uint64_t heade
         if (scanned == noEntry) {
             return LookupResult::NotCovered;
         }
-        if (isEntryOf(reader, scanned, address, description)) {
+        if (isEntryOf(reader, scanned, address, fde)) {
             return LookupResult::Found;
         }
         const LookupResult result =
-            scanEntries(reader, frames, address, mostEntriesWhileHeld, description, entry);
+            scanEntries(reader, frames, address, mostEntriesWhileHeld, fde, entry);
         if (result == LookupResult::LongSearch) {
             wantScan(frames, address);
         }
@@ -223,35 +219,33 @@ LookupResult findFrameDescription(const TableReader& reader, std::uint64_t heade
     if (entry == 0) {
         return LookupResult::NotCovered;
     }
-    if (!parseFrameDescription(reader, entry, description)) {
+    if (!parseFde(reader, entry, fde)) {
         return LookupResult::Malformed;
     }
-    return covers(description, address) ? LookupResult::Found : LookupResult::NotCovered;
+    return covers(fde, address) ? LookupResult::Found : LookupResult::NotCovered;
 }
 
-bool parseFrameDescription(const TableReader& reader, std::uint64_t entry,
-                           FrameDescription& description) noexcept {
-    TableReader::Piece piece = reader.description(entry);
-    TableReader::Piece fde{takeEntry(piece.bytes), piece.shift};
-    const std::uint64_t distanceFrom = fde.address();
-    const auto distance = fde.bytes.read<std::uint32_t>();
+bool parseFde(const TableReader& reader, std::uint64_t entry, Fde& fde) noexcept {
+    TableReader::Piece piece = reader.fde(entry);
+    TableReader::Piece body{takeEntry(piece.bytes), piece.shift};
+    const std::uint64_t distanceFrom = body.address();
+    const auto distance = body.bytes.read<std::uint32_t>();
     bool hasAugmentationLength = false;
-    description = {};
-    description.tableEnd = reader.end();
-    if (distance == 0 ||
-        !parseCommonPart(reader, distanceFrom - distance, description, hasAugmentationLength)) {
+    fde = {};
+    fde.tableEnd = reader.end();
+    if (distance == 0 || !parseCie(reader, distanceFrom - distance, fde, hasAugmentationLength)) {
         return false;
     }
-    description.codeBegin = readEncodedPointer(fde.bytes, description.pointerEncoding, piece.shift);
-    const std::uint64_t size = readEncodedNumber(fde.bytes, description.pointerEncoding);
+    fde.codeBegin = readEncodedPointer(body.bytes, fde.pointerEncoding, piece.shift);
+    const std::uint64_t size = readEncodedNumber(body.bytes, fde.pointerEncoding);
     if (hasAugmentationLength) {
-        fde.bytes.skip(fde.bytes.uleb128());
+        body.bytes.skip(body.bytes.uleb128());
     }
-    const auto codeEnd = checkedAdd(description.codeBegin, size);
-    description.codeEnd = codeEnd.value_or(0);
-    description.instructions = fde.bytes;
-    description.instructionShift = piece.shift;
-    return codeEnd.has_value() && fde.bytes.ok();
+    const auto codeEnd = checkedAdd(fde.codeBegin, size);
+    fde.codeEnd = codeEnd.value_or(0);
+    fde.instructions = body.bytes;
+    fde.instructionShift = piece.shift;
+    return codeEnd.has_value() && body.bytes.ok();
 }
 
 }  // namespace ThreadUtilities::cfi

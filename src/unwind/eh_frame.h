@@ -13,7 +13,7 @@
 namespace ThreadUtilities::cfi {
 
 /// One FDE with what it needs of its CIE. The cursors point into what the reader gave.
-struct FrameDescription {
+struct Fde {
     std::uint64_t codeBegin = 0;
     std::uint64_t codeEnd = 0;
     std::uint64_t codeAlignment = 1;
@@ -47,18 +47,15 @@ std::uint64_t framesOfHeader(const TableReader& reader, std::uint64_t header) no
 /// stands at `found`. The true end of `.eh_frame` is not recorded anywhere: a terminator or
 /// the end of what can be read ends it.
 LookupResult scanEntries(const TableReader& reader, std::uint64_t frames, std::uint64_t address,
-                         unsigned mostEntries, FrameDescription& description,
-                         std::uint64_t& found) noexcept;
+                         unsigned mostEntries, Fde& fde, std::uint64_t& found) noexcept;
 
 /// Finds the FDE that covers `address`: by the sorted index where the header has one, else among
 /// the first entries, or by what a longer search outside has found.
-LookupResult findFrameDescription(const TableReader& reader, std::uint64_t header,
-                                  std::uint64_t frames, std::uint64_t address,
-                                  FrameDescription& description) noexcept;
+LookupResult findFde(const TableReader& reader, std::uint64_t header, std::uint64_t frames,
+                     std::uint64_t address, Fde& fde) noexcept;
 
 /// Parses the FDE at `entry`. False when it or its CIE is malformed or uses what no x86-64
 /// toolchain writes.
-bool parseFrameDescription(const TableReader& reader, std::uint64_t entry,
-                           FrameDescription& description) noexcept;
+bool parseFde(const TableReader& reader, std::uint64_t entry, Fde& fde) noexcept;
 
 }  // namespace ThreadUtilities::cfi
