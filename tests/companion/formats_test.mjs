@@ -5,7 +5,9 @@
 
 import assert from 'node:assert/strict';
 import {spawn, spawnSync} from 'node:child_process';
+import {once} from 'node:events';
 import fs from 'node:fs';
+import os from 'node:os';
 import path from 'node:path';
 import {test} from 'node:test';
 import zlib from 'node:zlib';
@@ -137,18 +139,28 @@ test('speedscope', async () => {
     assert.deepEqual(speedscopeWeights(saved).map(withFrames), expected.map(withFrames));
 });
 
-test('firefox', async () => {
+test('firefox', {timeout: 600000}, async () => {
     const reader = modules('@firefox-devtools/profiler-cli');
-    const env = {...process.env, PROFILER_CLI_SESSION_DIR: path.join(folder, 'firefox')};
+    const sessions = fs.mkdtempSync(path.join(os.tmpdir(), 'firefox-'));
+    const env = {...process.env, PROFILER_CLI_SESSION_DIR: sessions,
+        PROFILER_CLI_NO_SYMBOLICATE: '1'};
     const ask = (...words) => spawnSync(process.execPath,
         [reader, ...words, '--session', 'test', '--json'], {encoding: 'utf8', env});
     // Its own way of starting this gives up after half a second, which a busy machine may need.
     const server = spawn(process.execPath, [reader, '--daemon', convert('awkward.firefox.json'),
         '--session', 'test'], {env, stdio: 'ignore'});
-    try {
-        while (server.exitCode === null && ask('thread', 'select', 't-0').status !== 0) {
-            await new Promise((resolve) => { setTimeout(resolve, 200); });
+    const ended = once(server, 'exit');
+    const until = async (isThere) => {
+        while (!isThere()) {
+            assert.equal(server.exitCode ?? server.signalCode, null, 'the reader has ended');
+            await new Promise((resolve) => { setTimeout(resolve, 100); });
         }
+    };
+    try {
+        // Who asks before the session is written down takes its socket for one left behind and
+        // removes it, and nobody reaches the server again. This is the last that it writes.
+        await until(() => fs.existsSync(path.join(sessions, 'current.txt')));
+        await until(() => ask('thread', 'select', 't-0').status === 0);
         for (const [index, {label, stacks}] of report.threads.entries()) {
             assert.equal(ask('thread', 'select', `t-${index}`).status, 0);
             const found = JSON.parse(ask('thread', 'functions').stdout);
@@ -159,6 +171,8 @@ test('firefox', async () => {
                 .map((each) => [each.name, each.selfSamples])), sum(own));
         }
     } finally {
-        server.kill();
+        server.kill('SIGKILL');
+        await ended;
+        fs.rmSync(sessions, {recursive: true});
     }
 });
