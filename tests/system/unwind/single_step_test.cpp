@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "platform/code_modules.h"
+#include "platform/thread_stacks.h"
 #include "support/sanitizers.h"
 #include "unwind/call_site.h"
 #include "unwind/frame_pointer_recovery.h"
