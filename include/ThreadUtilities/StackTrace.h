@@ -29,7 +29,7 @@ namespace ThreadUtilities {
 /// executing is itself not stored: its first entry is the return address of its innermost function.
 /// For the calling thread, entry 0 lies inside `getStackTrace`.
 ///
-/// With `suspend` the thread stands still while its stack is walked; without, it runs on and the
+/// With `suspend` the thread is stopped while its stack is walked; without, it runs on and the
 /// walk takes what it finds. The flag means nothing for the calling thread. The thread runs again
 /// on every path, and no heap memory and no lock is used while it stands. A stack deeper than 256
 /// frames is collected in memory that the call maps for itself, if there is any.
@@ -69,7 +69,7 @@ THREAD_UTILITIES_API std::wstring getFrameDetails(const unsigned int& processId,
 /// first, each as `getFrameDetails` describes it, with nothing between them and no line end.
 /// Frames that lie in no module are left out.
 ///
-/// The thread stands still only while its frames are captured; it runs again before the first one
+/// The thread is stopped only while its frames are captured; it runs again before the first one
 /// is described. A report on the calling thread begins with frames of this library.
 ///
 /// Empty when nothing could be captured; "debugger attached" when a debugger is attached to the
@@ -84,7 +84,7 @@ THREAD_UTILITIES_API std::string getStackTrace(vesko::handle<ICoreFramework> fra
 ///     [4711][worker]libc.so.6+0x91A26{...};app+0x1C2B{...};
 ///
 /// with thread id, name (possibly empty) and stack as above. Threads that gave no stack, because
-/// they had ended for example, have no line. Threads stand still one at a time, each only while
+/// they had ended for example, have no line. Threads are stopped one at a time, each only while
 /// its own frames are captured.
 ///
 /// `second` is empty. When a debugger is attached it reads "debugger attached", and `first` is the

@@ -28,7 +28,7 @@ void release_values() noexcept {
 }
 
 // Made at load, before the static objects of a host that may set a hint. Not on first use: the
-// guard of a static object in a function stays closed for ever in a copy of the process that is
+// guard of a static object in a function stays closed for ever in a fork child that is
 // made meanwhile.
 [[gnu::init_priority(101)]] ThreadUtilities::platform::ThreadExitCall release_at_exit(
     release_values);

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "foundation/never_destroyed.h"
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 
 namespace vesko {
 namespace {
@@ -35,9 +35,9 @@ struct Shared {
 };
 [[gnu::init_priority(101)]] ThreadUtilities::NeverDestroyed<Shared> shared;
 
-// Nothing of the old generator is touched: its mutex may be held by a thread that the copy does
-// not have, and going on from its state would give the copy the numbers of the original.
-ThreadUtilities::platform::RestartInCopy seedAfresh([] { new (&shared.value) Shared; });
+// Nothing of the old generator is touched: its mutex may be held by a thread that the child does
+// not have, and going on from its state would give the child the numbers of its parent.
+ThreadUtilities::platform::RestartInForkChild seedAfresh([] { new (&shared.value) Shared; });
 
 Generator& sharedGenerator() {
     const std::lock_guard lock(shared.value.creation);

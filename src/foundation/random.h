@@ -31,8 +31,8 @@ class Generator {
 /// of the process share. With `randomSign` it is negated in half of the cases (the lowest `int` is
 /// its own negation); not so when `lo == hi`, which draws nothing. Precondition: `lo <= hi`.
 ///
-/// The first call seeds the generator. A copied process seeds one of its own: it would otherwise
-/// repeat the numbers of its original.
+/// The first call seeds the generator. a fork child seeds one of its own: it would otherwise
+/// repeat the numbers of its parent.
 int randomInt(int lo, int hi, bool randomSign);
 
 /// Every random integer of the library is drawn through this. Constant, so that static objects of

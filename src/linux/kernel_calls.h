@@ -49,8 +49,8 @@ inline int openFile(const char* path, int flags) noexcept {
     return static_cast<int>(kernelCall(SYS_openat, AT_FDCWD, argument(path), flags | O_CLOEXEC));
 }
 
-/// Copies memory of a process, from the stretches `there` to the stretches `here`, each taken as
-/// one. Returns how many bytes were copied from the front, 0 where the first cannot be read.
+/// Copies memory of a process: what lies in the stretches `there`, one behind the other, to the
+/// stretches `here`. Returns how many bytes were copied from the front; 0 also on failure.
 inline std::size_t copyMemory(int processId, std::span<const iovec> there,
                               std::span<const iovec> here) noexcept {
     const long copied = kernelCall(SYS_process_vm_readv, processId, argument(here.data()),

@@ -31,7 +31,7 @@ struct CodeModule {
 
 /// Brings up to date what the lookups need where the system has no lookup of its own that takes no
 /// lock; there it takes the loader's lock for its list, which no code of a module runs under. Does
-/// nothing elsewhere. Never while a thread stands still.
+/// nothing elsewhere. Never while a thread is stopped.
 void prepareModuleLookup() noexcept;
 
 /// Finds the module that covers `address`; false when there is none. Never faults. Without

@@ -7,7 +7,7 @@
 
 namespace ThreadUtilities::platform {
 
-/// The calling thread's id; kept per thread, renewed in a copied process.
+/// The calling thread's id; kept per thread, renewed in a fork child.
 unsigned int currentThreadId() noexcept;
 
 unsigned int currentProcessId() noexcept;

@@ -21,7 +21,7 @@ struct ReadableRange {
 /// Copies up to `size` bytes that begin at `address` of the calling process. Returns how many
 /// bytes were copied from the front: fewer than `size`, possibly 0, where the memory beyond is
 /// not readable. Never faults. No allocation, no lock; safe while the thread whose memory it is
-/// stands still, and in a signal handler.
+/// is stopped, and in a signal handler.
 std::size_t readOwnMemory(std::uint64_t address, void* out, std::size_t size) noexcept;
 
 /// The system protects and gives memory in pages of this size.

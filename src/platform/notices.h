@@ -8,7 +8,7 @@
 namespace ThreadUtilities::platform {
 
 /// Once, on the thread that loads the library, before any other code of the library is asked for
-/// anything. Also in a copied process, on its only thread.
+/// anything. Also in a fork child, on its only thread.
 void onProcessAttach();
 
 /// On a new thread, before its own code runs.

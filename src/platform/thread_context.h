@@ -54,7 +54,7 @@ struct ThreadContext {
     /// Whether the thread is held while the visitor runs. If not, it may go on, return, and let
     /// the modules be unloaded that it was in: apart from `stack`, everything found through this
     /// context, unwind tables included, is read through `readOwnMemory`.
-    bool standsStill = true;
+    bool isStopped = true;
     /// Whether the visitor may call the system. Not so on a thread with a system call filter of
     /// its own, which may end the thread for any call: `readOwnMemory` is out of reach there, and
     /// what cannot be read without it ends the walk.
@@ -119,11 +119,11 @@ struct Visit {
 
 /// Lets `request.visitor` see the context of a thread and stores what it found in `frames`.
 ///
-/// With `suspend` the context is one at which the thread stood while the visitor looked at it, and
-/// the thread runs again on every path; without, the context was true a moment ago and the thread
-/// runs on. A thread that a debugger traces is not visited. Any number of visits may go on at once,
-/// two threads that visit each other included. No heap. Whatever the visited thread does later, it
-/// touches nothing of the caller's.
+/// With `suspend` the context is one at which the thread was stopped while the visitor looked at
+/// it, and the thread runs again on every path; without, the context was true a moment ago and the
+/// thread runs on. A thread that a debugger traces is not visited. Any number of visits may go on
+/// at once, two threads that visit each other included. No heap. Whatever the visited thread does
+/// later, it touches nothing of the caller's.
 Visit visitThreadContext(const VisitRequest& request,
                          std::span<unsigned long long> frames) noexcept;
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "foundation/never_destroyed.h"
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 
 namespace ThreadUtilities {
 
@@ -100,8 +100,8 @@ void ScopedThreadNotifications::shutdown() {
 }
 
 // Readers of the list leave it as it is, so it is whole unless some thread was changing it. Then,
-// and only then, the copy begins with an empty one; what the old one held is lost to it.
-void ScopedThreadNotifications::restartInCopy() noexcept {
+// and only then, the fork child begins with an empty one; what the old one held is lost to it.
+void ScopedThreadNotifications::restartInForkChild() noexcept {
     new (&callbacksMutex) std::mutex;
     if (isChanging.exchange(false)) {
         new (&callbacks) std::vector<std::weak_ptr<IScopedThreadCallback>>;
@@ -115,7 +115,7 @@ namespace {
 // Made before the static objects of a host that may name threads.
 [[gnu::init_priority(101)]] NeverDestroyed<ScopedThreadNotifications> notifications;
 
-platform::RestartInCopy restartNotifications([] { notifications.value.restartInCopy(); });
+platform::RestartInForkChild restartNotifications([] { notifications.value.restartInForkChild(); });
 
 }  // namespace
 

@@ -38,8 +38,8 @@ class ScopedThreadNotifications {
     /// Disables, then empties the list.
     void shutdown();
 
-    /// For a copied process; see `platform/process_copy.h`.
-    void restartInCopy() noexcept;
+    /// In a fork child; see `platform/fork_child.h`.
+    void restartInForkChild() noexcept;
 
  private:
     class Change;

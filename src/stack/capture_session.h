@@ -23,7 +23,7 @@ namespace ThreadUtilities {
 /// 5 ms late), and within a millisecond, or 10 for a thread that has not run, the answer to
 /// whether a debugger is attached.
 ///
-/// For one thread at a time. Allocates, though never while a thread stands still.
+/// For one thread at a time. Allocates, though never while a thread is stopped.
 class CaptureSession {
  public:
     /// No capture waits for a thread longer than up to `runEnd`. `mostOpenFiles` may be kept open
@@ -32,7 +32,7 @@ class CaptureSession {
                    std::size_t mostOpenFiles)
         : buffer(maxFrames), deadline(runEnd), mostFiles(mostOpenFiles), freeFiles(mostOpenFiles) {}
 
-    /// Captures one thread, which stands still meanwhile; returns the number of frames.
+    /// Captures one thread, which is stopped meanwhile; returns the number of frames.
     std::size_t capture(unsigned int threadId);
 
     /// Whether the last capture found the same as the one before of the same thread, because that

@@ -12,7 +12,7 @@
 
 #include "foundation/guid_text.h"
 #include "foundation/never_destroyed.h"
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -25,8 +25,8 @@ struct Instance {
 NeverDestroyed<Instance> storage;
 
 // Another thread may have held either mutex, or been in the middle of a renewal, when the process
-// was copied. The old manager is given up as it is; a lookup that finds none makes another.
-platform::RestartInCopy startWithoutManager([] { new (&storage.value) Instance; });
+// forked. The old manager is given up as it is; a lookup that finds none makes another.
+platform::RestartInForkChild startWithoutManager([] { new (&storage.value) Instance; });
 
 WideString upperCase(WideString text) {
     for (WideChar& unit : text) {

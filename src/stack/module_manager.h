@@ -33,7 +33,7 @@ struct ModuleRecord {
 ///
 /// Any thread may look up; lookups wait for each other. They allocate, and for the calling
 /// process they take the loader's lock for its list: not to be called while a thread that may
-/// hold that lock or the heap's stands still, nor from a callback of the loader's list walk.
+/// hold that lock or the heap's is stopped, nor from a callback of the loader's list walk.
 class ModuleManager {
  public:
     /// The one manager of the library, made on the first call.

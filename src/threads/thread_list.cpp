@@ -15,8 +15,8 @@
 #include "foundation/never_destroyed.h"
 #include "platform/clock.h"
 #include "platform/current.h"
+#include "platform/fork_child.h"
 #include "platform/notices.h"
-#include "platform/process_copy.h"
 #include "platform/threads.h"
 
 namespace ThreadUtilities {
@@ -35,7 +35,7 @@ constinit std::atomic<bool> allWereAnnounced{false};  // when the list was last 
 constinit std::atomic<std::uint32_t> starts{0};
 constinit std::atomic<std::uint32_t> sleepers{0};
 
-platform::RestartInCopy startAfresh([] {
+platform::RestartInForkChild startAfresh([] {
     allWereAnnounced = false;
     sleepers = 0;
     mainThreadId = platform::currentThreadId();
@@ -91,12 +91,12 @@ std::vector<unsigned int> corrected(const std::vector<unsigned int>& known,
 }  // namespace
 
 unsigned int mainThread() noexcept {
-    platform::currentThreadId();  // notices where this is a copied process
+    platform::currentThreadId();  // notices where this is a fork child
     return mainThreadId.load(std::memory_order_relaxed);
 }
 
 std::vector<unsigned int> ownThreads() {
-    platform::currentThreadId();  // notices where this is a copied process
+    platform::currentThreadId();  // notices where this is a fork child
     // Threads that come and go while the list is compared with the system make the comparison
     // worthless; after a few of those the list is corrected instead.
     constexpr int Tries = 3;

@@ -12,7 +12,7 @@
 
 namespace ThreadUtilities {
 
-/// The thread on which the library was loaded, or the only thread of a copied process.
+/// The thread on which the library was loaded, or the only thread of a fork child.
 unsigned int mainThread() noexcept;
 
 /// The threads of this process: those found at load, then the later ones in the order of their

@@ -35,7 +35,7 @@ enum class LookupResult {
     LongSearch,  ///< not among the first entries of a table without an index
 };
 
-/// Entries that are looked at one by one while a thread stands still, some microseconds, and
+/// Entries that are looked at one by one while a thread is stopped, some microseconds, and
 /// outside.
 inline constexpr unsigned mostEntriesWhileHeld = 128;
 inline constexpr unsigned maxScannedEntries = 1 << 16;

@@ -111,7 +111,7 @@ WalkResult searching(Walking walkOnce) noexcept {
                                              const Start& start, unsigned long long* frames,
                                              std::size_t maxFrames) noexcept {
     StackWords words(context.stack, context.stackShift);
-    if (context.standsStill) {
+    if (context.isStopped) {
         return walkHeld(start, words, frames, maxFrames);
     }
     return searching([&] { return walkWithCopies(start, words, frames, maxFrames); });
@@ -153,7 +153,7 @@ WalkResult walkThread(const platform::ThreadContext& context, unsigned long long
     start.stackShift = context.stackShift;
     start.mayCallSystem = context.mayCallSystem;
     start.scratch = context.scratch;
-    if (!context.standsStill || context.stackShift != 0) {
+    if (!context.isStopped || context.stackShift != 0) {
         return walkCopiedStack(context, start, frames, maxFrames);
     }
     StackWords words(context.stack, context.readableStack, context.mayCallSystem);

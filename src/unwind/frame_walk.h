@@ -12,7 +12,7 @@
 
 namespace ThreadUtilities {
 
-/// Does what must not happen while a thread stands still: binds what the walks need of the
+/// Does what must not happen while a thread is stopped: binds what the walks need of the
 /// system. Called before every capture of another thread; nearly free after the first time.
 void prepareFrameWalks() noexcept;
 

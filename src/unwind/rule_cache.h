@@ -30,7 +30,7 @@ namespace ThreadUtilities::cfi {
 /// modules that may follow each other at one place have the same identity, an entry of an unloaded
 /// module matches no walk through its successor: nothing needs to be told of loads and unloads. A
 /// module cannot be replaced between the identity and the match, since the walked thread has a
-/// frame in it and stands still; where it does not stand still, what the walk finds is not relied
+/// frame in it and is stopped; where it is not stopped, what the walk finds is not relied
 /// on.
 ///
 /// *Prediction.* An entry also names the slot of the address that followed last time, the caller. A

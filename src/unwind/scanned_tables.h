@@ -24,7 +24,7 @@ std::uint64_t scannedEntry(std::uint64_t address) noexcept;
 void wantScan(std::uint64_t frames, std::uint64_t address) noexcept;
 
 /// Looks for the entry that was noted last; false when there is none, or it is not found. Nearly
-/// free when nothing was noted, else up to a tenth of a second: not while a thread stands still.
+/// free when nothing was noted, else up to a tenth of a second: not while a thread is stopped.
 /// No allocation, no lock.
 bool scanWanted() noexcept;
 

@@ -19,7 +19,7 @@ namespace ThreadUtilities {
 /// may hold pages that its owner has protected (the guards of coroutine stacks laid inside of it),
 /// and a damaged chain of frames leads anywhere. The walk begins with what the context names, and
 /// asks the system for each further page of the thread's own stack, once, two pages at a time.
-/// Because that stack is nobody else's and its owner stands still, a page found readable stays so.
+/// Because that stack is nobody else's and its owner is stopped, a page found readable stays so.
 ///
 /// Alternate signal stacks, coroutine stacks and garbage lie outside of the own stack, where
 /// another thread may unmap a page between the answer and the read: such words are copied by the

@@ -90,7 +90,7 @@ Registers registersOf(const CONTEXT& context) noexcept {
 }
 
 // The visitor runs on the calling thread, so the caller's own room will do.
-Visit readAndShow(HANDLE thread, bool standsStill, ContextVisitor visitor,
+Visit readAndShow(HANDLE thread, bool isStopped, ContextVisitor visitor,
                   std::span<unsigned long long> frames) noexcept {
     CONTEXT context{};
     context.ContextFlags = CONTEXT_FULL;
@@ -101,7 +101,7 @@ Visit readAndShow(HANDLE thread, bool standsStill, ContextVisitor visitor,
     // enough. The bounds of the thread's stack are not asked for: its walk runs under a guard.
     ThreadContext seen;
     seen.registers = registersOf(context);
-    seen.standsStill = standsStill;
+    seen.isStopped = isStopped;
     VisitRoom room{frames.data(), frames.size()};
     visitor(seen, room);
     return {VisitResult::Visited, room.frameCount};
@@ -115,7 +115,7 @@ Visit stopAndShow(HANDLE thread, const VisitRequest& request,
     }
     // Declared behind the visit, so that the thread runs again before the visit ends. A suspension
     // that failed does not end the visit: a thread that others suspended as often as the system
-    // counts stands still all the same, and one that has ended has no context.
+    // counts is stopped all the same, and one that has ended has no context.
     const Suspension suspension(thread);
     return readAndShow(thread, suspension.isInForce(), request.visitor, frames);
 }

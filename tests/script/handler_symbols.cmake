@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 # SPDX-License-Identifier: MIT
 
-# What runs while a thread stands still, in a signal handler on it, calls nothing that allocates,
+# What runs while a thread is stopped, in a signal handler on it, calls nothing that allocates,
 # locks or waits: apart from one another, its objects import these symbols only.
 #
 #   cmake -DNM=<nm> -DOBJECTS=<object>|<object>... -P handler_symbols.cmake
@@ -20,7 +20,7 @@ set(allowed_outside
     _ZN15ThreadUtilities8platform20findPermanentModulesESt4spanIKmLm18446744073709551615EEmS1_INS0_10CodeModuleELm18446744073709551615EE
     _ZN15ThreadUtilities8platform14walkLoaderListEPFiP12dl_phdr_infomPvES3_
     _ZN15ThreadUtilities8platform17currentStackRangeEv
-    _ZN15ThreadUtilities8platform13RestartInCopyC1EPFvvE)
+    _ZN15ThreadUtilities8platform18RestartInForkChildC1EPFvvE)
 
 set(runs_in_handlers
     "/handler/"

@@ -11,7 +11,7 @@
 
 #include "platform/current.h"
 #include "platform/debugger.h"
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 #include "platform/thread_exit.h"
 
 namespace ThreadUtilities::platform {
@@ -65,8 +65,9 @@ bool isDebuggerAttached() noexcept {
     return scripted::debuggerAttached;
 }
 
-// The scripted system never copies a process.
-RestartInCopy::RestartInCopy(void (*restartFunction)()) noexcept : restart(restartFunction) {}
+// The scripted system has no fork.
+RestartInForkChild::RestartInForkChild(void (*restartFunction)()) noexcept
+    : restart(restartFunction) {}
 
 ThreadExitCall::ThreadExitCall(void (*exitFunction)() noexcept) noexcept
     : function(exitFunction), systemKey(0) {}

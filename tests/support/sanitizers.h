@@ -23,6 +23,6 @@ constexpr auto framePointersAreKept =
 constexpr auto threadsMustSayThatTheyEnd =
     "AddressSanitizer's state of a thread that ends by a bare system call stands in the way of the "
     "next thread on its stack";
-constexpr auto copiesMayHang = "the sanitizer's own locks may stay locked in a copy of the process";
+constexpr auto copiesMayHang = "the sanitizer's own locks may stay locked in a fork child";
 
 }  // namespace ThreadUtilities

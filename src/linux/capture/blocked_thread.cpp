@@ -162,7 +162,7 @@ bool visitAt(const BlockedAt& at, ContextVisitor visitor, VisitSlot& slot) {
     context.registers = at.registers;
     context.stack = stack.range();
     context.stackShift = stack.shift();
-    context.standsStill = false;
+    context.isStopped = false;
     context.scratch = slot.scratch();
     VisitorAnswer answer = visitKnowing(context, pointers, visitor, slot);
     // Few need an argument to find their caller: `vfork` keeps its return address in one, because

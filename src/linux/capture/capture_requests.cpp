@@ -16,7 +16,7 @@
 #include <span>
 
 #include "linux/kernel_calls.h"
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -43,7 +43,7 @@ void freeRequest(CaptureRequest& request) {
     request.word.store(old.nextFree().bits(), std::memory_order_release);
 }
 
-// The copy has none of the threads that posted or were asked.
+// The child has none of the threads that posted or were asked.
 void forgetRequests() {
     for (std::size_t slot = 0; slot < requestSlots; ++slot) {
         auto& used = captureRequests.used[slot / slotsPerWord];
@@ -53,7 +53,7 @@ void forgetRequests() {
         }
     }
 }
-RestartInCopy forgetRequestsInCopy(forgetRequests);
+RestartInForkChild forgetRequestsInForkChild(forgetRequests);
 
 // A request that was abandoned to a thread which has ended since has no handler any more.
 void takeBackFromEndedThreads() {

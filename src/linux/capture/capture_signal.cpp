@@ -18,8 +18,8 @@
 #include "linux/capture/handler/capture_handler.h"
 #include "linux/capture/handler/handler_chain.h"
 #include "linux/kernel_calls.h"
+#include "platform/fork_child.h"
 #include "platform/memory.h"
-#include "platform/process_copy.h"
 
 // Which signal. Any that the host can use it may use, block, wait for or ignore, and a second one
 // of a kind is merged with a pending one, so that either side loses its own. The GNU C library
@@ -65,7 +65,7 @@ std::uintptr_t ownFunction() {
 // Two threads that find the handler missing must not both install it: the one that comes second
 // would take the first one's idea of what was there before for older than its own.
 constinit std::atomic<bool> installing{false};
-RestartInCopy endInstallationInCopy([] { installing = false; });
+RestartInForkChild endInstallationInForkChild([] { installing = false; });
 
 long exchangeAction(int number, const KernelAction* next, KernelAction* previous) {
     return kernelCall(SYS_rt_sigaction, number, argument(next), argument(previous),
@@ -215,7 +215,7 @@ class FullQueue {
     std::atomic<Time> lastSeen_{0};
 };
 
-// Of moments, so that a copy of the process need not forget it.
+// Of moments, so that a fork child need not forget it.
 constinit FullQueue fullQueue;
 
 }  // namespace

@@ -244,7 +244,7 @@ VisitorAnswer copyContext(const ThreadContext& context, VisitRoom&) noexcept {
 // The registers are the thread's of a moment ago; the visitor runs here, in another slot's room.
 void visitCopy(VisitSlot& slot, const VisitRequest& request) {
     ThreadContext context = *std::launder(reinterpret_cast<ThreadContext*>(slot.scratch().data()));
-    context.standsStill = false;
+    context.isStopped = false;
     context.mayCallSystem = true;
     while (request.visitor(context, slot.room()) == VisitorAnswer::RoomMissing && slot.growRoom()) {
     }

@@ -18,7 +18,7 @@
 #include "linux/kernel_calls.h"
 #include "linux/proc_file.h"
 #include "platform/current.h"
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 #include "platform/thread_stacks.h"
 
 // The stack pointer at the program's entry, kept by the dynamic linker.
@@ -75,7 +75,7 @@ constinit std::array<Slot, GroupSize * GroupCount> slots{};
 // Not an id that the system gives out (the highest is 2^22).
 constexpr unsigned int Claimed = ~0U;
 
-// What the calling thread entered; a copied process has no other way to tell where its only
+// What the calling thread entered; a fork child has no other way to tell where its only
 // thread stood, because that thread's id is another one there.
 constinit thread_local std::uint64_t ownRange = 0;
 
@@ -108,7 +108,7 @@ void enter(unsigned int threadId, std::uint64_t range) noexcept {
     }
 }
 
-RestartInCopy keepOnlyTheCaller([] {
+RestartInForkChild keepOnlyTheCaller([] {
     for (Slot& slot : slots) {
         if (slot.threadId.load(std::memory_order_relaxed) != 0) {
             slot.threadId.store(0, std::memory_order_relaxed);

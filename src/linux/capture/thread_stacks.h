@@ -13,7 +13,7 @@ namespace ThreadUtilities::platform {
 /// the thread lives, though the thread may have protected parts of it. False when it is not known,
 /// which says nothing about the thread.
 ///
-/// The answer holds for as long as the caller knows the thread to be alive: it stands still, is
+/// The answer holds for as long as the caller knows the thread to be alive: it is stopped, is
 /// seen to be blocked, or is the caller itself.
 ///
 /// Context: anywhere, a signal handler included; no allocation, no lock, no `thread_local`.

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstddef>
 
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -14,9 +14,9 @@ namespace {
 constinit std::atomic<int> walksUnderWay{0};
 constinit bool lockIsLost = false;
 
-// The thread that copies the process is in no walk, because a walk runs no code but this library's.
-// So those under way are other threads', and do not go on in the copy.
-RestartInCopy noteAbandonedWalks([] { lockIsLost |= walksUnderWay.exchange(0) != 0; });
+// The thread that forks is in no walk, because a walk runs no code but this library's.
+// So those under way are other threads', and do not go on in the child.
+RestartInForkChild noteAbandonedWalks([] { lockIsLost |= walksUnderWay.exchange(0) != 0; });
 
 }  // namespace
 

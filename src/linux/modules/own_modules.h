@@ -13,7 +13,7 @@
 namespace ThreadUtilities::platform {
 
 /// The modules in the loader's order. None when the loader does not show all of them (it hides
-/// those of other link-map namespaces) or, in a copy of a process, none at all, and when the
+/// those of other link-map namespaces) or, in a fork child, none at all, and when the
 /// headers of one cannot be read.
 std::optional<std::vector<LoadedModule>> listOwnModules();
 

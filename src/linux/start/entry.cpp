@@ -10,7 +10,7 @@
 #include <new>
 
 #include "linux/capture/thread_stacks.h"
-#include "linux/copied_process.h"
+#include "linux/fork_child.h"
 #include "linux/threads/thread_exit.h"
 #include "linux/threads/thread_names.h"
 #include "linux/threads/threads.h"
@@ -47,7 +47,7 @@ void attachProcess() noexcept {
 // After the constructors 101 of this backend, before the static objects of the program.
 __attribute__((constructor(102))) void load() {
     setThreadNotices({onThreadAttach, onThreadDetach});
-    setActionAfterCopy([] { attachProcess(); });
+    setActionInForkChild([] { attachProcess(); });
     rememberFirstThreadStack();
     countOwnExitRounds();
     forgetStack.request();

@@ -19,7 +19,7 @@
 #include <cstdint>
 #include <new>
 
-#include "linux/copied_process.h"
+#include "linux/fork_child.h"
 #include "linux/start/entry.h"
 
 // This library's own definitions, whichever ones those names lead to.
@@ -177,7 +177,7 @@ __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
     if (staysOutside || !isLoaded()) {
         return next(thread, attributes, function, argument);
     }
-    noticeCopy();
+    noticeForkChild();
     ThreadRecord* const record = makeRecord(function, argument);
     if (record == nullptr) {
         return EAGAIN;
@@ -198,7 +198,7 @@ __attribute__((visibility("default"))) int thrd_create(thrd_t* thread, thrd_star
     if (staysOutside || !isLoaded()) {
         return next(thread, function, argument);
     }
-    noticeCopy();
+    noticeForkChild();
     ThreadRecord* const record = makeRecord(function, argument);
     if (record == nullptr) {
         return thrd_nomem;

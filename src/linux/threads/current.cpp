@@ -8,7 +8,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "linux/copied_process.h"
+#include "linux/fork_child.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -17,7 +17,7 @@ constinit thread_local unsigned int cachedThreadId = 0;
 constinit thread_local std::uint32_t markAtCaching = 0;
 
 unsigned int renewedThreadId() noexcept {
-    noticeCopy();
+    noticeForkChild();
     const auto threadId = static_cast<unsigned int>(gettid());
     if (const std::uint32_t mark = processMark->load(std::memory_order_acquire); isReady(mark)) {
         cachedThreadId = threadId;
@@ -28,7 +28,7 @@ unsigned int renewedThreadId() noexcept {
 
 }  // namespace
 
-// Every family asks this first, which is why an unannounced copy is noticed here.
+// Every family asks this first, which is why an unannounced fork child is noticed here.
 unsigned int currentThreadId() noexcept {
     if (processMark->load(std::memory_order_acquire) == markAtCaching) [[likely]] {
         return cachedThreadId;

@@ -18,7 +18,7 @@ namespace ThreadUtilities::platform {
 /// freed before.
 class LifeWitness {
  public:
-    /// On the thread concerned, once; in a copied process once more, because the copy's list is
+    /// On the thread concerned, once; in a fork child once more, because the child's list is
     /// empty. False where the system has no robust mutexes: the end then never shows.
     bool begin() noexcept;
 

@@ -224,7 +224,7 @@ void nameAfterProgram(ThreadRecord& record) noexcept {
 }
 
 void setOwnThreadName(std::string_view name) {
-    currentThreadId();  // notices where this is a copied process
+    currentThreadId();  // notices where this is a fork child
     ThreadRecord* const record = ownRecord() != nullptr ? ownRecord() : makeOwnRecord();
     // Nobody else looks at `previous` here; its memory is used again.
     record->previous.whole.assign(name);

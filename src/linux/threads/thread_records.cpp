@@ -14,7 +14,7 @@
 #include "foundation/never_destroyed.h"
 #include "linux/threads/task_folder.h"
 #include "platform/current.h"
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -165,7 +165,7 @@ void linkOwn(ThreadRecord* record) noexcept {
 
 // The calling thread's record was in nobody's hands, since only that thread changes it. The other
 // records may be half changed; they stay where they are, unreachable.
-RestartInCopy keepOnlyTheCallersRecord([] {
+RestartInForkChild keepOnlyTheCallersRecord([] {
     new (&registry) Registry;
     firstThreadEnded = false;
     if (own != nullptr) {

@@ -15,14 +15,14 @@
 #include "linux/threads/thread_records.h"
 #include "linux/threads/threads.h"
 #include "platform/current.h"
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 
 namespace ThreadUtilities::platform {
 namespace {
 
 constinit std::atomic<bool> everyEndIsAnnounced{false};
 
-RestartInCopy copyAnnouncesNothingYet([] { everyEndIsAnnounced = false; });
+RestartInForkChild forkChildAnnouncesNothingYet([] { everyEndIsAnnounced = false; });
 
 // What a listing says is checked: when the kernel counts as many threads as were listed, and after
 // that all of those are still there, then at the count the process had these threads and no

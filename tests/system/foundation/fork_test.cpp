@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "foundation/random.h"
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/sanitizers.h"
 
 namespace vesko {
@@ -32,7 +32,7 @@ Numbers drawNumbers() {
 Numbers numbersOfAChild() {
     static auto* const shared = static_cast<Numbers*>(
         mmap(nullptr, sizeof(Numbers), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    EXPECT_EQ(ThreadUtilities::runInCopy([] { *shared = drawNumbers(); }), 0);
+    EXPECT_EQ(ThreadUtilities::runInForkChild([] { *shared = drawNumbers(); }), 0);
     return *shared;
 }
 
@@ -79,7 +79,7 @@ TEST(Random, SeedsOnLittleStack) {
     if (ThreadUtilities::underAddressSanitizer || ThreadUtilities::underThreadSanitizer) {
         GTEST_SKIP() << "instrumented code needs more stack";
     }
-    EXPECT_TRUE(ThreadUtilities::runInCopy([] {
+    EXPECT_TRUE(ThreadUtilities::runInForkChild([] {
                     pthread_attr_t attributes;
                     pthread_attr_init(&attributes);
                     pthread_attr_setstack(&attributes, threadStack.data(), threadStack.size());

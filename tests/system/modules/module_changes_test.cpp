@@ -25,7 +25,7 @@
 #include "linux/modules/image_reader.h"
 #include "platform/modules.h"
 #include "platform/text.h"
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/sanitizers.h"
 
 extern "C" {
@@ -120,7 +120,7 @@ TEST(ModuleChanges, NamesAndIdentityAreThoseOfTheMappedFile) {
         const fs::path path = folder.copyOfPlugin(name);
         const Plugin plugin(path);
         ASSERT_TRUE(plugin.isLoaded()) << name;
-        const CopiedProcess child([] { pause(); });
+        const ForkChild child([] { pause(); });
         platform::DebugGuid guid{};
         EXPECT_EQ(pathAt(child.id(), plugin.address(), guid), path);
         EXPECT_EQ(guid, pluginGuid);
@@ -163,7 +163,7 @@ TEST(ModuleChanges, AFileInMemoryHasOneName) {
     const Plugin plugin("/proc/self/fd/" + std::to_string(file));
     ASSERT_TRUE(plugin.isLoaded());
     close(file);
-    const CopiedProcess child([] { pause(); });
+    const ForkChild child([] { pause(); });
     for (const unsigned int process : {child.id(), ownId()}) {
         platform::DebugGuid guid{};
         EXPECT_EQ(pathAt(process, plugin.address(), guid), "/memfd:made");
@@ -200,7 +200,7 @@ TEST(ModuleChanges, HeadersThatWereMovedOrHiddenAreFound) {
     EXPECT_EQ(guid, pluginGuid);
     const unsigned long long addresses[] = {moved.address(), hidden.address()};
     mprotect(place.dli_fbase, 1, PROT_NONE);
-    const CopiedProcess child([] { pause(); });
+    const ForkChild child([] { pause(); });
     for (const unsigned int process : {child.id(), ownId()}) {
         for (const unsigned long long address : addresses) {
             guid = {};
@@ -260,7 +260,7 @@ TEST(ModuleChanges, ACopyOfTheProcessCanLookUpWhateverLocksWereHeld) {
     });
     const auto address = reinterpret_cast<unsigned long long>(&fgets) + 4;
     for (int round = 0; round < 100; ++round) {
-        ASSERT_EQ(runInCopy([&] { return !getFrameDetails(0, address).empty(); }), 0) << round;
+        ASSERT_EQ(runInForkChild([&] { return !getFrameDetails(0, address).empty(); }), 0) << round;
     }
 }
 

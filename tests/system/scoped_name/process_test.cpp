@@ -17,14 +17,14 @@
 #include <ThreadUtilities/ScopedThreadName.h>
 #include <ThreadUtilities/Threads.h>
 
-#include "support/copied_process.h"
 #include "support/forced_unwinding.h"
+#include "support/fork_child.h"
 #include "support/sanitizers.h"
 
 namespace {
 
 using ThreadUtilities::IScopedThreadCallback;
-using ThreadUtilities::runInCopy;
+using ThreadUtilities::runInForkChild;
 using ThreadUtilities::ScopedThreadName;
 
 class Counter : public IScopedThreadCallback {
@@ -36,8 +36,8 @@ class Counter : public IScopedThreadCallback {
     std::atomic<int> ends{0};
 };
 
-// The copies are made while other threads hold the observers' lock and change their list.
-TEST(ScopedThreadNameTest, FindsTheObserversFreeInACopiedProcess) {
+// The children are made while other threads hold the observers' lock and change their list.
+TEST(ScopedThreadNameTest, FindsTheObserversFreeInAForkChild) {
     if (ThreadUtilities::underAddressSanitizer) {
         GTEST_SKIP() << ThreadUtilities::copiesMayHang;
     }
@@ -52,7 +52,7 @@ TEST(ScopedThreadNameTest, FindsTheObserversFreeInACopiedProcess) {
         });
     }
     for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(runInCopy([] {
+        EXPECT_EQ(runInForkChild([] {
                       const auto own = std::make_shared<Counter>();
                       ScopedThreadName::registerCallback(own);
                       {
@@ -82,7 +82,7 @@ TEST(ScopedThreadNameTest, OutlivesTheEndOfMain) {
     if (ThreadUtilities::underAddressSanitizer) {
         GTEST_SKIP() << "its leak check finds what the library gave up when the process was copied";
     }
-    EXPECT_EQ(runInCopy([] {
+    EXPECT_EQ(runInForkChild([] {
                   const auto counter = std::make_shared<Counter>();
                   ScopedThreadName::registerCallback(
                       std::allocate_shared<Counter>(UnloadedAllocator<Counter>()));

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "platform/thread_context.h"
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/sanitizers.h"
 #include "support/target_thread.h"
 
@@ -79,7 +79,7 @@ TEST(CaptureSignal, ReachesNoHostThatTakesAllSignalsItself) {
 
 // The C library carries changes of a process's ids to all threads by the same signal.
 TEST(CaptureSignal, LeavesTheCLibraryItsOwn) {
-    CopiedProcess child([] {
+    ForkChild child([] {
         TargetThread spinning(spinUntil);
         const KernelAction untouched = exchangeAction(captureSignal(), nullptr);
         bool well = true;
@@ -98,7 +98,7 @@ TEST(CaptureSignal, LeavesTheCLibraryItsOwn) {
 // The new program would be killed by one: its action is the default one again.
 TEST(PendingCaptureSignal, DoesNotOutliveItsProgram) {
     const auto pendingAfterExec = [](bool ofCaptures) {
-        CopiedProcess child([&] {
+        ForkChild child([&] {
             const std::uint64_t everything = ~std::uint64_t{0};
             syscall(SYS_rt_sigprocmask, SIG_BLOCK, &everything, nullptr, sizeof(everything));
             const auto self = static_cast<unsigned int>(gettid());
@@ -118,7 +118,7 @@ TEST(PendingCaptureSignal, DoesNotOutliveItsProgram) {
 
 // As with another C library, which has the usual signal for something else.
 TEST(CaptureSignal, OfTheSecondChoiceGivesWayToTheHosts) {
-    CopiedProcess child([] {
+    ForkChild child([] {
         __libc_allocate_rtsig(1);
         TargetThread spinning(spinUntil);
         bool well = captureSignal() == SIGURG && isCaptured(spinning.id());
@@ -137,7 +137,7 @@ TEST(CaptureSignal, OfTheSecondChoiceGivesWayToTheHosts) {
 }
 
 TEST(CaptureSignal, FindsRoomInAQueueThatWasFull) {
-    CopiedProcess child([] {
+    ForkChild child([] {
         TargetThread spinning(spinUntil);
         rlimit limit{};
         getrlimit(RLIMIT_SIGPENDING, &limit);
@@ -160,7 +160,7 @@ TEST(CaptureSignal, IsSharedByCopiesOfTheLibraryAndOutlivesThem) {
     if (underAddressSanitizer) {
         GTEST_SKIP() << "reports the globals that every copy has";
     }
-    CopiedProcess child([] {
+    ForkChild child([] {
         TargetThread spinning(spinUntil);
         std::vector<void*> plugins;
         std::vector<CaptureByCopy> captures;
@@ -232,7 +232,7 @@ TEST(Handler, MayEndWithItsThread) {
     if (underAddressSanitizer) {
         GTEST_SKIP() << threadsMustSayThatTheyEnd;
     }
-    CopiedProcess child([] {
+    ForkChild child([] {
         const auto end = [](const ThreadContext&, VisitRoom&) noexcept -> VisitorAnswer {
             syscall(SYS_exit, 0);
             return VisitorAnswer::Enough;
@@ -272,7 +272,7 @@ TEST(Handler, NeedsNoThreadLocalStorage) {
 }
 
 TEST(Handler, CallsNoSystemOnAThreadThatMayNot) {
-    CopiedProcess child([] {
+    ForkChild child([] {
         static std::atomic<bool> isLocked{false};
         static std::atomic<unsigned long> turns{0};
         TargetThread target([](const std::atomic<bool>&) {

@@ -17,7 +17,7 @@
 #include <array>
 #include <vector>
 
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/sanitizers.h"
 #include "support/target_thread.h"
 
@@ -75,7 +75,7 @@ struct SeenUnderATracer {
 SeenUnderATracer captureWhileTraced(const std::vector<unsigned int>& traced, unsigned int target) {
     Pipe attached;
     Pipe end;
-    CopiedProcess tracer([&] {
+    ForkChild tracer([&] {
         const bool attaches = std::all_of(traced.begin(), traced.end(), [](unsigned int thread) {
             return ptrace(PTRACE_SEIZE, static_cast<pid_t>(thread), nullptr, nullptr) == 0;
         });
@@ -146,7 +146,7 @@ std::size_t openDescriptors() {
 }
 
 TEST(HostileHost, MayCloseOrUseUpAllDescriptors) {
-    CopiedProcess child([] {
+    ForkChild child([] {
         TargetThread spinning(spinUntil);
         TargetThread blocked(blockUntil);
         const auto captureAll = [&] {
@@ -205,7 +205,7 @@ TEST_P(InASandbox, WhatCannotBeDoneIsLeftOutQuietly) {
     if (underAddressSanitizer && !GetParam().signalsArrive && GetParam().blockedThreadsAreSeen) {
         GTEST_SKIP() << framePointersAreKept;
     }
-    CopiedProcess child([] {
+    ForkChild child([] {
         if (!denyCalls(GetParam().denied)) {
             return true;
         }
@@ -262,7 +262,7 @@ std::atomic<unsigned long long> returnFromRaise{0};
 }
 
 TEST(HostileHost, MayHaveAFilterOfCallsForAllItsThreadsOrForOne) {
-    CopiedProcess child([] {
+    ForkChild child([] {
         if (!denyCalls({})) {
             _exit(0);
         }
@@ -289,7 +289,7 @@ TEST(HostileHost, MayHaveAFilterOfCallsForAllItsThreadsOrForOne) {
 }
 
 TEST(HostileHost, MayForbidItsDump) {
-    CopiedProcess child([] {
+    ForkChild child([] {
         constexpr uid_t nobody = 65534;
         if (geteuid() == 0 && setuid(nobody) != 0) {
             return false;
@@ -315,7 +315,7 @@ TEST(HostileHost, MayForkWhileCapturesAreUnderWay) {
         }
     });
     for (int round = 0; round < 20; ++round) {
-        CopiedProcess child([&] {
+        ForkChild child([&] {
             std::vector<unsigned long long> frames;
             TargetThread own(spinUntil);
             return capture(spinning.id(), frames) == 0 && isCaptured(own.id());
@@ -327,7 +327,7 @@ TEST(HostileHost, MayForkWhileCapturesAreUnderWay) {
 }
 
 TEST(HostileHost, MayEndItsMainThreadFirst) {
-    CopiedProcess child([] {
+    ForkChild child([] {
         static const auto mainThread = static_cast<unsigned int>(gettid());
         std::thread([] {
             const bool well = eventually([] {

@@ -21,8 +21,8 @@
 
 #include <ThreadUtilities/Threads.h>
 
-#include "support/copied_process.h"
 #include "support/forced_unwinding.h"
+#include "support/fork_child.h"
 #include "support/parked_thread.h"
 #include "support/sanitizers.h"
 
@@ -264,16 +264,16 @@ TEST(ThreadListOnLinux, ACopyOfTheProcessStartsAfreshWhateverOthersDid) {
     }
     const unsigned int parent = ownId();
     for (int copy = 0; copy < 150; ++copy) {
-        const int result = runInCopy([&] {
+        const int result = runInForkChild([&] {
             using Ids = std::vector<unsigned int>;
             const unsigned int self = ownId();
-            setThreadName("the copy's only thread");
+            setThreadName("the child's only thread");
             ParkedThread thread;
             const bool hasBoth = getThreadIds() == Ids{self, thread.id()};
             thread.end();
             return hasBoth && getThreadIds() == Ids{self} && self != parent &&
                    getThreadId() == self && getMainThreadId() == self &&
-                   getThreadName(self) == "the copy's only thread" &&
+                   getThreadName(self) == "the child's only thread" &&
                    countOf(parent, getThreadIds(parent)) == 1;
         });
         EXPECT_EQ(result, 0);
@@ -345,9 +345,9 @@ TEST(ThreadListOnLinux, ACopyThatNobodyAnnouncesStartsAfreshToo) {
 
 TEST(ThreadListOnLinux, AnotherProcessIsListedByItsOwnIdOnly) {
     if (underThreadSanitizer) {
-        GTEST_SKIP() << "ThreadSanitizer lets no thread start in a copy";
+        GTEST_SKIP() << "ThreadSanitizer lets no thread start in a fork child";
     }
-    const CopiedProcess child([] {
+    const ForkChild child([] {
         const ParkedThread one;
         const ParkedThread two;
         while (true) {

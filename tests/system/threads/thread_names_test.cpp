@@ -10,7 +10,7 @@
 
 #include <ThreadUtilities/Threads.h>
 
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/parked_thread.h"
 
 namespace ThreadUtilities {
@@ -97,7 +97,7 @@ TEST(ThreadNamesOnLinux, OtherProcessesShowTheKernelsAndKeepTheirOwn) {
     int result = -1;
     const ParkedThread thread([&] {
         setThreadName("the thread that forks, by its whole name");
-        CopiedProcess child([] {
+        ForkChild child([] {
             return getThreadName() == "the thread that forks, by its whole name" &&
                    getThreadName(getThreadId()) == getThreadName();
         });

@@ -10,7 +10,7 @@
 
 #include <array>
 
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/parked_thread.h"
 
 namespace ThreadUtilities::platform {

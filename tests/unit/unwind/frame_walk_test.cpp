@@ -187,7 +187,7 @@ TEST_F(FrameWalk, MakesNoSystemCallWhereItMayNot) {
 /// Tables of a module that may go while the walk reads them are not touched in place.
 TEST_F(FrameWalk, ReadsTablesThroughTheSystemWhereTheThreadIsNotHeld) {
     addModule(false);
-    context.standsStill = false;
+    context.isStopped = false;
     setStack({0, 0, 0, in(savesRbx), 0, 0, 0, in(outermost)});
     EXPECT_EQ(walk(in(byRbx), WalkEnd::Unreadable), Expected{});
     scripted::memory[builder.address()] = builder.memory;

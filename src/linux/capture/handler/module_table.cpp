@@ -11,7 +11,7 @@
 
 #include "linux/modules/loader_list.h"
 #include "linux/modules/permanent_modules.h"
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 
 namespace ThreadUtilities::platform {
 namespace {
@@ -40,7 +40,7 @@ std::atomic<bool> isBeingWritten{false};
 unsigned long long knownAdditions = 0;
 unsigned long long knownRemovals = 0;
 
-RestartInCopy startAfresh([] {
+RestartInForkChild startAfresh([] {
     isBeingWritten = false;
     knownAdditions = 0;
     knownRemovals = 0;

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include "platform/process_copy.h"
+#include "platform/fork_child.h"
 
 #include <pthread.h>
 #include <sched.h>
@@ -11,16 +11,16 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "linux/copied_process.h"
+#include "linux/fork_child.h"
 
 namespace ThreadUtilities::platform {
 namespace {
 
 // Constant-initialised, so that registrations of any static constructor find it ready.
-constinit RestartInCopy* first = nullptr;
-constinit RestartInCopy** last = &first;
+constinit RestartInForkChild* first = nullptr;
+constinit RestartInForkChild** last = &first;
 using Action = void (*)();
-constinit Action actionAfterCopy = nullptr;
+constinit Action actionInForkChild = nullptr;
 
 constinit std::uint32_t readyMark = 1;
 
@@ -28,7 +28,7 @@ constinit std::uint32_t readyMark = 1;
 constinit std::atomic<std::uint32_t> plainMark{1};
 
 void restartAll() noexcept {
-    for (RestartInCopy* entry = first; entry != nullptr; entry = entry->next) {
+    for (RestartInForkChild* entry = first; entry != nullptr; entry = entry->next) {
         entry->restart();
     }
     readyMark += 2;
@@ -40,16 +40,17 @@ void restartInForkChild() {
         plainMark = static_cast<std::uint32_t>(gettid()) << 1;
         restartAll();
     } else {
-        noticeCopy();  // unless a fork handler that ran before this one has asked for something
+        noticeForkChild();  // unless a fork handler that ran before this one has asked for
+                            // something
     }
-    if (actionAfterCopy != nullptr) {
-        actionAfterCopy();
+    if (actionInForkChild != nullptr) {
+        actionInForkChild();
     }
 }
 
-// Handlers in the copy run in the order of their registration; those of other libraries may call
+// Handlers in the child run in the order of their registration; those of other libraries may call
 // this one, therefore as early as possible: before the static constructors of the same file set.
-__attribute__((constructor(101))) void hearOfCopies() {
+__attribute__((constructor(101))) void hearOfForks() {
     const std::size_t size = sizeof(*processMark);  // a page, in fact
     void* const page =
         mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -65,10 +66,10 @@ __attribute__((constructor(101))) void hearOfCopies() {
 
 constinit std::atomic<std::uint32_t>* processMark = &plainMark;
 
-// One thread restarts, under a mark of its own (its id twice, hence even); the others, of a copy
+// One thread restarts, under a mark of its own (its id twice, hence even); the others, of a child
 // that started threads before it asked for anything, wait for it. What asks on that thread
 // meanwhile, a restart function or a signal handler, does not: it would wait for itself.
-void restartInUnannouncedCopy() noexcept {
+void restartInUnannouncedChild() noexcept {
     const auto self = static_cast<std::uint32_t>(gettid()) << 1;
     std::uint32_t mark = 0;
     if (processMark->compare_exchange_strong(mark, self, std::memory_order_acq_rel)) {
@@ -81,13 +82,14 @@ void restartInUnannouncedCopy() noexcept {
     }
 }
 
-RestartInCopy::RestartInCopy(void (*restartFunction)()) noexcept : restart(restartFunction) {
+RestartInForkChild::RestartInForkChild(void (*restartFunction)()) noexcept
+    : restart(restartFunction) {
     *last = this;
     last = &next;
 }
 
-void setActionAfterCopy(void (*action)()) noexcept {
-    actionAfterCopy = action;
+void setActionInForkChild(void (*action)()) noexcept {
+    actionInForkChild = action;
 }
 
 }  // namespace ThreadUtilities::platform

@@ -12,13 +12,13 @@
 
 namespace ThreadUtilities {
 
-/// A copy of this process that runs `body`, for what a test must not do to its own process. It ends
+/// A fork child that runs `body`, for what a test must not do to its own process. It ends
 /// with the body's result (well, where that is nothing or true), with an alarm when it hangs, and
 /// with this object at the latest.
-class CopiedProcess {
+class ForkChild {
  public:
     template <typename Body>
-    explicit CopiedProcess(Body body) : pid(fork()) {
+    explicit ForkChild(Body body) : pid(fork()) {
         if (pid == 0) {
             alarm(120);
             if constexpr (std::is_void_v<decltype(body())>) {
@@ -31,14 +31,14 @@ class CopiedProcess {
             }
         }
     }
-    ~CopiedProcess() {
+    ~ForkChild() {
         if (pid > 0) {
             kill(pid, SIGKILL);
             waitpid(pid, nullptr, 0);
         }
     }
-    CopiedProcess(const CopiedProcess&) = delete;
-    CopiedProcess& operator=(const CopiedProcess&) = delete;
+    ForkChild(const ForkChild&) = delete;
+    ForkChild& operator=(const ForkChild&) = delete;
 
     unsigned int id() const { return static_cast<unsigned int>(pid); }
 
@@ -62,8 +62,8 @@ class CopiedProcess {
 };
 
 template <typename Body>
-int runInCopy(Body body) {
-    return CopiedProcess(body).result();
+int runInForkChild(Body body) {
+    return ForkChild(body).result();
 }
 
 }  // namespace ThreadUtilities
