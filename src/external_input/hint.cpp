@@ -17,11 +17,11 @@ namespace vesko::external_input {
 namespace {
 
 // Wide enough never to overflow. Relaxed: ids need not be unique, so nothing is ordered by it.
-constinit std::atomic<std::uint64_t> hint_counter{0};
+constinit std::atomic<std::uint64_t> hintCounter{0};
 
 std::string make_hint_id() {
     const int drawn = randomIntHook(0, 999, false);
-    const std::uint64_t created = hint_counter.fetch_add(1, std::memory_order_relaxed) + 1;
+    const std::uint64_t created = hintCounter.fetch_add(1, std::memory_order_relaxed) + 1;
     std::string digits = std::to_string(drawn * 1000 + static_cast<int>(created % 1000));
     return "hint" + std::string(6 - digits.size(), '0') + digits;
 }

@@ -30,8 +30,7 @@ void release_values() noexcept {
 // Made at load, before the static objects of a host that may set a hint. Not on first use: the
 // guard of a static object in a function stays closed for ever in a fork child that is
 // made meanwhile.
-[[gnu::init_priority(101)]] ThreadUtilities::platform::ThreadExitCall release_at_exit(
-    release_values);
+[[gnu::init_priority(101)]] ThreadUtilities::platform::ThreadExitCall releaseAtExit(release_values);
 
 }  // namespace
 
@@ -43,7 +42,7 @@ thread_values* obtain_thread_values() {
     thread_values* values = current_values();
     if (values == nullptr) {
         auto made = std::make_unique<thread_values>();
-        if (release_at_exit.request()) {
+        if (releaseAtExit.request()) {
             values = made.release();
             set_current_values(values);
         }

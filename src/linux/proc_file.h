@@ -22,7 +22,7 @@ class ProcPath {
  public:
     /// `before` and `after` together have fewer than 50 characters.
     ProcPath(std::string_view before, unsigned int number, std::string_view after) noexcept;
-    [[nodiscard]] const char* text() const noexcept { return characters.data(); }
+    const char* text() const noexcept { return characters.data(); }
 
  private:
     std::array<char, 64> characters;
@@ -43,8 +43,8 @@ class KernelFile {
     KernelFile(const KernelFile&) = delete;
     KernelFile& operator=(const KernelFile&) = delete;
 
-    [[nodiscard]] bool isOpen() const noexcept { return number >= 0; }
-    [[nodiscard]] bool isMissing() const noexcept;
+    bool isOpen() const noexcept { return number >= 0; }
+    bool isMissing() const noexcept;
     /// The bytes read; 0 at the end and on failure.
     std::size_t read(char* out, std::size_t size) noexcept;
     /// Whether all `size` bytes that begin at `offset` were read.

@@ -34,21 +34,21 @@ class RunWitness {
 
     /// None for a thread that has ended, even when another has taken its id, and on a system that
     /// has nothing exact enough for the proof.
-    [[nodiscard]] std::optional<ThreadRuns> read() const noexcept;
+    std::optional<ThreadRuns> read() const noexcept;
 
     /// The processor time that the thread has had. That it has not changed is a strong hint that
     /// the thread has not run, and several times cheaper than the proof. None as with `read`.
-    [[nodiscard]] std::optional<std::uint64_t> readHint() const noexcept;
+    std::optional<std::uint64_t> readHint() const noexcept;
 
     static constexpr std::size_t mostFiles = 3;
 
  private:
     friend class FilesForVisits;
 
-    unsigned int threadId_;
-    int file_;
-    int statusFile_ = -1;
-    int callFile_ = -1;
+    unsigned int id;
+    int runsFile;
+    int statusFile = -1;
+    int callFile = -1;
 };
 
 /// Gives the calling thread, up to its end, open files of its own: what it opens from now on takes

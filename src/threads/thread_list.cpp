@@ -99,9 +99,9 @@ std::vector<unsigned int> ownThreads() {
     platform::currentThreadId();  // notices where this is a fork child
     // Threads that come and go while the list is compared with the system make the comparison
     // worthless; after a few of those the list is corrected instead.
-    constexpr int Tries = 3;
+    constexpr int mostTries = 3;
     KnownThreads known = copyKnownThreads();
-    for (int tries = 0; tries < Tries; ++tries) {
+    for (int tries = 0; tries < mostTries; ++tries) {
         allWereAnnounced = platform::noticesCover(known.ids.size());
         if (!allWereAnnounced) {
             break;

@@ -23,18 +23,18 @@ class PrologueState {
                 return true;
             case Kind::MovesStack:
             case Kind::PushesFrame:
-                depth_ -= effect.bytes;
-                return depth_ >= 0 && depth_ <= mostBytes;
+                depth -= effect.bytes;
+                return depth >= 0 && depth <= mostBytes;
             case Kind::AlignsStack:
                 return align(effect.bytes);
             case Kind::SetsFrame:
-                frameDepth_ = depth_ - effect.bytes;
-                return slack_ == 0 && !frameIsSet_ && (frameIsSet_ = frameDepth_ >= 0);
+                frameDepth = depth - effect.bytes;
+                return slack == 0 && !frameIsSet && (frameIsSet = frameDepth >= 0);
             case Kind::Branches:
-                depthAtBranch_ = depth_;
+                depthAtBranch = depth;
                 return true;
             case Kind::Leaves:
-                depth_ = depthAtBranch_;
+                depth = depthAtBranch;
                 return true;
             case Kind::PopsFrame:
             case Kind::ChangesFrame:
@@ -44,13 +44,13 @@ class PrologueState {
         return false;
     }
 
-    [[nodiscard]] bool frameIsSet() const { return frameIsSet_; }
+    bool hasFrame() const { return frameIsSet; }
 
-    [[nodiscard]] std::optional<FramePointerPlace> place() const {
-        if (!frameIsSet_ || depth_ < frameDepth_) {
+    std::optional<FramePointerPlace> place() const {
+        if (!frameIsSet || depth < frameDepth) {
             return std::nullopt;
         }
-        return FramePointerPlace{static_cast<std::uint64_t>(depth_ - frameDepth_), slack_};
+        return FramePointerPlace{static_cast<std::uint64_t>(depth - frameDepth), slack};
     }
 
  private:
@@ -62,18 +62,18 @@ class PrologueState {
     // care: such code pushes a copy of its return address first, so that it lies above as always.
     bool align(std::int64_t alignment) {
         if (alignment < 16 || alignment > mostAlignment || (alignment & (alignment - 1)) != 0 ||
-            slack_ != 0) {
+            slack != 0) {
             return false;
         }
-        slack_ = frameIsSet_ ? static_cast<std::uint64_t>(alignment - 8) : 0;
+        slack = frameIsSet ? static_cast<std::uint64_t>(alignment - 8) : 0;
         return true;
     }
 
-    std::int64_t depth_ = 0;
-    std::int64_t depthAtBranch_ = 0;
-    std::int64_t frameDepth_ = 0;
-    std::uint64_t slack_ = 0;
-    bool frameIsSet_ = false;
+    std::int64_t depth = 0;
+    std::int64_t depthAtBranch = 0;
+    std::int64_t frameDepth = 0;
+    std::uint64_t slack = 0;
+    bool frameIsSet = false;
 };
 
 }  // namespace
@@ -87,7 +87,7 @@ std::optional<FramePointerPlace> findFramePointer(ByteCursor code, std::uint64_t
         }
         const StackEffect effect = stackEffectOf(*instruction);
         const bool branches = effect.kind == Kind::Branches || effect.kind == Kind::Leaves;
-        if (branches && state.frameIsSet()) {
+        if (branches && state.hasFrame()) {
             break;  // the prologue's end
         }
         if (!state.apply(effect)) {

@@ -10,21 +10,21 @@ namespace ThreadUtilities::platform {
 /// Owns a kernel handle that is null when opening it failed.
 class Handle {
  public:
-    explicit Handle(HANDLE handle) noexcept : handle_(handle) {}
+    explicit Handle(HANDLE owned) noexcept : handle(owned) {}
     ~Handle() {
-        if (handle_ != nullptr) {
-            CloseHandle(handle_);
+        if (handle != nullptr) {
+            CloseHandle(handle);
         }
     }
 
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
 
-    explicit operator bool() const noexcept { return handle_ != nullptr; }
-    HANDLE get() const noexcept { return handle_; }
+    explicit operator bool() const noexcept { return handle != nullptr; }
+    HANDLE get() const noexcept { return handle; }
 
  private:
-    HANDLE handle_;
+    HANDLE handle;
 };
 
 }  // namespace ThreadUtilities::platform

@@ -11,23 +11,23 @@
 namespace ThreadUtilities::platform {
 namespace {
 
-constexpr std::uint32_t SystemProcessInformation = 5;
-constexpr auto StatusInfoLengthMismatch = static_cast<std::int32_t>(0xC0000004);
-constexpr std::uint32_t FirstBufferSize = 1 << 20;
+constexpr std::uint32_t systemProcessInformation = 5;
+constexpr auto statusInfoLengthMismatch = static_cast<std::int32_t>(0xC0000004);
+constexpr std::uint32_t firstBufferSize = 1 << 20;
 
 // A process record begins with NextEntryOffset and NumberOfThreads; its array of thread records
 // follows it.
-constexpr std::size_t UniqueProcessIdOffset = 80;
-constexpr std::size_t ThreadArrayOffset = 256;
-constexpr std::size_t ThreadRecordSize = 80;
-constexpr std::size_t UniqueThreadOffset = 48;
+constexpr std::size_t uniqueProcessIdOffset = 80;
+constexpr std::size_t threadArrayOffset = 256;
+constexpr std::size_t threadRecordSize = 80;
+constexpr std::size_t uniqueThreadOffset = 48;
 
 std::vector<unsigned int> threadIds(ByteCursor processRecord, std::uint32_t count) {
     std::vector<unsigned int> ids;
-    processRecord.skip(ThreadArrayOffset);
+    processRecord.skip(threadArrayOffset);
     for (std::uint32_t index = 0; index < count; ++index) {
-        ByteCursor thread = processRecord.sub(ThreadRecordSize);
-        thread.skip(UniqueThreadOffset);
+        ByteCursor thread = processRecord.sub(threadRecordSize);
+        thread.skip(uniqueThreadOffset);
         const auto id = thread.read<std::uint64_t>();
         if (!thread.ok()) {
             break;
@@ -56,7 +56,7 @@ std::vector<unsigned int> threadsFromProcessRecords(const void* records, std::si
         ByteCursor record = rest;
         const auto nextEntryOffset = record.read<std::uint32_t>();
         const auto numberOfThreads = record.read<std::uint32_t>();
-        record.seek(rest.position() + UniqueProcessIdOffset);
+        record.seek(rest.position() + uniqueProcessIdOffset);
         const auto uniqueProcessId = record.read<std::uint64_t>();
         if (!record.ok()) {
             return {};
@@ -74,11 +74,11 @@ std::vector<unsigned int> threadsFromProcessRecords(const void* records, std::si
 std::vector<unsigned int> enumerateThreadsFromSystemInformation(
     unsigned int processId, const SystemInformationQuery& query) {
     std::uint32_t needed = 0;
-    Answer answer(FirstBufferSize);
-    std::int32_t status = StatusInfoLengthMismatch;
+    Answer answer(firstBufferSize);
+    std::int32_t status = statusInfoLengthMismatch;
     while (answer.bytes != nullptr) {
-        status = query(SystemProcessInformation, answer.bytes.get(), answer.size, &needed);
-        if (status != StatusInfoLengthMismatch) {
+        status = query(systemProcessInformation, answer.bytes.get(), answer.size, &needed);
+        if (status != statusInfoLengthMismatch) {
             break;
         }
         answer.bytes.reset();

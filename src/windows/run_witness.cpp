@@ -7,7 +7,7 @@ namespace ThreadUtilities::platform {
 
 // The times that the system keeps of a thread are counted in ticks of the system timer; a thread
 // can run between two of them.
-RunWitness::RunWitness(unsigned int threadId, bool) noexcept : threadId_(threadId), file_(-1) {}
+RunWitness::RunWitness(unsigned int threadId, bool) noexcept : id(threadId), runsFile(-1) {}
 RunWitness::~RunWitness() = default;
 
 std::optional<ThreadRuns> RunWitness::read() const noexcept {

@@ -21,11 +21,11 @@ static_assert(CONTEXT_FULL == 0x10000B && sizeof(CONTEXT) == 1232);
 // Neither allocates nor needs a constructor.
 class SlimLock {
  public:
-    void lock() noexcept { AcquireSRWLockExclusive(&lock_); }
-    void unlock() noexcept { ReleaseSRWLockExclusive(&lock_); }
+    void lock() noexcept { AcquireSRWLockExclusive(&systemLock); }
+    void unlock() noexcept { ReleaseSRWLockExclusive(&systemLock); }
 
  private:
-    SRWLOCK lock_ = SRWLOCK_INIT;
+    SRWLOCK systemLock = SRWLOCK_INIT;
 };
 
 using Order = VisitOrder<SlimLock>;
@@ -49,22 +49,22 @@ bool beginVisit(Order::Visit& visit, const VisitRequest& request) noexcept {
 /// suspension would end one that somebody else made.
 class Suspension {
  public:
-    explicit Suspension(HANDLE thread) noexcept
-        : thread_(thread), isInForce_(SuspendThread(thread) != static_cast<DWORD>(-1)) {}
+    explicit Suspension(HANDLE target) noexcept
+        : thread(target), inForce(SuspendThread(target) != static_cast<DWORD>(-1)) {}
     ~Suspension() {
-        if (isInForce_) {
-            ResumeThread(thread_);
+        if (inForce) {
+            ResumeThread(thread);
         }
     }
 
     Suspension(const Suspension&) = delete;
     Suspension& operator=(const Suspension&) = delete;
 
-    bool isInForce() const noexcept { return isInForce_; }
+    bool isInForce() const noexcept { return inForce; }
 
  private:
-    HANDLE thread_;
-    bool isInForce_;
+    HANDLE thread;
+    bool inForce;
 };
 
 Registers registersOf(const CONTEXT& context) noexcept {

@@ -24,11 +24,10 @@ class VisitOrder {
     /// One visit, on the stack of the visitor.
     class Visit {
      public:
-        Visit(VisitOrder& order, unsigned int visitor) noexcept
-            : order_(order), visitor_(visitor) {}
+        Visit(VisitOrder& all, unsigned int visitorId) noexcept : order(all), visitor(visitorId) {}
         ~Visit() {
-            if (hasBegun_) {
-                order_.remove(*this);
+            if (hasBegun) {
+                order.remove(*this);
             }
         }
 
@@ -37,42 +36,42 @@ class VisitOrder {
 
         /// False while `target` is visiting; ask again later.
         bool tryBegin(unsigned int target) noexcept {
-            hasBegun_ = order_.addUnlessVisiting(*this, target);
-            return hasBegun_;
+            hasBegun = order.addUnlessVisiting(*this, target);
+            return hasBegun;
         }
 
      private:
         friend class VisitOrder;
-        VisitOrder& order_;
-        unsigned int visitor_;
-        bool hasBegun_ = false;
-        Visit* next_ = nullptr;
+        VisitOrder& order;
+        unsigned int visitor;
+        bool hasBegun = false;
+        Visit* next = nullptr;
     };
 
  private:
     bool addUnlessVisiting(Visit& visit, unsigned int target) noexcept {
-        const std::lock_guard guard(lock_);
-        for (const Visit* other = first_; other != nullptr; other = other->next_) {
-            if (other->visitor_ == target) {
+        const std::lock_guard guard(lock);
+        for (const Visit* other = first; other != nullptr; other = other->next) {
+            if (other->visitor == target) {
                 return false;
             }
         }
-        visit.next_ = first_;
-        first_ = &visit;
+        visit.next = first;
+        first = &visit;
         return true;
     }
 
     void remove(Visit& visit) noexcept {
-        const std::lock_guard guard(lock_);
-        Visit** link = &first_;
+        const std::lock_guard guard(lock);
+        Visit** link = &first;
         while (*link != &visit) {
-            link = &(*link)->next_;
+            link = &(*link)->next;
         }
-        *link = visit.next_;
+        *link = visit.next;
     }
 
-    Lock lock_;
-    Visit* first_ = nullptr;
+    Lock lock;
+    Visit* first = nullptr;
 };
 
 }  // namespace ThreadUtilities::platform

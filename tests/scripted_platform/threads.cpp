@@ -76,7 +76,7 @@ ReadableRange currentStackRange() noexcept {
     return {};
 }
 
-RunWitness::RunWitness(unsigned int threadId, bool) noexcept : threadId_(threadId), file_(0) {
+RunWitness::RunWitness(unsigned int threadId, bool) noexcept : id(threadId), runsFile(0) {
     ++scripted::openWitnesses;
 }
 
@@ -85,7 +85,7 @@ RunWitness::~RunWitness() {
 }
 
 std::optional<ThreadRuns> RunWitness::read() const noexcept {
-    const auto found = scripted::threadRuns.find(threadId_);
+    const auto found = scripted::threadRuns.find(id);
     return found == scripted::threadRuns.end() ? std::nullopt : std::optional(found->second);
 }
 

@@ -97,30 +97,28 @@ bool isProvided(std::uint64_t address) {
 class StackCopy {
  public:
     StackCopy(std::uint64_t stackPointer, std::span<std::byte> room) noexcept
-        : begin_(stackPointer - redZone), bytes_(room) {
+        : begin(stackPointer - redZone), bytes(room) {
         const std::uint64_t page = pageOf(stackPointer);
-        std::uint64_t end = begin_ + bytes_.size();
-        if (begin_ < page && !isProvided(begin_)) {
-            begin_ = page;
+        std::uint64_t end = begin + bytes.size();
+        if (begin < page && !isProvided(begin)) {
+            begin = page;
         }
         if (end > page + memoryPageSize && !isProvided(end - 1)) {
             end = page + memoryPageSize;
         }
-        size_ = readOwnMemory(begin_, bytes_.data(), end - begin_);
+        size = readOwnMemory(begin, bytes.data(), end - begin);
     }
 
-    [[nodiscard]] ReadableRange range() const { return {begin_, begin_ + size_}; }
-    [[nodiscard]] std::uint64_t shift() const {
-        return reinterpret_cast<std::uint64_t>(bytes_.data()) - begin_;
-    }
-    [[nodiscard]] bool isEmpty() const { return size_ == 0; }
+    ReadableRange range() const { return {begin, begin + size}; }
+    std::uint64_t shift() const { return reinterpret_cast<std::uint64_t>(bytes.data()) - begin; }
+    bool isEmpty() const { return size == 0; }
 
  private:
     static constexpr std::uint64_t redZone = 128;
 
-    std::uint64_t begin_;
-    std::span<std::byte> bytes_;
-    std::size_t size_ = 0;
+    std::uint64_t begin;
+    std::span<std::byte> bytes;
+    std::size_t size = 0;
 };
 
 // The arguments lie in the registers that they came in, for the kernel changes none of these. But

@@ -103,38 +103,38 @@ std::span<unsigned long long> mapRoom(std::size_t frames) {
 
 }  // namespace
 
-VisitSlot::VisitSlot(std::size_t wantedFrames, VisitDeadline deadline) noexcept
-    : number_(waitForSlot(deadline)), wantedFrames_(wantedFrames) {
-    if (number_ != noSlot) {
-        request_ = &captureRequests.slots[number_];
+VisitSlot::VisitSlot(std::size_t framesOfCaller, VisitDeadline deadline) noexcept
+    : number(waitForSlot(deadline)), wantedFrames(framesOfCaller) {
+    if (number != noSlot) {
+        request = &captureRequests.slots[number];
         clearRoom();  // a handler that ended late had to leave what was mapped
     }
 }
 
 VisitSlot::~VisitSlot() {
-    if (request_ != nullptr) {
-        unmapRoom(*request_);
-        captureRequests.giveBack(number_);
+    if (request != nullptr) {
+        unmapRoom(*request);
+        captureRequests.giveBack(number);
     }
 }
 
 void VisitSlot::clearRoom() noexcept {
-    unmapRoom(*request_);
-    request_->room = {request_->frames.data(), std::min(slotFrames, wantedFrames_), 0};
-    earlierFrames_ = 0;
+    unmapRoom(*request);
+    request->room = {request->frames.data(), std::min(slotFrames, wantedFrames), 0};
+    earlierFrames = 0;
 }
 
 void VisitSlot::keepFrames() noexcept {
-    const VisitRoom& room = request_->room;
-    keptFrames_ = std::min(room.frameCount, stackCopySize / sizeof(*room.frames));
-    std::memcpy(request_->stackCopy.data(), room.frames, keptFrames_ * sizeof(*room.frames));
+    const VisitRoom& room = request->room;
+    keptFrames = std::min(room.frameCount, stackCopySize / sizeof(*room.frames));
+    std::memcpy(request->stackCopy.data(), room.frames, keptFrames * sizeof(*room.frames));
 }
 
 bool VisitSlot::growRoom() noexcept {
     constexpr std::size_t factor = 16;
     constexpr std::size_t mostFrames = std::size_t{1} << 28;
-    VisitRoom& room = request_->room;
-    const std::size_t most = std::min(wantedFrames_, mostFrames);
+    VisitRoom& room = request->room;
+    const std::size_t most = std::min(wantedFrames, mostFrames);
     if (room.capacity >= most) {
         return false;
     }
@@ -142,65 +142,65 @@ bool VisitSlot::growRoom() noexcept {
     if (larger.empty()) {
         return false;
     }
-    unmapRoom(*request_);
-    earlierFrames_ = std::min(slotFrames, wantedFrames_);
-    request_->mapping = larger;
+    unmapRoom(*request);
+    earlierFrames = std::min(slotFrames, wantedFrames);
+    request->mapping = larger;
     room = {larger.data(), larger.size(), 0};
     return true;
 }
 
 std::size_t VisitSlot::copyFrames(std::span<unsigned long long> out) const noexcept {
-    const VisitRoom& room = request_->room;
+    const VisitRoom& room = request->room;
     const std::size_t count = std::min(room.frameCount, out.size());
     std::copy_n(room.frames, count, out.data());
     return count;
 }
 
 std::size_t VisitSlot::copyEarlierFrames(std::span<unsigned long long> out) const noexcept {
-    if (earlierFrames_ != 0) {
-        std::copy_n(request_->frames.data(), earlierFrames_, out.data());
-        return earlierFrames_;
+    if (earlierFrames != 0) {
+        std::copy_n(request->frames.data(), earlierFrames, out.data());
+        return earlierFrames;
     }
-    std::memcpy(out.data(), request_->stackCopy.data(), keptFrames_ * sizeof(*out.data()));
-    return keptFrames_;
+    std::memcpy(out.data(), request->stackCopy.data(), keptFrames * sizeof(*out.data()));
+    return keptFrames;
 }
 
-PostedRequest::PostedRequest(VisitSlot& slot, const Question& question) noexcept
-    : slot_(slot), request_(*slot.request_) {
-    request_.threadId.store(question.threadId, std::memory_order_relaxed);
-    request_.visitor = question.visitor;
-    request_.stackBounds = question.stackBounds;
-    request_.mayCallSystem = question.mayCallSystem;
-    request_.word.store(word().with(RequestPhase::Posted).bits(), std::memory_order_release);
+PostedRequest::PostedRequest(VisitSlot& visitSlot, const Question& question) noexcept
+    : slot(visitSlot), request(*visitSlot.request) {
+    request.threadId.store(question.threadId, std::memory_order_relaxed);
+    request.visitor = question.visitor;
+    request.stackBounds = question.stackBounds;
+    request.mayCallSystem = question.mayCallSystem;
+    request.word.store(word().with(RequestPhase::Posted).bits(), std::memory_order_release);
 }
 
 PostedRequest::~PostedRequest() {
     if (!cancel() && move(RequestPhase::Claimed, RequestPhase::Abandoned)) {
-        slot_.forget();
+        slot.forget();
         return;
     }
-    freeRequest(request_);
+    freeRequest(request);
 }
 
 void PostedRequest::sleep(const timespec& timeout) {
-    std::uint32_t bits = request_.word.load(std::memory_order_acquire);
+    std::uint32_t bits = request.word.load(std::memory_order_acquire);
     while (!RequestWord(bits).capturerSleeps()) {
         if (RequestWord(bits).phase() == RequestPhase::Done) {
             return;
         }
         const std::uint32_t sleeping = RequestWord(bits).withSleepingCapturer().bits();
-        if (request_.word.compare_exchange_weak(bits, sleeping, std::memory_order_acq_rel)) {
+        if (request.word.compare_exchange_weak(bits, sleeping, std::memory_order_acq_rel)) {
             bits = sleeping;
         }
     }
-    futexWait(request_.word, bits, timeout);
+    futexWait(request.word, bits, timeout);
 }
 
 bool PostedRequest::move(RequestPhase from, RequestPhase to) {
-    std::uint32_t bits = request_.word.load(std::memory_order_acquire);
+    std::uint32_t bits = request.word.load(std::memory_order_acquire);
     while (RequestWord(bits).phase() == from) {
-        if (request_.word.compare_exchange_weak(bits, RequestWord(bits).with(to).bits(),
-                                                std::memory_order_acq_rel)) {
+        if (request.word.compare_exchange_weak(bits, RequestWord(bits).with(to).bits(),
+                                               std::memory_order_acq_rel)) {
             return true;
         }
     }

@@ -12,16 +12,16 @@ namespace ThreadUtilities::platform {
 /// One slot of the table, for as long as this lives: room for one visit.
 class VisitSlot {
  public:
-    /// Waits for a free slot until `deadline`. `wantedFrames` is what the caller has room for.
-    VisitSlot(std::size_t wantedFrames, VisitDeadline deadline) noexcept;
+    /// Waits for a free slot until `deadline`. `framesOfCaller` is what the caller has room for.
+    VisitSlot(std::size_t framesOfCaller, VisitDeadline deadline) noexcept;
     ~VisitSlot();
     VisitSlot(const VisitSlot&) = delete;
     VisitSlot& operator=(const VisitSlot&) = delete;
 
-    [[nodiscard]] bool isTaken() const { return request_ != nullptr; }
-    [[nodiscard]] VisitRoom& room() { return request_->room; }
-    [[nodiscard]] std::span<std::byte> scratch() { return request_->scratch; }
-    [[nodiscard]] std::span<std::byte> stackCopy() { return request_->stackCopy; }
+    bool isTaken() const { return request != nullptr; }
+    VisitRoom& room() { return request->room; }
+    std::span<std::byte> scratch() { return request->scratch; }
+    std::span<std::byte> stackCopy() { return request->stackCopy; }
 
     /// Makes the room what it was at first, for another way of visiting the thread.
     void clearRoom() noexcept;
@@ -39,13 +39,13 @@ class VisitSlot {
  private:
     friend class PostedRequest;
     /// Leaves the slot to a handler that has not finished.
-    void forget() { request_ = nullptr; }
+    void forget() { request = nullptr; }
 
-    std::size_t number_ = 0;
-    CaptureRequest* request_ = nullptr;
-    std::size_t wantedFrames_;
-    std::size_t earlierFrames_ = 0;  ///< in the slot's own room, since that has grown
-    std::size_t keptFrames_ = 0;
+    std::size_t number = 0;
+    CaptureRequest* request = nullptr;
+    std::size_t wantedFrames;
+    std::size_t earlierFrames = 0;  ///< in the slot's own room, since that has grown
+    std::size_t keptFrames = 0;
 };
 
 /// One request from its posting to its end.
@@ -59,16 +59,16 @@ class PostedRequest {
         bool mayCallSystem = false;
     };
 
-    PostedRequest(VisitSlot& slot, const Question& question) noexcept;
+    PostedRequest(VisitSlot& visitSlot, const Question& question) noexcept;
     /// A request that no handler has finished is taken back or left to its handler, with its slot.
     ~PostedRequest();
     PostedRequest(const PostedRequest&) = delete;
     PostedRequest& operator=(const PostedRequest&) = delete;
 
-    [[nodiscard]] bool isAnswered() const { return word().phase() == RequestPhase::Done; }
-    [[nodiscard]] bool isClaimed() const { return word().phase() == RequestPhase::Claimed; }
+    bool isAnswered() const { return word().phase() == RequestPhase::Done; }
+    bool isClaimed() const { return word().phase() == RequestPhase::Claimed; }
     /// What the visitor said; only once answered.
-    [[nodiscard]] VisitorAnswer answer() const { return request_.answer; }
+    VisitorAnswer answer() const { return request.answer; }
 
     /// Sleeps until the answer comes, for at most `timeout`; may return early. Nobody wakes the
     /// sleeper where the handler may not call the system.
@@ -77,13 +77,11 @@ class PostedRequest {
     bool cancel();
 
  private:
-    [[nodiscard]] RequestWord word() const {
-        return RequestWord(request_.word.load(std::memory_order_acquire));
-    }
+    RequestWord word() const { return RequestWord(request.word.load(std::memory_order_acquire)); }
     bool move(RequestPhase from, RequestPhase to);
 
-    VisitSlot& slot_;
-    CaptureRequest& request_;
+    VisitSlot& slot;
+    CaptureRequest& request;
 };
 
 }  // namespace ThreadUtilities::platform

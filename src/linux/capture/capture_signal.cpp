@@ -181,19 +181,19 @@ bool install(int number) {
 // next. What was seen long ago says nothing of now: then the wait begins anew.
 class FullQueue {
  public:
-    [[nodiscard]] bool isWorthWaiting() noexcept {
+    bool isWorthWaiting() noexcept {
         const Time now = nowInNanoseconds();
-        const Time seen = lastSeen_.exchange(now, std::memory_order_relaxed);
-        Time since = since_.load(std::memory_order_relaxed);
+        const Time seen = lastSeen.exchange(now, std::memory_order_relaxed);
+        Time since = fullSince.load(std::memory_order_relaxed);
         if (since == never || now - seen > longestMemory) {
-            since_.store(now, std::memory_order_relaxed);
+            fullSince.store(now, std::memory_order_relaxed);
             since = now;
         }
         return now - since < longestWait;
     }
     void hadRoom() noexcept {
-        if (since_.load(std::memory_order_relaxed) != never) {
-            since_.store(never, std::memory_order_relaxed);
+        if (fullSince.load(std::memory_order_relaxed) != never) {
+            fullSince.store(never, std::memory_order_relaxed);
         }
     }
 
@@ -211,8 +211,8 @@ class FullQueue {
     static constexpr Time longestMemory =
         std::chrono::nanoseconds(std::chrono::milliseconds(200)).count();
 
-    std::atomic<Time> since_{never};
-    std::atomic<Time> lastSeen_{0};
+    std::atomic<Time> fullSince{never};
+    std::atomic<Time> lastSeen{0};
 };
 
 // Of moments, so that a fork child need not forget it.

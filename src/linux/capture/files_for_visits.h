@@ -13,8 +13,8 @@ namespace ThreadUtilities::platform {
 class FilesForVisits {
  public:
     explicit FilesForVisits(const RunWitness* witness)
-        : status(witness != nullptr ? witness->statusFile_ : -1),
-          call(witness != nullptr ? witness->callFile_ : -1) {}
+        : status(witness != nullptr ? witness->statusFile : -1),
+          call(witness != nullptr ? witness->callFile : -1) {}
 
     const int status;
     const int call;

@@ -41,15 +41,15 @@ bool takeNumber(std::string_view& text, std::uint64_t& number) {
 // would not do: on a virtual machine it stood still over some runs of microseconds. The times tell
 // threads apart that have the same id one after the other.
 RunWitness::RunWitness(unsigned int threadId, bool keepsFilesForVisits) noexcept
-    : threadId_(threadId), file_(openTaskFile(threadId, "/schedstat")) {
+    : id(threadId), runsFile(openTaskFile(threadId, "/schedstat")) {
     if (keepsFilesForVisits) {
-        statusFile_ = openTaskFile(threadId_, "/status");
-        callFile_ = openTaskFile(threadId_, "/syscall");
+        statusFile = openTaskFile(id, "/status");
+        callFile = openTaskFile(id, "/syscall");
     }
 }
 
 RunWitness::~RunWitness() {
-    for (const int file : {file_, statusFile_, callFile_}) {
+    for (const int file : {runsFile, statusFile, callFile}) {
         if (file >= 0) {
             kernelCall(SYS_close, file);
         }
@@ -57,14 +57,14 @@ RunWitness::~RunWitness() {
 }
 
 std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
-    return threadRunTime(threadId_);
+    return threadRunTime(id);
 }
 
 std::optional<ThreadRuns> RunWitness::read() const noexcept {
     ThreadRuns runs;
-    if (file_ >= 0) {
+    if (runsFile >= 0) {
         std::array<char, 80> buffer;
-        const long got = kernelCall(SYS_pread64, file_, argument(buffer.data()), buffer.size());
+        const long got = kernelCall(SYS_pread64, runsFile, argument(buffer.data()), buffer.size());
         if (got <= 0) {
             return std::nullopt;
         }
@@ -76,7 +76,7 @@ std::optional<ThreadRuns> RunWitness::read() const noexcept {
     }
     // A kernel that does not count, for every thread has run once: then its clock is the best there
     // is.
-    const std::optional<std::uint64_t> time = threadRunTime(threadId_);
+    const std::optional<std::uint64_t> time = threadRunTime(id);
     return time ? std::optional(ThreadRuns{0, *time, 0}) : std::nullopt;
 }
 

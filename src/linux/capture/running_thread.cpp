@@ -48,49 +48,48 @@ enum class Outlook {
 /// What can be expected of one thread, from one look at its status to the next.
 class Watch {
  public:
-    Watch(unsigned int threadId, const ThreadStatus& status)
-        : threadId_(threadId), status_(status) {}
+    Watch(unsigned int threadId, const ThreadStatus& seen) : id(threadId), status(seen) {}
 
-    void look() { status_ = readThreadStatus(threadId_); }
+    void look() { status = readThreadStatus(id); }
 
-    [[nodiscard]] Outlook outlook() {
-        if (status_.reading != ThreadStatus::Reading::Known) {
-            return status_.reading == ThreadStatus::Reading::Gone ? Outlook::Gone
-                                                                  : Outlook::WillAnswer;
+    Outlook outlook() {
+        if (status.reading != ThreadStatus::Reading::Known) {
+            return status.reading == ThreadStatus::Reading::Gone ? Outlook::Gone
+                                                                 : Outlook::WillAnswer;
         }
         constexpr std::string_view stopped = "TtI";
-        if (status_.isTraced || stopped.find(status_.state) != std::string_view::npos) {
+        if (status.isTraced || stopped.find(status.state) != std::string_view::npos) {
             return Outlook::Never;
         }
-        const bool isBlocked = containsSignal(status_.blockedSignals, captureSignal());
-        if (status_.state != 'D' && !isBlocked) {
-            hindrance_ = Hindrance::None;
+        const bool isBlocked = containsSignal(status.blockedSignals, captureSignal());
+        if (status.state != 'D' && !isBlocked) {
+            hindrance = Hindrance::None;
             return Outlook::WillAnswer;
         }
-        note(status_.state == 'D' ? Hindrance::Uninterruptible : Hindrance::Blocked);
+        note(status.state == 'D' ? Hindrance::Uninterruptible : Hindrance::Blocked);
         return lastsForLong() ? Outlook::Never : Outlook::NotYet;
     }
 
     /// Has neither taken the signal nor is kept from it.
-    [[nodiscard]] bool lostTheSignal() const {
-        return !containsSignal(status_.pendingSignals | status_.blockedSignals, captureSignal());
+    bool lostTheSignal() const {
+        return !containsSignal(status.pendingSignals | status.blockedSignals, captureSignal());
     }
 
     /// Sleeps in spite of a signal that it could take, as a frozen thread does. One that has only
     /// just been woken by the signal is running at the next look.
-    [[nodiscard]] bool sleepsOnSignal() const {
-        return status_.state == 'S' && containsSignal(status_.pendingSignals, captureSignal()) &&
-               !containsSignal(status_.blockedSignals, captureSignal());
+    bool sleepsOnSignal() const {
+        return status.state == 'S' && containsSignal(status.pendingSignals, captureSignal()) &&
+               !containsSignal(status.blockedSignals, captureSignal());
     }
 
  private:
     enum class Hindrance { None, Uninterruptible, Blocked };
 
-    void note(Hindrance hindrance) {
-        if (hindrance_ != hindrance) {
-            hindrance_ = hindrance;
-            since_ = Clock::now();
-            ranBefore_ = runTime();
+    void note(Hindrance found) {
+        if (hindrance != found) {
+            hindrance = found;
+            since = Clock::now();
+            ranBefore = runTime();
         }
     }
 
@@ -98,25 +97,25 @@ class Watch {
     // for moments only, while a thread starts or ends or another process is spawned; our handler
     // blocks it while it runs. None of these lasts long; but one that got no processor may have
     // been stopped in it.
-    [[nodiscard]] bool lastsForLong() const {
-        const Clock::duration lasted = Clock::now() - since_;
-        if (hindrance_ == Hindrance::Uninterruptible) {
+    bool lastsForLong() const {
+        const Clock::duration lasted = Clock::now() - since;
+        if (hindrance == Hindrance::Uninterruptible) {
             return lasted >= longestUninterruptibleWait;
         }
-        return status_.state == 'S' ? lasted >= longestBlockedSleep
-                                    : runTime() - ranBefore_ >= longestBlockedRun;
+        return status.state == 'S' ? lasted >= longestBlockedSleep
+                                   : runTime() - ranBefore >= longestBlockedRun;
     }
 
-    [[nodiscard]] std::chrono::nanoseconds runTime() const {
-        return std::chrono::nanoseconds(threadRunTime(threadId_).value_or(0));
+    std::chrono::nanoseconds runTime() const {
+        return std::chrono::nanoseconds(threadRunTime(id).value_or(0));
     }
 
-    unsigned int threadId_;
-    ThreadStatus status_;
+    unsigned int id;
+    ThreadStatus status;
     // What keeps it from answering, and since when.
-    Hindrance hindrance_ = Hindrance::None;
-    Clock::time_point since_;
-    std::chrono::nanoseconds ranBefore_{};
+    Hindrance hindrance = Hindrance::None;
+    Clock::time_point since;
+    std::chrono::nanoseconds ranBefore{};
 };
 
 void takeNap() {

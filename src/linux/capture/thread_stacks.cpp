@@ -42,21 +42,21 @@ std::uint64_t firstStackTop() noexcept {
 
 // A range in one word, so that a reader can never see half of one: 44 bits of page number and 20
 // bits of page count. 0 is "no range".
-constexpr unsigned CountBits = 20;
-constexpr std::uint64_t MostPages = (std::uint64_t{1} << CountBits) - 1;
+constexpr unsigned countBits = 20;
+constexpr std::uint64_t mostPages = (std::uint64_t{1} << countBits) - 1;
 
 // Whole pages outward: protection is per page, so a page that holds one byte of a live stack can
 // be read from end to end. Of a stack above 4 GiB the outer part, which is used first, is kept.
 std::uint64_t pack(std::uint64_t begin, std::uint64_t end) noexcept {
     const std::uint64_t endPage = pageEndOf(end) / memoryPageSize;
     const std::uint64_t beginPage =
-        std::max(begin / memoryPageSize, endPage - std::min(endPage, MostPages));
-    return endPage <= beginPage ? 0 : (beginPage << CountBits) | (endPage - beginPage);
+        std::max(begin / memoryPageSize, endPage - std::min(endPage, mostPages));
+    return endPage <= beginPage ? 0 : (beginPage << countBits) | (endPage - beginPage);
 }
 
 ReadableRange unpack(std::uint64_t word) noexcept {
-    const std::uint64_t begin = (word >> CountBits) * memoryPageSize;
-    return {begin, begin + (word & MostPages) * memoryPageSize};
+    const std::uint64_t begin = (word >> countBits) * memoryPageSize;
+    return {begin, begin + (word & mostPages) * memoryPageSize};
 }
 
 struct Slot {
@@ -67,24 +67,24 @@ struct Slot {
 // A thread may stand in any slot of its own group or the next one. Ids are handed out in
 // sequence, so their low bits spread threads evenly; where a window is full, or the process has
 // more threads than slots, the thread is simply not known. That is why nothing here ever grows.
-constexpr std::size_t GroupSize = 4;
-constexpr std::size_t GroupCount = 2048;
-constexpr std::size_t WindowSize = 2 * GroupSize;
-constinit std::array<Slot, GroupSize * GroupCount> slots{};
+constexpr std::size_t groupSize = 4;
+constexpr std::size_t groupCount = 2048;
+constexpr std::size_t windowSize = 2 * groupSize;
+constinit std::array<Slot, groupSize * groupCount> slots{};
 
 // Not an id that the system gives out (the highest is 2^22).
-constexpr unsigned int Claimed = ~0U;
+constexpr unsigned int claimed = ~0U;
 
 // What the calling thread entered; a fork child has no other way to tell where its only
 // thread stood, because that thread's id is another one there.
 constinit thread_local std::uint64_t ownRange = 0;
 
 Slot& slotOf(unsigned int threadId, std::size_t probe) noexcept {
-    return slots[(threadId % GroupCount * GroupSize + probe) % slots.size()];
+    return slots[(threadId % groupCount * groupSize + probe) % slots.size()];
 }
 
 void leave(unsigned int threadId) noexcept {
-    for (std::size_t probe = 0; probe < WindowSize; ++probe) {
+    for (std::size_t probe = 0; probe < windowSize; ++probe) {
         Slot& slot = slotOf(threadId, probe);
         if (slot.threadId.load(std::memory_order_relaxed) == threadId) {
             slot.threadId.store(0, std::memory_order_release);
@@ -92,15 +92,15 @@ void leave(unsigned int threadId) noexcept {
     }
 }
 
-// The writers of a slot take turns: whoever moves `threadId` from 0 to Claimed owns it until the
+// The writers of a slot take turns: whoever moves `threadId` from 0 to claimed owns it until the
 // same thread puts 0 back.
 void enter(unsigned int threadId, std::uint64_t range) noexcept {
     // The id stands there already where its former bearer ended without being heard of.
     leave(threadId);
-    for (std::size_t probe = 0; probe < WindowSize; ++probe) {
+    for (std::size_t probe = 0; probe < windowSize; ++probe) {
         Slot& slot = slotOf(threadId, probe);
         unsigned int free = 0;
-        if (slot.threadId.compare_exchange_strong(free, Claimed, std::memory_order_acq_rel)) {
+        if (slot.threadId.compare_exchange_strong(free, claimed, std::memory_order_acq_rel)) {
             slot.range.store(range, std::memory_order_release);
             slot.threadId.store(threadId, std::memory_order_release);
             return;
@@ -182,12 +182,12 @@ constinit thread_local KnownBounds ownBounds;
 // Why an answer is whole and belongs to the thread: while the thread lives, nobody but itself
 // changes its slot, therefore both looks at `threadId` see it and `range` is what it stored. A
 // slot that another thread has taken in between shows another id at the second look: its `range`
-// was stored after Claimed, so whoever reads that `range` reads Claimed or a later id.
+// was stored after claimed, so whoever reads that `range` reads claimed or a later id.
 bool findThreadStack(unsigned int threadId, ReadableRange& out) noexcept {
-    if (threadId == 0 || threadId == Claimed) {
+    if (threadId == 0 || threadId == claimed) {
         return false;
     }
-    for (std::size_t probe = 0; probe < WindowSize; ++probe) {
+    for (std::size_t probe = 0; probe < windowSize; ++probe) {
         const Slot& slot = slotOf(threadId, probe);
         if (slot.threadId.load(std::memory_order_acquire) != threadId) {
             continue;

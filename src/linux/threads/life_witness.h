@@ -22,7 +22,7 @@ class LifeWitness {
     /// empty. False where the system has no robust mutexes: the end then never shows.
     bool begin() noexcept;
 
-    [[nodiscard]] bool sawTheEnd() const noexcept;
+    bool sawTheEnd() const noexcept;
 
  private:
     pthread_mutex_t heldForLife = PTHREAD_MUTEX_INITIALIZER;

@@ -28,26 +28,26 @@ namespace {
 
 // struct linux_dirent64 (getdents64(2)) has no declaration in the C library's headers. The
 // library's own `readdir` would allocate 32 KB for each call.
-constexpr std::size_t SizeOfRecordFieldOffset = 16;
-constexpr std::size_t NameOffset = 19;
-constexpr std::size_t EntriesBufferSize = 4096;  // fits on the smallest stack
+constexpr std::size_t recordSizeOffset = 16;
+constexpr std::size_t nameOffset = 19;
+constexpr std::size_t entriesBufferSize = 4096;  // fits on the smallest stack
 
 // The flag of a thread that has begun to end, in the ninth field of its "stat" file (proc(5);
 // include/linux/sched.h).
-constexpr unsigned long FlagExiting = 0x4;
+constexpr unsigned long flagExiting = 0x4;
 
 void appendNumbers(std::vector<unsigned int>& numbers, const std::uint8_t* entries,
                    std::size_t size) {
     ByteCursor all(entries, entries + size);
     while (!all.atEnd() && all.ok()) {
         ByteCursor entry = all;
-        entry.skip(SizeOfRecordFieldOffset);
+        entry.skip(recordSizeOffset);
         const auto entrySize = entry.read<std::uint16_t>();
-        if (!entry.ok() || entrySize <= NameOffset || entrySize > all.remaining()) {
+        if (!entry.ok() || entrySize <= nameOffset || entrySize > all.remaining()) {
             return;
         }
-        const auto* const name = reinterpret_cast<const char*>(all.data() + NameOffset);
-        const char* const nameEnd = name + strnlen(name, entrySize - NameOffset);
+        const auto* const name = reinterpret_cast<const char*>(all.data() + nameOffset);
+        const char* const nameEnd = name + strnlen(name, entrySize - nameOffset);
         unsigned int number = 0;
         const auto [end, error] = std::from_chars(name, nameEnd, number);
         if (error == std::errc() && end == nameEnd) {
@@ -88,7 +88,7 @@ TaskState stateFromStat(std::string_view line) noexcept {
     }
     unsigned long flags = 0;
     std::from_chars(line.data(), line.data() + line.size(), flags);
-    const bool ended = state == 'Z' || state == 'X' || (flags & FlagExiting) != 0;
+    const bool ended = state == 'Z' || state == 'X' || (flags & flagExiting) != 0;
     return ended ? TaskState::Ending : TaskState::Live;
 }
 
@@ -113,7 +113,7 @@ TaskState stateFromFile(const ProcPath& path) noexcept {
 std::vector<unsigned int> listNumberedEntries(const char* path) {
     std::vector<unsigned int> numbers;
     Folder folder(path);
-    alignas(8) std::array<std::uint8_t, EntriesBufferSize> entries;
+    alignas(8) std::array<std::uint8_t, entriesBufferSize> entries;
     while (const std::size_t size = folder.read(entries.data(), entries.size())) {
         appendNumbers(numbers, entries.data(), size);
     }

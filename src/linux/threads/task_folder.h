@@ -10,7 +10,7 @@
 
 namespace ThreadUtilities::platform {
 
-inline constexpr const char* OwnTaskFolder = "/proc/self/task";
+inline constexpr const char* ownTaskFolder = "/proc/self/task";
 
 /// The entries that are numbers, in the kernel's order, each once. Empty when the folder cannot
 /// be read. A listing is not taken at one moment: the kernel looks for its place anew when the

@@ -29,8 +29,8 @@ namespace {
 // A thread that asks for its first call only in the middle of its end (nobody announced it, and
 // it never used the library before) counts from there, and its calls are made at the first chance.
 // What such a thread asks for in the system's last round is lost: nothing tells it the round.
-constexpr int LastRound = PTHREAD_DESTRUCTOR_ITERATIONS;
-constexpr int RoundOfCalls = 2;
+constexpr int lastRound = PTHREAD_DESTRUCTOR_ITERATIONS;
+constexpr int roundOfCalls = 2;
 
 using ExitFunction = void (*)() noexcept;
 constinit std::array<std::atomic<ExitFunction>, 16> functions{};
@@ -68,21 +68,21 @@ void makeCalls() noexcept {
 
 void beginRound(void*) {
     ++ownEnd.roundsBegun;
-    ownEnd.isHeardOf = ownEnd.roundsBegun < LastRound && hearOfNextRound();
-    if (!ownEnd.countsFromTheFirst || ownEnd.roundsBegun >= RoundOfCalls || !ownEnd.isHeardOf) {
+    ownEnd.isHeardOf = ownEnd.roundsBegun < lastRound && hearOfNextRound();
+    if (!ownEnd.countsFromTheFirst || ownEnd.roundsBegun >= roundOfCalls || !ownEnd.isHeardOf) {
         makeCalls();
     }
 }
 
 // The other list is worked off once, and before all rounds.
 void endWithoutRounds(void*) {
-    ownEnd.roundsBegun = LastRound;
+    ownEnd.roundsBegun = lastRound;
     ownEnd.isHeardOf = false;
     makeCalls();
 }
 
 bool hearOfOwnEnd() noexcept {
-    if (!ownEnd.isHeardOf && ownEnd.roundsBegun < LastRound) {
+    if (!ownEnd.isHeardOf && ownEnd.roundsBegun < lastRound) {
         ownEnd.isHeardOf =
             hearOfNextRound() || (ownEnd.roundsBegun == 0 &&
                                   __cxa_thread_atexit_impl(endWithoutRounds, nullptr,

@@ -254,9 +254,9 @@ std::string readThreadName(unsigned int threadId) {
     }
     // A thread that names itself all the time may outrun a reader; after some tries its latest
     // name is true enough.
-    constexpr int Tries = 16;
+    constexpr int mostTries = 16;
     std::optional<FoundName> found;
-    for (int tries = 0; tries < Tries; ++tries) {
+    for (int tries = 0; tries < mostTries; ++tries) {
         const auto changes = changesOf(threadId);
         found = findKernelName(threadId);
         if (!found || !found->ownProcess) {

@@ -34,9 +34,9 @@ struct Registry {
     std::size_t size = 0;
     /// Ended threads are looked for when there are this many records: as many as were alive at
     /// the last look once more, so that a start pays for one look at one record, on average.
-    std::size_t sizeToSweep = FewRecords;
+    std::size_t sizeToSweep = fewRecords;
 
-    static constexpr std::size_t FewRecords = 64;
+    static constexpr std::size_t fewRecords = 64;
 };
 
 // Threads end, and are named, until the very end of the process.
@@ -124,7 +124,7 @@ bool dropRecords(IsOver isOver, Dropped& dropped) noexcept {
         }
         dropped.add(record);
     }
-    registry.sizeToSweep = 2 * registry.size + Registry::FewRecords;
+    registry.sizeToSweep = 2 * registry.size + Registry::fewRecords;
     return allHaveWitnesses;
 }
 

@@ -67,8 +67,8 @@ class LookAtRecord {
  public:
     explicit LookAtRecord(unsigned int threadId) noexcept;
     /// None when there is no record, or its thread has ended.
-    [[nodiscard]] ThreadRecord* get() const noexcept { return record; }
-    [[nodiscard]] bool hasEnded() const noexcept { return ended; }
+    ThreadRecord* get() const noexcept { return record; }
+    bool hasEnded() const noexcept { return ended; }
 
  private:
     std::unique_lock<std::mutex> lock;

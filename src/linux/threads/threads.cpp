@@ -30,9 +30,9 @@ RestartInForkChild forkChildAnnouncesNothingYet([] { everyEndIsAnnounced = false
 // lacks is added where it is still there. The result has the live threads alone.
 template <class State>
 std::vector<unsigned int> listThreads(const char* folder, State stateOf) {
-    constexpr int Tries = 6;
+    constexpr int mostTries = 6;
     std::vector<unsigned int> live;
-    for (int tries = 0; tries < Tries; ++tries) {
+    for (int tries = 0; tries < mostTries; ++tries) {
         const std::vector<unsigned int> before = std::exchange(live, {});
         const std::vector<unsigned int> listed = listNumberedEntries(folder);
         bool isWhole = countTasks(folder) == listed.size();
@@ -79,16 +79,16 @@ std::vector<unsigned int> threadsOfOtherProcess(unsigned int processId) {
 // likely to be found a little above the process's own id, because ids are handed out upward, or
 // among the lowest, where that starts again after the highest.
 std::vector<unsigned int> threadsFoundWithoutListing(std::vector<unsigned int> known) {
-    constexpr unsigned int MostTries = 1 << 15;
+    constexpr unsigned int mostTries = 1 << 15;
     const unsigned int process = currentProcessId();
     const unsigned int self = currentThreadId();
     std::erase_if(known, [process](unsigned int id) { return !hasTask(process, id); });
     if (std::find(known.begin(), known.end(), self) == known.end()) {
         known.push_back(self);
     }
-    const std::size_t count = countTasks(OwnTaskFolder);
+    const std::size_t count = countTasks(ownTaskFolder);
     for (const unsigned int first : {process, 1U}) {
-        for (unsigned int id = first; id < first + MostTries && known.size() < count; ++id) {
+        for (unsigned int id = first; id < first + mostTries && known.size() < count; ++id) {
             if (hasTask(process, id) && std::find(known.begin(), known.end(), id) == known.end()) {
                 known.push_back(id);
             }
@@ -100,7 +100,7 @@ std::vector<unsigned int> threadsFoundWithoutListing(std::vector<unsigned int> k
 }  // namespace
 
 void relyOnNotices() noexcept {
-    everyEndIsAnnounced = countTasks(OwnTaskFolder) == 1 && countLiveRecords() == 1;
+    everyEndIsAnnounced = countTasks(ownTaskFolder) == 1 && countLiveRecords() == 1;
 }
 
 std::vector<unsigned int> enumerateThreadsFromSystemInformation(unsigned int processId) {
@@ -123,14 +123,14 @@ bool noticesCover(std::size_t listed) noexcept {
     if (!everyEndIsAnnounced) {
         return false;
     }
-    const std::size_t counted = countTasks(OwnTaskFolder);
+    const std::size_t counted = countTasks(ownTaskFolder);
     const std::optional<std::size_t> live = countLiveRecords();
     return live == listed && counted == listed + (firstThreadHasEnded() ? 1 : 0);
 }
 
 std::vector<unsigned int> liveThreads(const std::vector<unsigned int>& known) {
     const unsigned int self = currentThreadId();
-    std::vector<unsigned int> threads = listThreads(OwnTaskFolder, stateOfOwnTask);
+    std::vector<unsigned int> threads = listThreads(ownTaskFolder, stateOfOwnTask);
     // A /proc that was mounted for other processes than those that this one can see counts in
     // other numbers.
     if (std::find(threads.begin(), threads.end(), self) != threads.end()) {

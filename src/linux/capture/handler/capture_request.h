@@ -32,35 +32,30 @@ namespace ThreadUtilities::platform {
 enum class RequestPhase : std::uint32_t { Free, Posted, Claimed, Done, Abandoned };
 
 /// Phase, generation and the capturer's wish to be woken, in the 32 bits that a futex can wait on.
-/// 2^28 generations pass before a late signal could name a slot's number again.
+/// 2^28 generations pass before a handler that was left, and goes on after all, could take another
+/// request for the one that it had claimed.
 class RequestWord {
  public:
     constexpr RequestWord() = default;
-    constexpr explicit RequestWord(std::uint32_t bits) : bits_(bits) {}
+    constexpr explicit RequestWord(std::uint32_t bits) : value(bits) {}
     constexpr RequestWord(RequestPhase phase, std::uint32_t generation)
-        : bits_(static_cast<std::uint32_t>(phase) | (generation << generationShift)) {}
+        : value(static_cast<std::uint32_t>(phase) | (generation << generationShift)) {}
 
-    [[nodiscard]] constexpr RequestPhase phase() const {
-        return static_cast<RequestPhase>(bits_ & phaseMask);
+    constexpr RequestPhase phase() const { return static_cast<RequestPhase>(value & phaseMask); }
+    constexpr std::uint32_t generation() const { return value >> generationShift; }
+    constexpr bool capturerSleeps() const { return (value & sleepsBit) != 0; }
+    constexpr RequestWord with(RequestPhase phase) const {
+        return RequestWord((value & ~phaseMask) | static_cast<std::uint32_t>(phase));
     }
-    [[nodiscard]] constexpr std::uint32_t generation() const { return bits_ >> generationShift; }
-    [[nodiscard]] constexpr bool capturerSleeps() const { return (bits_ & sleepsBit) != 0; }
-    [[nodiscard]] constexpr RequestWord with(RequestPhase phase) const {
-        return RequestWord((bits_ & ~phaseMask) | static_cast<std::uint32_t>(phase));
-    }
-    [[nodiscard]] constexpr RequestWord withSleepingCapturer() const {
-        return RequestWord(bits_ | sleepsBit);
-    }
-    [[nodiscard]] constexpr RequestWord nextFree() const {
-        return {RequestPhase::Free, generation() + 1};
-    }
-    [[nodiscard]] constexpr std::uint32_t bits() const { return bits_; }
+    constexpr RequestWord withSleepingCapturer() const { return RequestWord(value | sleepsBit); }
+    constexpr RequestWord nextFree() const { return {RequestPhase::Free, generation() + 1}; }
+    constexpr std::uint32_t bits() const { return value; }
 
  private:
     static constexpr std::uint32_t phaseMask = 7;
     static constexpr std::uint32_t sleepsBit = 8;
     static constexpr std::uint32_t generationShift = 4;
-    std::uint32_t bits_ = 0;
+    std::uint32_t value = 0;
 };
 
 inline constexpr std::size_t slotFrames = 256;
