@@ -7,8 +7,9 @@
 /// The sampling profiler: stacks taken at a set interval, merged into one call tree per thread
 /// and printed as indented text.
 ///
-/// The three sampling functions block the calling thread for the given duration and may be called
-/// from any thread, several at a time. They start their own worker threads and join them before
+/// The three sampling functions block the calling thread for the given duration, and then for the
+/// captures under way and the making of the report; they may be called from any thread, several at
+/// a time. They start their own worker threads and join them before
 /// they return or throw. None is async-signal-safe. The reports are the same in every locale.
 
 #include <chrono>
@@ -89,11 +90,16 @@ using StackCaptureCallback = std::function<unsigned long long(
 /// thread is sampled some ten microseconds after it is due, and its interval counts from then, so
 /// a short interval gives a few samples less than the duration divided by it. With an interval of
 /// 0 the workers never sleep.
+///
+/// \code
+/// using namespace std::chrono_literals;
+/// std::cout << ThreadUtilities::sampleAllThreads(10s, 5ms);
+/// \endcode
 THREAD_UTILITIES_API std::string sampleAllThreads(const std::chrono::seconds& duration,
                                                   const std::chrono::milliseconds& interval);
 
-/// Samples one thread of any process through `capture`. Empty when `capture` has no target. May
-/// return up to one interval later than asked for.
+/// Samples one thread of any process through `capture`, which is also called once before the first
+/// sample. Empty when `capture` has no target. May return up to one interval later than asked for.
 THREAD_UTILITIES_API std::string sampleProcessThread(const unsigned int& processId,
                                                      const unsigned int& threadId,
                                                      const std::chrono::seconds& duration,

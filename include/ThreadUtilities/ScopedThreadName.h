@@ -54,6 +54,15 @@ class IScopedThreadCallback {
 /// hint that was current before; the constructors that take no hint over (type, or name and flag)
 /// leave the thread without one. The store is not put back.
 ///
+/// \code
+/// void Importer::run() {
+///     const ThreadUtilities::ScopedThreadName name("import");
+///     readFiles();  // the thread is called "import:Importer.cpp:12:run"
+/// }                 // and from here on as it was before
+/// \endcode
+///
+/// Lasts as long as it takes to name the thread, and as the observers take.
+///
 /// The outermost object of a thread that may notify announces itself to the observers, once when
 /// it begins and once when it ends.
 ///

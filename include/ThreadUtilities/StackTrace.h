@@ -31,12 +31,12 @@ namespace ThreadUtilities {
 ///
 /// With `suspend` the thread is stopped while its stack is walked; without, it runs on and the
 /// walk takes what it finds. The flag means nothing for the calling thread. The thread runs again
-/// on every path, and no heap memory and no lock is used while it stands. A stack deeper than 256
-/// frames is collected in memory that the call maps for itself, if there is any.
+/// on every path, and no heap memory and no lock is used while it is stopped. A stack deeper than
+/// 256 frames is collected in memory that the call maps for itself, if there is any.
 ///
-/// A thread that cannot answer is known at once, or within milliseconds; one that could but gets no
-/// processor is given up a second after the call began. Whatever it does later, it touches nothing
-/// of the caller's.
+/// The call lasts microseconds, mostly. A thread that cannot answer is known at once, or within a
+/// tenth of a second; one that could but gets no processor is given up a second after the call
+/// began. Whatever it does later, it touches nothing of the caller's.
 ///
 /// Needs up to 8 KB of the calling thread's stack, its first call included, and 4 KB of an
 /// interrupted thread's, or of its alternate signal stack where it has one, below the system's
@@ -46,6 +46,14 @@ namespace ThreadUtilities {
 /// written then), `frames` is null, `maxFrames` is 0, or the thread does not exist, has ended,
 /// belongs to another process or cannot be stopped. A stack that turns out damaged gives the
 /// entries up to the damage.
+///
+/// \code
+/// std::array<unsigned long long, 256> frames;
+/// const auto count = ThreadUtilities::getStackTrace(threadId, frames.data(), frames.size(), true);
+/// for (unsigned long long i = 0; i < count; ++i) {
+///     std::wcout << ThreadUtilities::getFrameDetails(0, frames[i]) << L'\n';
+/// }
+/// \endcode
 THREAD_UTILITIES_API unsigned long long getStackTrace(const unsigned int& threadId,
                                                       unsigned long long* frames,
                                                       unsigned long long maxFrames, bool suspend);
@@ -61,7 +69,8 @@ THREAD_UTILITIES_API unsigned long long getStackTrace(const unsigned int& thread
 ///
 /// Empty when the address lies in no module or the process's modules cannot be listed. Allocates
 /// and locks; the list of modules is kept between calls and renewed when it does not know the
-/// address, or when another process is asked for.
+/// address, or when another process is asked for. Calls wait for each other, for as long as it
+/// takes to list the modules of a process.
 THREAD_UTILITIES_API std::wstring getFrameDetails(const unsigned int& processId,
                                                   unsigned long long address);
 
@@ -74,7 +83,7 @@ THREAD_UTILITIES_API std::wstring getFrameDetails(const unsigned int& processId,
 ///
 /// Empty when nothing could be captured; "debugger attached" when a debugger is attached to the
 /// process, whose threads are then left alone. `framework` is released on return and not used
-/// otherwise; `{}` will do.
+/// otherwise; `{}` will do. Lasts as long as the capture and the descriptions.
 THREAD_UTILITIES_API std::string getStackTrace(vesko::handle<ICoreFramework> framework,
                                                unsigned int threadId);
 
@@ -89,6 +98,13 @@ THREAD_UTILITIES_API std::string getStackTrace(vesko::handle<ICoreFramework> fra
 ///
 /// `second` is empty. When a debugger is attached it reads "debugger attached", and `first` is the
 /// calling thread's id in decimal; no thread was touched then. `framework` as above.
+///
+/// A capture takes microseconds, up to a second for a thread that could answer but does not; the
+/// descriptions take as long as `getFrameDetails`.
+///
+/// \code
+/// std::ofstream("stacks.txt") << ThreadUtilities::getAllThreadStackTrace({}).first;
+/// \endcode
 THREAD_UTILITIES_API std::pair<std::string, std::string> getAllThreadStackTrace(
     vesko::handle<ICoreFramework> framework);
 

@@ -18,6 +18,8 @@
 /// Each announced thread, and each that names itself, holds a robust mutex of the library's for
 /// life, by whose state the library learns of its end.
 ///
+/// No call waits for another thread but for the moment in which that changes the list or a name.
+///
 /// A thread id is the operating system's own 32-bit id (Linux: `gettid`), a process id likewise.
 
 #include <string>
@@ -54,7 +56,13 @@ namespace ThreadUtilities {
 THREAD_UTILITIES_API unsigned int getMainThreadId();
 /// Same as `ThreadIds::getThreadId`.
 THREAD_UTILITIES_API unsigned int getThreadId();
-/// Same as `ThreadIds::getThreadIds`.
+/// Same as `ThreadIds::getThreadIds`. The threads of this process and their names:
+///
+/// \code
+/// for (const unsigned int id : ThreadUtilities::getThreadIds()) {
+///     std::cout << id << ' ' << ThreadUtilities::getThreadName(id) << '\n';
+/// }
+/// \endcode
 THREAD_UTILITIES_API std::vector<unsigned int> getThreadIds();
 /// Same as `ThreadIds::getThreadIds(processId)`.
 THREAD_UTILITIES_API std::vector<unsigned int> getThreadIds(unsigned int processId);

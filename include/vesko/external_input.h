@@ -10,12 +10,23 @@
 ///
 /// Every thread has one current hint, possibly none, and one current store, possibly none. A
 /// `vesko::source::location` captures both where work is posted; a
-/// `ThreadUtilities::ScopedThreadName` made from it adopts both where the work is run.
+/// `ThreadUtilities::ScopedThreadName` made from it adopts both where the work is run:
+///
+/// \code
+/// void Window::onOpen() {
+///     const auto current = vesko::external_input::hint::createExternalInputHint("open");
+///     pool.post([this, from = vesko::source::location::current()] {
+///         const ThreadUtilities::ScopedThreadName name(from);
+///         readDocument();  // under the hint "open", on a thread named after onOpen
+///     });
+/// }
+/// \endcode
 ///
 /// Every function may be called from any thread at any time, in thread-exit destructors and in a
-/// fork child too; none is async-signal-safe. A thread that is so far in its end that nothing
-/// would release a new hint or store any more (Linux: after the last round of thread-specific
-/// destructors that the system grants) keeps none: setting is ignored then, reading finds nothing.
+/// fork child too; none waits for another thread, and none is async-signal-safe. A thread that is
+/// so far in its end that nothing would release a new hint or store any more (Linux: after the last
+/// round of thread-specific destructors that the system grants) keeps none: setting is ignored
+/// then, reading finds nothing.
 
 #include <array>
 #include <atomic>

@@ -5,6 +5,10 @@
 
 /// \file
 /// A GUID as a 16-byte value in the system's layout. Plain value, safe to copy anywhere.
+///
+/// \code
+/// const vesko::guid id(systemGuid);  // the system's own type, of the same 16 bytes
+/// \endcode
 
 #include <array>
 #include <cstdint>

@@ -65,7 +65,11 @@ class count_block {
 };
 
 /// A pointer to an `Interface` with one weak count of the block that counts its owners. Empty by
-/// default, which is what a program without the framework passes.
+/// default, which is what a program without the framework passes:
+///
+/// \code
+/// const std::string stack = ThreadUtilities::getStackTrace({}, threadId);
+/// \endcode
 template <typename Interface>
 class handle {
  public:

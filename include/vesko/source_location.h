@@ -24,6 +24,10 @@ struct location {
     /// arguments file, line and function are those of the code that calls; the function name is
     /// the compiler's short one (g++ and clang: `run` inside `Worker::run`).
     ///
+    /// \code
+    /// void post(Job job, vesko::source::location from = vesko::source::location::current());
+    /// \endcode
+    ///
     /// The texts are not copied: they must outlive the location, as literals do. A null file or
     /// function is accepted and prints as an empty text.
     THREAD_UTILITIES_API static location current(
