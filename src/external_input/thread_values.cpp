@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "external_input/thread_values.h"
+
 #include <memory>
 
 #include "platform/thread_exit.h"

@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <unistd.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>

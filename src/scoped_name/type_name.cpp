@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "scoped_name/type_name.h"
+
 #include <string>
 #include <typeinfo>
 

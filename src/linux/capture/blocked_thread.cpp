@@ -11,7 +11,7 @@
 #include <span>
 #include <string_view>
 
-#include "linux/capture/files_for_visits.h"
+#include "linux/capture/run_witness.h"
 #include "linux/kernel_calls.h"
 #include "linux/proc_file.h"
 #include "platform/memory.h"

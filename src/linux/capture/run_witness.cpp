@@ -14,7 +14,7 @@
 #include <optional>
 #include <string_view>
 
-#include "linux/capture/thread_clock.h"
+#include "linux/capture/thread_status.h"
 #include "linux/kernel_calls.h"
 #include "linux/proc_file.h"
 

@@ -12,7 +12,6 @@
 
 #include "linux/capture/capture_requests.h"
 #include "linux/capture/capture_signal.h"
-#include "linux/capture/thread_clock.h"
 #include "linux/capture/thread_stacks.h"
 #include "linux/kernel_calls.h"
 

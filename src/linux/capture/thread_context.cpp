@@ -2,13 +2,13 @@
 // SPDX-License-Identifier: MIT
 
 #include "platform/thread_context.h"
+
 #include <optional>
 #include <span>
 
 #include "linux/capture/blocked_thread.h"
-#include "linux/capture/files_for_visits.h"
+#include "linux/capture/run_witness.h"
 #include "linux/capture/running_thread.h"
-#include "linux/capture/thread_clock.h"
 #include "linux/capture/thread_status.h"
 #include "platform/debugger.h"
 

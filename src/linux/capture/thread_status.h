@@ -3,9 +3,10 @@
 
 #pragma once
 
-// What the kernel tells of a thread of this process, in one reading.
+// What the kernel tells of a thread of this process.
 
 #include <cstdint>
+#include <optional>
 
 namespace ThreadUtilities::platform {
 
@@ -24,9 +25,15 @@ struct ThreadStatus {
     std::uint64_t blockedSignals = 0;
 };
 
-/// Keeps no file open, takes no lock, allocates nothing. `keptFile` is the thread's, kept open by
-/// the caller, or negative.
+/// All in one reading. Keeps no file open, takes no lock, allocates nothing. `keptFile` is the
+/// thread's, kept open by the caller, or negative.
 ThreadStatus readThreadStatus(unsigned int threadId, int keptFile = -1) noexcept;
+
+/// The time that a thread has spent on a processor, in nanoseconds; moves while the thread runs.
+/// None for a thread that does not exist in this process. That the time has not changed is a strong
+/// hint that the thread did not run, and no proof: a hypervisor's share is taken off it, sometimes
+/// the whole of a short run.
+std::optional<std::uint64_t> threadRunTime(unsigned int threadId) noexcept;
 
 /// Whether bit n-1 of `signals` is set for signal n.
 constexpr bool containsSignal(std::uint64_t signals, int signal) {

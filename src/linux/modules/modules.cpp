@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include "platform/modules.h"
+
 #include <optional>
 #include <utility>
 #include <vector>

@@ -4,6 +4,7 @@
 #include "linux/capture/handler/capture_handler.h"
 
 #include <ucontext.h>
+
 #include <atomic>
 #include <csignal>
 #include <cstddef>
