@@ -86,7 +86,7 @@ using StackCaptureCallback = std::function<unsigned long long(
 /// A duration of zero or less gives an empty profile.
 ///
 /// While no thread is due the workers sleep: one of them wakes when the next thread is due, or a
-/// thread starts; where starts cannot be heard of, it looks for new threads every millisecond. A
+/// thread starts; where starts go unnoticed, it looks for new threads every millisecond. A
 /// thread is sampled some ten microseconds after it is due, and its interval counts from then, so
 /// a short interval gives a few samples less than the duration divided by it. With an interval of
 /// 0 the workers never sleep.

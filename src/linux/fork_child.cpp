@@ -51,7 +51,7 @@ void restartInForkChild() {
 
 // Handlers in the child run in the order of their registration; those of other libraries may call
 // this one, therefore as early as possible: before the static constructors of the same file set.
-__attribute__((constructor(101))) void hearOfForks() {
+__attribute__((constructor(101))) void installForkHandler() {
     const std::size_t size = sizeof(*processMark);  // a page, in fact
     void* const page =
         mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

@@ -45,8 +45,8 @@ struct ThreadContext {
     /// are read through `readOwnMemory`.
     ReadableRange stack;
     /// The part of `stack` that is known to be readable while the visitor runs. What lies elsewhere
-    /// in it is the thread's own memory, of which nobody takes a page away while the thread stands
-    /// still; but hosts protect pages inside of stacks, therefore each is asked for.
+    /// in it is the thread's own memory, of which nobody takes a page away while the thread is
+    /// stopped; but hosts protect pages inside of stacks, therefore each is asked for.
     ReadableRange readableStack;
     /// What to add to an address inside `stack` (modulo 2^64) to find its word: 0 where the stack
     /// itself is read, something else where `stack` was copied beforehand.

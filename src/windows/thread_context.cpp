@@ -18,23 +18,12 @@ namespace {
 static_assert(THREAD_ALL_ACCESS == 0x1FFFFF);
 static_assert(CONTEXT_FULL == 0x10000B && sizeof(CONTEXT) == 1232);
 
-// Neither allocates nor needs a constructor.
-class SlimLock {
- public:
-    void lock() noexcept { AcquireSRWLockExclusive(&systemLock); }
-    void unlock() noexcept { ReleaseSRWLockExclusive(&systemLock); }
-
- private:
-    SRWLOCK systemLock = SRWLOCK_INIT;
-};
-
-using Order = VisitOrder<SlimLock>;
-constinit Order order;
+constinit VisitOrder order;
 
 // A visit lasts microseconds. A visitor that goes on for this long is itself held by something.
 constexpr std::chrono::seconds patience{1};
 
-bool beginVisit(Order::Visit& visit, const VisitRequest& request) noexcept {
+bool beginVisit(VisitOrder::Visit& visit, const VisitRequest& request) noexcept {
     const auto deadline = std::min(request.deadline, std::chrono::steady_clock::now() + patience);
     while (!visit.tryBegin(request.threadId)) {
         if (std::chrono::steady_clock::now() > deadline) {
@@ -109,7 +98,7 @@ Visit readAndShow(HANDLE thread, bool isStopped, ContextVisitor visitor,
 
 Visit stopAndShow(HANDLE thread, const VisitRequest& request,
                   std::span<unsigned long long> frames) noexcept {
-    Order::Visit visit(order, GetCurrentThreadId());
+    VisitOrder::Visit visit(order, GetCurrentThreadId());
     if (!beginVisit(visit, request)) {
         return {};
     }

@@ -5,9 +5,21 @@
 
 // Who may stop whom.
 
+#include <windows.h>
+
 #include <mutex>
 
 namespace ThreadUtilities::platform {
+
+/// Neither allocates nor needs a constructor.
+class SlimLock {
+ public:
+    void lock() noexcept { AcquireSRWLockExclusive(&systemLock); }
+    void unlock() noexcept { ReleaseSRWLockExclusive(&systemLock); }
+
+ private:
+    SRWLOCK systemLock = SRWLOCK_INIT;
+};
 
 /// Keeps threads that visit each other from stopping one another for good.
 ///
@@ -15,10 +27,9 @@ namespace ThreadUtilities::platform {
 /// could wait for each other only in a circle of visits, and in a circle the visit that begins
 /// last has a target that is visiting already, therefore it has not begun.
 ///
-/// `Lock` is held for a few instructions, never while a thread stands. Its holder may itself be
-/// stopped by a visit that began before; whoever waits for the lock then waits for the end of that
-/// visit, which needs no lock to let its target run again.
-template <typename Lock>
+/// The lock is held for a few instructions, never while a thread is stopped. Its holder may itself
+/// be stopped by a visit that began before; whoever waits for the lock then waits for the end of
+/// that visit, which needs no lock to let its target run again.
 class VisitOrder {
  public:
     /// One visit, on the stack of the visitor.
@@ -70,7 +81,7 @@ class VisitOrder {
         *link = visit.next;
     }
 
-    Lock lock;
+    SlimLock lock;
     Visit* first = nullptr;
 };
 

@@ -32,8 +32,8 @@ namespace {
 /// small its limit.
 constexpr std::uint64_t firstStackReach = 64 << 20;
 
-/// How far down from its top the stack of a later thread is thought to reach that was not heard of:
-/// as far as stacks do unless a program asks for larger ones.
+/// How far down from its top the stack of a later thread is thought to reach whose start went
+/// unnoticed: as far as stacks do unless a program asks for larger ones.
 constexpr std::uint64_t usualStackReach = 8 << 20;
 
 std::uint64_t firstStackTop() noexcept {
@@ -95,7 +95,7 @@ void leave(unsigned int threadId) noexcept {
 // The writers of a slot take turns: whoever moves `threadId` from 0 to claimed owns it until the
 // same thread puts 0 back.
 void enter(unsigned int threadId, std::uint64_t range) noexcept {
-    // The id stands there already where its former bearer ended without being heard of.
+    // The id stands there already where its former bearer ended unnoticed.
     leave(threadId);
     for (std::size_t probe = 0; probe < windowSize; ++probe) {
         Slot& slot = slotOf(threadId, probe);
@@ -154,7 +154,7 @@ std::uint64_t stackLimit() noexcept {
                                                                                 : 0;
 }
 
-// A thread whose start was not heard of. The C library puts its own record of a thread at the top
+// A thread whose start went unnoticed. The C library puts its own record of a thread at the top
 // of the thread's stack, whoever gave the memory. Its function for the bounds allocates, under a
 // lock that is not recursive. The guess need not be right: pages are asked for, and what lies
 // outside is copied.

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-// The start of a thread, heard of by standing before the C library's functions of the same names
+// The start of a thread, noticed by standing before the C library's functions of the same names
 // in the order in which the dynamic linker looks names up. Where the library stands behind the C
 // library (loaded late, or needed by another library only), nobody calls these; the thread list
 // then does without.

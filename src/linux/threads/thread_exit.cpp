@@ -40,14 +40,14 @@ struct OwnEnd {
     unsigned int requested = 0;  ///< a bit for each of the functions
     int roundsBegun = 0;
     bool countsFromTheFirst = false;
-    bool isHeardOf = false;
+    bool isArmed = false;
 };
 constinit thread_local OwnEnd ownEnd;
 
 constinit pthread_key_t key = 0;
 constinit bool keyMade = false;
 
-bool hearOfNextRound() noexcept {
+bool armNextRound() noexcept {
     return keyMade && pthread_setspecific(key, &keyMade) == 0;
 }
 
@@ -68,8 +68,8 @@ void makeCalls() noexcept {
 
 void beginRound(void*) {
     ++ownEnd.roundsBegun;
-    ownEnd.isHeardOf = ownEnd.roundsBegun < lastRound && hearOfNextRound();
-    if (!ownEnd.countsFromTheFirst || ownEnd.roundsBegun >= roundOfCalls || !ownEnd.isHeardOf) {
+    ownEnd.isArmed = ownEnd.roundsBegun < lastRound && armNextRound();
+    if (!ownEnd.countsFromTheFirst || ownEnd.roundsBegun >= roundOfCalls || !ownEnd.isArmed) {
         makeCalls();
     }
 }
@@ -77,18 +77,18 @@ void beginRound(void*) {
 // The other list is worked off once, and before all rounds.
 void endWithoutRounds(void*) {
     ownEnd.roundsBegun = lastRound;
-    ownEnd.isHeardOf = false;
+    ownEnd.isArmed = false;
     makeCalls();
 }
 
-bool hearOfOwnEnd() noexcept {
-    if (!ownEnd.isHeardOf && ownEnd.roundsBegun < lastRound) {
-        ownEnd.isHeardOf =
-            hearOfNextRound() || (ownEnd.roundsBegun == 0 &&
-                                  __cxa_thread_atexit_impl(endWithoutRounds, nullptr,
-                                                           static_cast<void*>(&__dso_handle)) == 0);
+bool armOwnEnd() noexcept {
+    if (!ownEnd.isArmed && ownEnd.roundsBegun < lastRound) {
+        ownEnd.isArmed =
+            armNextRound() || (ownEnd.roundsBegun == 0 &&
+                               __cxa_thread_atexit_impl(endWithoutRounds, nullptr,
+                                                        static_cast<void*>(&__dso_handle)) == 0);
     }
-    return ownEnd.isHeardOf;
+    return ownEnd.isArmed;
 }
 
 // As early as possible: a process may use up its keys.
@@ -99,7 +99,7 @@ __attribute__((constructor(101))) void makeKey() {
 }  // namespace
 
 void countOwnExitRounds() noexcept {
-    ownEnd.countsFromTheFirst = hearOfOwnEnd();
+    ownEnd.countsFromTheFirst = armOwnEnd();
 }
 
 // Thread-specific values and not a `thread_local` object, because the former are released after
@@ -113,7 +113,7 @@ ThreadExitCall::ThreadExitCall(void (*exitFunction)() noexcept) noexcept : funct
 }
 
 bool ThreadExitCall::request() noexcept {
-    if (systemKey < 0 || !hearOfOwnEnd()) {
+    if (systemKey < 0 || !armOwnEnd()) {
         return false;
     }
     ownEnd.requested |= 1U << systemKey;
