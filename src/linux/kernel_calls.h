@@ -12,6 +12,7 @@
 #include <sys/uio.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -66,6 +67,17 @@ inline bool canCopyOwnMemory() noexcept {
     const iovec from[] = {{&here, sizeof(here)}};
     const iovec to[] = {{&copy, sizeof(copy)}};
     return copyMemory(kernelProcessId(), from, to) == sizeof(copy);
+}
+
+constexpr timespec timespecOf(std::chrono::nanoseconds time) noexcept {
+    constexpr std::chrono::nanoseconds second = std::chrono::seconds(1);
+    return {time / second, (time % second).count()};
+}
+
+/// Sleeps about that long, or shorter where a signal handler runs.
+inline void sleepFor(std::chrono::nanoseconds time) noexcept {
+    const timespec length = timespecOf(time);
+    kernelCall(SYS_nanosleep, argument(&length), 0);
 }
 
 /// Sleeps while `word` holds `expected`, for at most `timeout`. Returns early as it likes.

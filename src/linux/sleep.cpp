@@ -25,8 +25,7 @@ bool sleepUntilOrWoken(std::chrono::steady_clock::time_point time,
                        const std::atomic<std::uint32_t>& word, std::uint32_t seen) noexcept {
     const auto end =
         std::max(std::chrono::nanoseconds(time.time_since_epoch()), std::chrono::nanoseconds(0));
-    constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
-    const timespec timeout{end.count() / nanosecondsPerSecond, end.count() % nanosecondsPerSecond};
+    const timespec timeout = timespecOf(end);
     kernelCall(SYS_futex, argument(&word), FUTEX_WAIT_BITSET_PRIVATE, seen, argument(&timeout), 0,
                FUTEX_BITSET_MATCH_ANY);
     return true;

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -16,6 +15,7 @@
 #include <span>
 
 #include "linux/kernel_calls.h"
+#include "linux/threads/task_folder.h"
 #include "platform/fork_child.h"
 
 namespace ThreadUtilities::platform {
@@ -60,9 +60,9 @@ void takeBackFromEndedThreads() {
     for (std::size_t number = 0; number < requestSlots; ++number) {
         CaptureRequest& request = captureRequests.slots[number];
         std::uint32_t bits = request.word.load(std::memory_order_acquire);
-        const auto threadId = static_cast<int>(request.threadId.load(std::memory_order_relaxed));
+        const unsigned int threadId = request.threadId.load(std::memory_order_relaxed);
         if (RequestWord(bits).phase() == RequestPhase::Abandoned &&
-            kernelCall(SYS_tgkill, kernelProcessId(), threadId, 0) == -ESRCH &&
+            !hasTask(static_cast<unsigned int>(kernelProcessId()), threadId) &&
             request.word.compare_exchange_strong(bits, RequestWord(bits).nextFree().bits(),
                                                  std::memory_order_acquire)) {
             captureRequests.giveBack(number);
@@ -77,8 +77,7 @@ std::size_t waitForSlot(VisitDeadline deadline) {
             return number;
         }
         takeBackFromEndedThreads();
-        constexpr timespec aMoment{0, 50'000};
-        kernelCall(SYS_nanosleep, argument(&aMoment), 0);
+        sleepFor(std::chrono::microseconds(50));
     }
 }
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <new>
 #include <span>
 #include <string_view>
@@ -117,14 +116,9 @@ class Watch {
     std::chrono::nanoseconds ranBefore{};
 };
 
-void takeNap() {
-    constexpr timespec time{0, std::chrono::nanoseconds(nap).count()};
-    kernelCall(SYS_nanosleep, argument(&time), 0);
-}
-
 /// Sends the signal as soon as it can be taken. `Visited` stands for sent.
 VisitResult send(Watch& watch, const VisitRequest& request) {
-    for (;; takeNap(), watch.look()) {
+    for (;; sleepFor(nap), watch.look()) {
         const Outlook outlook = watch.outlook();
         if (outlook == Outlook::Gone || outlook == Outlook::Never) {
             return outlook == Outlook::Gone ? VisitResult::NoSuchThread : VisitResult::NotAnswering;
@@ -159,7 +153,7 @@ void sleepUntil(PostedRequest& posted, Clock::time_point end, bool isWoken) {
     for (auto now = Clock::now(); now < end && !posted.isAnswered(); now = Clock::now()) {
         const Clock::duration left =
             isWoken ? end - now : std::min<Clock::duration>(end - now, nap);
-        posted.sleep({left.count() / 1'000'000'000, left.count() % 1'000'000'000});
+        posted.sleep(timespecOf(left));
     }
 }
 
