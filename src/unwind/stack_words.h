@@ -86,10 +86,6 @@ class StackWords {
     static constexpr std::uint64_t farthestExtension = 8 * pageSize;
     static constexpr std::size_t windowSize = 256;
 
-    static std::uint64_t pageOf(std::uint64_t address) noexcept {
-        return address & ~(pageSize - 1);
-    }
-
     /// Adds pages above `range` until it reaches `end`. Asks in the middle of two pages, unless
     /// both are not wanted, or the one that is not bars the other.
     bool askUpTo(platform::ReadableRange& range, std::uint64_t end) noexcept {
@@ -97,7 +93,7 @@ class StackWords {
             return false;
         }
         while (range.end < end) {
-            const std::uint64_t next = pageOf(range.end) + pageSize;
+            const std::uint64_t next = platform::pageOf(range.end) + pageSize;
             if (next + pageSize <= stack.end && platform::isReadableNow(next - wordSize / 2)) {
                 range.end = next + pageSize;
             } else if (platform::isReadableNow(next - wordSize)) {
@@ -120,7 +116,7 @@ class StackWords {
         if (address >= known.begin && extendTo(end)) {
             return true;
         }
-        platform::ReadableRange range{pageOf(address), pageOf(address)};
+        platform::ReadableRange range{platform::pageOf(address), platform::pageOf(address)};
         if (!askUpTo(range, end)) {
             return false;
         }
