@@ -1,8 +1,8 @@
 # SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 # SPDX-License-Identifier: MIT
 
-# `cpack` in the build folder makes a .tar.gz of everything and Debian packages: the library, and
-# what programs are built with.
+# `cpack` in the build folder makes a .tar.gz of everything and Debian packages: the library, what
+# programs are built with, and the program thread-utilities where it is built.
 set(CPACK_GENERATOR TGZ)
 set(CPACK_PACKAGE_NAME threadutilities)
 set(CPACK_PACKAGE_VENDOR "The ThreadUtilities authors")
@@ -11,6 +11,9 @@ set(CPACK_RESOURCE_FILE_LICENSE "${PROJECT_SOURCE_DIR}/LICENSE")
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL Runtime Development)
+if(TARGET thread-utilities)
+    list(APPEND CPACK_COMPONENTS_ALL Companion)
+endif()
 
 if(NOT WIN32)
     list(APPEND CPACK_GENERATOR DEB)
@@ -27,5 +30,13 @@ if(NOT WIN32)
     set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION} (headers)")
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
         "libthreadutilities${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
+    # It reads texts, which any release of the library may have written.
+    set(CPACK_DEBIAN_COMPANION_PACKAGE_NAME thread-utilities)
+    set(CPACK_DEBIAN_COMPANION_PACKAGE_SECTION devel)
+    set(CPACK_DEBIAN_COMPANION_DESCRIPTION
+        "Functions, lines and pictures for the reports of ThreadUtilities")
+    set(CPACK_DEBIAN_COMPANION_PACKAGE_SHLIBDEPS ON)
+    # libdw loads it where DEBUGINFOD_URLS is set.
+    set(CPACK_DEBIAN_COMPANION_PACKAGE_RECOMMENDS "libdebuginfod1t64 | libdebuginfod1")
 endif()
 include(CPack)

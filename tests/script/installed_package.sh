@@ -35,6 +35,12 @@ if [[ $kind == deb ]]; then
     grep -qx 'Depends: libthreadutilities1 (= .*)' "$scratch/fields"
     grep -q '^Depends: libc6 (>= ' "$scratch/fields"
     mv "$scratch/first/usr" "$place"
+    if [[ -e $build/companion/thread-utilities ]]; then
+        grep -A 1 -x 'Package: thread-utilities' "$scratch/fields" | grep -q '^Depends: .*libdw1'
+        "$place/bin/thread-utilities" --version
+        test -e "$place/share/man/man1/thread-utilities.1"
+        test -e "$place/share/bash-completion/completions/thread-utilities"
+    fi
 else
     cmake --install "$build" --prefix "$scratch/first"
     if [[ $kind == static ]]; then
