@@ -8,27 +8,11 @@
 #include <vector>
 
 #include "convert/formats.h"
-#include "convert/json_text.h"
+#include "support/json_text.h"
+#include "support/string_table.h"
 
 namespace ThreadUtilities::companion {
 namespace {
-
-/// Texts in the order in which they were first asked for.
-class StringTable {
- public:
-    std::size_t id(std::string_view text) {
-        const auto [known, isNew] = ids.try_emplace(text, texts.size());
-        if (isNew) {
-            texts.push_back(text);
-        }
-        return known->second;
-    }
-    const std::vector<std::string_view>& all() const { return texts; }
-
- private:
-    std::unordered_map<std::string_view, std::size_t> ids;
-    std::vector<std::string_view> texts;
-};
 
 /// The numbers that a thread's tables give to the functions, and to the modules as resources.
 struct Tables {
@@ -73,8 +57,7 @@ class ThreadWriter {
         output << R"(,"markers":{"data":[],"name":[],"startTime":[],"endTime":[],"phase":[],)"
                << R"("category":[],"length":0},"nativeSymbols":{"libIndex":[],"address":[],)"
                << R"("name":[],"functionSize":[],"length":0},"stringArray":)";
-        writeJsonArray(output, tables.strings.all(),
-                       [&](std::string_view text) { output << jsonString(text); });
+        tables.strings.writeJson(output);
         output << '}';
     }
 

@@ -14,7 +14,7 @@
 
 #include "convert/formats.h"
 #include "convert/gzip.h"
-#include "convert/json_text.h"
+#include "support/json_text.h"
 #include "symbols/module_files.h"
 
 namespace ThreadUtilities::companion {

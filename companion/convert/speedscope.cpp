@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "convert/formats.h"
-#include "convert/json_text.h"
+#include "support/json_text.h"
 
 namespace ThreadUtilities::companion {
 namespace {

@@ -1,21 +1,63 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-#include <nlohmann/json.hpp>
+#include <concepts>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "read/report_text.h"
+#include "support/json_text.h"
 
 namespace ThreadUtilities::companion {
 namespace {
 
-using nlohmann::json;
+/// JSON from its first character to its last. Half of the time that a report took went into
+/// documents made to be written and thrown away.
+class JsonLine {
+ public:
+    /// An object, or an array: `begin` is its bracket.
+    JsonLine& open(char begin) {
+        separate();
+        text += begin;
+        return *this;
+    }
+    JsonLine& close(char end) {
+        text += end;
+        return *this;
+    }
+    JsonLine& key(std::string_view name) {
+        string(name);
+        text += ':';
+        return *this;
+    }
+    JsonLine& string(std::string_view value) {
+        separate();
+        appendJsonString(text, value);
+        return *this;
+    }
+    JsonLine& number(std::integral auto value) {
+        separate();
+        text += std::to_string(value);
+        return *this;
+    }
+    JsonLine& null() {
+        separate();
+        text += "null";
+        return *this;
+    }
+    std::string finish() { return std::move(text) + '\n'; }
 
-/// Names may be any bytes; what is no UTF-8 becomes U+FFFD.
-std::string line(const json& value) {
-    return value.dump(-1, ' ', false, json::error_handler_t::replace) + '\n';
-}
+ private:
+    void separate() {
+        if (!text.empty() && std::string_view("[{:").find(text.back()) == std::string_view::npos) {
+            text += ',';
+        }
+    }
+
+    std::string text;
+};
 
 const char* sourceName(NameSource source) {
     switch (source) {
@@ -29,102 +71,112 @@ const char* sourceName(NameSource source) {
     return "none";
 }
 
-json frameJson(FrameId id, const FrameTable& frames, const Symbols& symbols) {
+void addFrame(JsonLine& json, FrameId id, const FrameTable& frames, const Symbols& symbols) {
     const FrameName& name = symbols.name(id);
-    json places = json::array();
-    for (const SourcePlace& place : name.places) {
-        places.push_back(
-            {{"function", place.function}, {"file", place.file}, {"line", place.line}});
-    }
     const Module& module = frames.moduleOf(id);
-    return {{"module", module.fileName},
-            {"offset", frames.frame(id).offset},
-            {"guid", guidText(module.guid)},
-            {"names", std::move(places)},
-            {"source", sourceName(name.source)}};
+    json.open('{').key("module").string(module.fileName);
+    json.key("offset").number(frames.frame(id).offset).key("guid").string(guidText(module.guid));
+    json.key("names").open('[');
+    for (const SourcePlace& place : name.places) {
+        json.open('{').key("function").string(place.function);
+        json.key("file").string(place.file).key("line").number(place.line).close('}');
+    }
+    json.close(']').key("source").string(sourceName(name.source)).close('}');
 }
 
-json stackOf(const std::vector<FrameId>& stack, const FrameTable& frames, const Symbols& symbols) {
-    json result = json::array();
+void addStack(JsonLine& json, const std::vector<FrameId>& stack, const FrameTable& frames,
+              const Symbols& symbols) {
+    json.key("frames").open('[');
     for (const FrameId frame : stack) {
-        result.push_back(frameJson(frame, frames, symbols));
+        addFrame(json, frame, frames, symbols);
     }
-    return result;
+    json.close(']');
+}
+
+/// Calls are rows, [function, parent row, line, samples, own samples]; row 0 is the thread.
+void addCalls(JsonLine& json, const FunctionTree& calls) {
+    json.key("calls").open('[');
+    for (const FunctionNode& node : calls) {
+        json.open('[');
+        if (node.parent == FunctionNode::none) {
+            json.null().null();
+        } else {
+            json.number(node.function).number(node.parent);
+        }
+        json.number(node.line).number(node.total).number(node.self).close(']');
+    }
+    json.close(']');
+}
+
+JsonLine lineOf(std::string_view type) {
+    JsonLine json;
+    json.open('{').key("type").string(type);
+    return json;
 }
 
 }  // namespace
 
-/// Calls as rows, [function, parent row, line, samples, own samples]; row 0 is the thread.
 std::string profileJson(const Profile& profile, const FrameTable& frames, const Symbols& symbols) {
     FunctionTable functions(frames, symbols);
-    json threads = json::array();
+    JsonLine json = lineOf("profile");
+    json.key("line").number(profile.line).key("samples").number(profile.totalSamples);
+    json.key("parallelism").number(profile.parallelism).key("iterations");
+    profile.iterations ? json.number(*profile.iterations) : json.null();
+    json.key("threads").open('[');
     for (const ThreadProfile& thread : profile.threads) {
-        json calls = json::array();
-        for (const FunctionNode& node : functions.treeOf(thread)) {
-            const bool isRoot = node.parent == FunctionNode::none;
-            calls.push_back({isRoot ? json() : json(node.function),
-                             isRoot ? json() : json(node.parent), node.line, node.total,
-                             node.self});
-        }
-        threads.push_back({{"id", thread.id},
-                           {"name", thread.name},
-                           {"samples", thread.samples},
-                           {"calls", std::move(calls)}});
+        json.open('{').key("id").number(thread.id).key("name").string(thread.name);
+        json.key("samples").number(thread.samples);
+        addCalls(json, functions.treeOf(thread));
+        json.close('}');
     }
-    json names = json::array();
+    json.close(']').key("functions").open('[');
     for (FunctionId id = 0; id < functions.size(); ++id) {
         const Function& function = functions.function(id);
-        names.push_back({{"name", function.name},
-                         {"file", function.file},
-                         {"module", function.module},
-                         {"source", sourceName(function.source)}});
+        json.open('{').key("name").string(function.name).key("file").string(function.file);
+        json.key("module").string(function.module);
+        json.key("source").string(sourceName(function.source)).close('}');
     }
-    return line({{"type", "profile"},
-                 {"line", profile.line},
-                 {"samples", profile.totalSamples},
-                 {"iterations", profile.iterations ? json(*profile.iterations) : json()},
-                 {"parallelism", profile.parallelism},
-                 {"functions", std::move(names)},
-                 {"threads", std::move(threads)}});
+    return json.close(']').close('}').finish();
 }
 
 std::string threadsJson(const ThreadReport& report, const FrameTable& frames,
                         const Symbols& symbols) {
-    json threads = json::array();
+    JsonLine json = lineOf("threads");
+    json.key("line").number(report.line).key("threads").open('[');
     for (const ThreadStack& thread : report.threads) {
-        threads.push_back({{"id", thread.id},
-                           {"name", thread.name},
-                           {"frames", stackOf(thread.frames, frames, symbols)}});
+        json.open('{').key("id").string(thread.id).key("name").string(thread.name);
+        addStack(json, thread.frames, frames, symbols);
+        json.close('}');
     }
-    return line({{"type", "threads"}, {"line", report.line}, {"threads", std::move(threads)}});
+    return json.close(']').close('}').finish();
 }
 
 std::string stackJson(const StackText& stack, const FrameTable& frames, const Symbols& symbols) {
-    return line({{"type", "stack"},
-                 {"line", stack.line},
-                 {"before", stack.before},
-                 {"after", stack.after},
-                 {"frames", stackOf(stack.frames, frames, symbols)}});
+    JsonLine json = lineOf("stack");
+    json.key("line").number(stack.line).key("before").string(stack.before);
+    json.key("after").string(stack.after);
+    addStack(json, stack.frames, frames, symbols);
+    return json.close('}').finish();
 }
 
 std::string symbolsJson(const FrameTable& frames, const Symbols& symbols) {
-    json modules = json::array();
+    JsonLine json = lineOf("symbols");
+    json.key("modules").open('[');
     for (ModuleId id = 1; id < frames.moduleCount(); ++id) {
         const ModuleSymbols& module = symbols.module(id);
-        modules.push_back({{"name", module.name},
-                           {"guid", guidText(frames.module(id).guid)},
-                           {"file", module.file.string()},
-                           {"debugFile", module.debugFile.string()},
-                           {"frames", module.frames},
-                           {"named", module.named},
-                           {"namedByDynamicSymbols", module.namedByDynamicSymbols},
-                           {"missing", module.missing}});
+        json.open('{').key("name").string(module.name);
+        json.key("guid").string(guidText(frames.module(id).guid));
+        json.key("file").string(module.file.string());
+        json.key("debugFile").string(module.debugFile.string());
+        json.key("frames").number(module.frames).key("named").number(module.named);
+        json.key("namedByDynamicSymbols").number(module.namedByDynamicSymbols);
+        json.key("missing").string(module.missing).close('}');
     }
-    return line({{"type", "symbols"}, {"modules", std::move(modules)}});
+    return json.close(']').close('}').finish();
 }
 
 std::string textJson(std::string_view text) {
-    return line({{"type", "text"}, {"text", text}});
+    return lineOf("text").key("text").string(text).close('}').finish();
 }
 
 }  // namespace ThreadUtilities::companion

@@ -3,32 +3,12 @@
 
 #include "views/page.h"
 
-#include <unordered_map>
-
-#include "convert/json_text.h"
+#include "support/json_text.h"
+#include "support/string_table.h"
 #include "views/page_text.h"
 
 namespace ThreadUtilities::companion {
 namespace {
-
-/// Texts that many functions share, each written once.
-class TextList {
- public:
-    std::size_t id(std::string_view text) {
-        const auto [known, isNew] = ids.try_emplace(text, texts.size());
-        if (isNew) {
-            texts.push_back(text);
-        }
-        return known->second;
-    }
-    void write(std::ostream& output) const {
-        writeJsonArray(output, texts, [&](std::string_view text) { output << jsonString(text); });
-    }
-
- private:
-    std::unordered_map<std::string_view, std::size_t> ids;
-    std::vector<std::string_view> texts;
-};
 
 std::string_view sourceText(NameSource source) {
     switch (source) {
@@ -75,20 +55,21 @@ void PageWriter::addThread(std::string_view name, const PageTree& tree) {
 }
 
 void PageWriter::finish(std::span<const Function> functions) {
-    TextList names;
-    TextList files;
-    TextList modules;
+    // Texts that many functions share, each written once.
+    StringTable names;
+    StringTable files;
+    StringTable modules;
     output << "],\n\"functions\":";
     writeJsonArray(output, functions, [&](const Function& function) {
         output << '[' << names.id(function.name) << ',' << files.id(function.file) << ','
                << modules.id(function.module) << ",\"" << sourceText(function.source) << "\"]";
     });
     output << ",\n\"names\":";
-    names.write(output);
+    names.writeJson(output);
     output << ",\n\"files\":";
-    files.write(output);
+    files.writeJson(output);
     output << ",\n\"modules\":";
-    modules.write(output);
+    modules.writeJson(output);
     output << '}' << pageBehindData;
 }
 

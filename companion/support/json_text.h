@@ -14,7 +14,10 @@
 
 namespace ThreadUtilities::companion {
 
-/// With quotes. What is no UTF-8 becomes U+FFFD. `<` is written as \u003c, so that the text may
+/// With quotes. What is no UTF-8 becomes U+FFFD.
+void appendJsonString(std::string& output, std::string_view text);
+
+/// The same where `<` is written as \u003c, so that the text may
 /// stand in a script of a page.
 std::string jsonString(std::string_view text);
 
