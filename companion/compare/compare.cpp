@@ -134,7 +134,7 @@ int runCompare(const CompareOptions& options) {
     Difference difference(before, after);
     if (options.html.empty()) {
         writeText(difference, before, after, options.all);
-        std::cout.flush();
+        OutputFile("-").commit();
     } else {
         writePicture(difference, before, after, options.html);
     }

@@ -160,12 +160,13 @@ class PprofWriter {
         const std::pair key(text(name), text(file));
         const auto [known, isNew] = functionIds.try_emplace(
             std::to_string(key.first) + '/' + std::to_string(key.second), functionIds.size() + 1);
+        const std::uint64_t id = known->second;
         protozero::pbf_writer entry(location, location_field::line);
-        entry.add_uint64(line_field::functionId, known->second);
+        entry.add_uint64(line_field::functionId, id);
         entry.add_int64(line_field::line, line);
         if (isNew) {
             message(profile_field::function, [&](protozero::pbf_writer& function) {
-                function.add_uint64(function_field::id, known->second);
+                function.add_uint64(function_field::id, id);
                 function.add_int64(function_field::name, key.first);
                 function.add_int64(function_field::systemName, key.first);
                 function.add_int64(function_field::fileName, key.second);

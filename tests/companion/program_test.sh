@@ -16,7 +16,9 @@ expect() {
     shift 3
     "$@" >"$scratch/out" 2>"$scratch/err" </dev/null
     local got=$?
-    if [[ $got -ne $status ]] || ! grep -q -- "$pattern" "$scratch/err"; then
+    # Bad input gets one line; what is said of a report's modules may take more.
+    if [[ $got -ne $status ]] || ! grep -q -- "$pattern" "$scratch/err" ||
+        [[ $status -eq 2 && $(grep -c '^thread-utilities' "$scratch/err") -gt 2 ]]; then
         echo "$what: status $got, not $status, or no \"$pattern\" in:" >&2
         cat "$scratch/err" >&2
         failures=1
@@ -40,6 +42,26 @@ expect "no such option" 2 'nonsense' "$program" read --nonsense
 expect "full disk" 2 'No space left' bash -c '"$0" read "$1" >/dev/full' "$program" "$scratch/whole"
 # A filter: what is no report comes out as it went in.
 "$program" read "$scratch/log" 2>/dev/null | cmp - "$scratch/log" || failures=1
+
+# The same of the other commands, and of either file of two.
+out=$scratch/out.html
+for bad in none . log half; do
+    case $bad in
+        none) pattern='No such file' ;;
+        .) pattern='folder' ;;
+        half) pattern='line 6' ;;
+        *) pattern='no report' ;;
+    esac
+    expect "convert $bad" 2 "$pattern" "$program" convert "$scratch/$bad" -o "$out"
+    expect "compare $bad" 2 "$pattern" "$program" compare "$scratch/$bad" "$scratch/whole"
+    expect "compare with $bad" 2 "$pattern" "$program" compare "$scratch/whole" "$scratch/$bad" \
+        --html "$out"
+done
+[[ ! -e $out ]] || { echo "a page of nothing" >&2; failures=1; }
+expect "compare, full disk" 2 'No space left' bash -c '"$0" compare "$1" "$1" >/dev/full' \
+    "$program" "$scratch/whole"
+expect "compare, a folder as page" 2 'directory' \
+    "$program" compare "$scratch/whole" "$scratch/whole" --html "$scratch"
 
 expect "no format" 2 'which format' "$program" convert "$scratch/whole" -o "$scratch/page"
 expect "no place" 2 'No such file' "$program" convert "$scratch/whole" -o "$scratch/none/a.html"
