@@ -17,6 +17,8 @@
 #include <system_error>
 #include <utility>
 
+#include "symbols/windows_files.h"
+
 namespace ThreadUtilities::companion {
 namespace {
 
@@ -130,6 +132,12 @@ std::optional<ElfIdentity> identify(const fs::path& file) {
     return identity;
 }
 
+void ModuleFiles::refuse(const fs::path& file, const Module& module, const std::string& id,
+                         const std::string& wanted) {
+    refusals.push_back(file.string() + ": has id " + id + ", the report's " + module.fileName +
+                       " has " + wanted + ": not used");
+}
+
 /// True where nothing better can come.
 bool ModuleFiles::consider(const fs::path& file, const Module& module, bool isNamedByUser) {
     const auto identity = identify(file);
@@ -138,10 +146,8 @@ bool ModuleFiles::consider(const fs::path& file, const Module& module, bool isNa
     }
     if (!identity->matches(module.guid)) {
         if (isNamedByUser) {
-            refusals.push_back(file.string() + ": has build-id " +
-                               (identity->buildId.empty() ? "(none)" : identity->text()) +
-                               ", the report's " + module.fileName + " has " +
-                               buildIdText(module.guid) + "...: not used");
+            refuse(file, module, identity->buildId.empty() ? "(none)" : identity->text(),
+                   buildIdText(module.guid) + "...");
         }
         return false;
     }
@@ -269,6 +275,49 @@ std::optional<ModuleFiles::Found> ModuleFiles::find(const Module& module) {
         considerSystem(module);
     }
     return best;
+}
+
+std::optional<ModuleFiles::FoundWindows> ModuleFiles::considerWindows(const fs::path& file,
+                                                                      const Module& module) {
+    const auto identity = identifyWindowsModule(file);
+    if (!identity) {
+        return std::nullopt;
+    }
+    if (identity->guid != module.guid) {
+        refuse(file, module, guidText(identity->guid), guidText(module.guid));
+        return std::nullopt;
+    }
+    FoundWindows found = {file, {}, identity->hasDwarf};
+    const std::string name = identity->pdb.substr(identity->pdb.find_last_of("/\\") + 1);
+    // The places in which llvm-symbolizer looks, in its order: it does not compare the GUID.
+    for (const fs::path& pdb : {fs::path(identity->pdb), file.parent_path() / name}) {
+        if (name.empty() || !isRegularFile(pdb)) {
+            continue;
+        }
+        const auto guid = guidOfPdb(pdb);
+        if (guid == module.guid) {
+            found.pdb = pdb;
+            return found;
+        }
+        refuse(pdb, module, guid ? guidText(*guid) : "(none)", guidText(module.guid));
+        return std::nullopt;
+    }
+    return found;
+}
+
+std::optional<ModuleFiles::FoundWindows> ModuleFiles::findWindows(const Module& module) {
+    if (module.guid == nilGuid) {
+        return std::nullopt;
+    }
+    for (const fs::path& folder : options.folders) {
+        const auto [first, last] = filesBelow(folder).equal_range(module.fileName);
+        for (auto file = first; file != last; ++file) {
+            if (const auto found = considerWindows(file->second, module)) {
+                return found;
+            }
+        }
+    }
+    return std::nullopt;
 }
 
 }  // namespace ThreadUtilities::companion

@@ -44,6 +44,16 @@ class ModuleFiles {
     /// The first file with the module's id that has debug information; else the first with its id.
     std::optional<Found> find(const Module& module);
 
+    struct FoundWindows {
+        std::filesystem::path file;
+        /// Beside it, or where the linker put it; empty without one.
+        std::filesystem::path pdb;
+        bool hasDwarf = false;
+    };
+
+    /// A module of Windows, by its GUID, in the folders given.
+    std::optional<FoundWindows> findWindows(const Module& module);
+
     /// Files with a module's name and another id, each with the reason in one line.
     const std::vector<std::string>& refused() const { return refusals; }
 
@@ -56,6 +66,10 @@ class ModuleFiles {
     bool considerUserFolder(const std::filesystem::path& folder, const Module& module);
     bool considerProcess(const Module& module);
     bool considerSystem(const Module& module);
+    void refuse(const std::filesystem::path& file, const Module& module, const std::string& id,
+                const std::string& wanted);
+    std::optional<FoundWindows> considerWindows(const std::filesystem::path& file,
+                                                const Module& module);
     const FilesByName& filesBelow(const std::filesystem::path& folder);
 
     const SymbolOptions& options;

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "symbols/debug_information.h"
+#include "symbols/llvm_symbolizer.h"
 #include "symbols/module_files.h"
 #include "symbols/progress.h"
 
@@ -37,13 +38,15 @@ bool hasServer() {
 
 std::string missingFile(const Module& module) {
     if (module.guid == nilGuid) {
-        return "it has no build-id (link it with --build-id)";
+        return isWindowsModule(module.fileName) ? "it has no GUID"
+                                                : "it has no build-id (link it with --build-id)";
     }
     if (module.fileName == kernelImage) {
         return "the kernel's own code has no file";
     }
     if (isWindowsModule(module.fileName)) {
-        return "a module of Windows: --symbols with the folder of the DLL or PDB " +
+        return "a module of Windows: --symbols with the folder of the file (and its PDB) with "
+               "GUID " +
                guidText(module.guid);
     }
     return "no file here has build-id " + buildIdText(module.guid) +
@@ -119,6 +122,10 @@ DebugInformation* Symbols::openModule(const Module& module, ModuleId id) {
 }
 
 void Symbols::resolveModule(const FrameTable& frames, ModuleId id, std::vector<FrameId> wanted) {
+    if (isWindowsModule(frames.module(id).fileName)) {
+        resolveWindowsModule(frames, id, wanted);
+        return;
+    }
     DebugInformation* const information = openModule(frames.module(id), id);
     ModuleSymbols& result = modules[id];
     result.frames += wanted.size();
@@ -135,6 +142,67 @@ void Symbols::resolveModule(const FrameTable& frames, ModuleId id, std::vector<F
         names[frame] = information->nameAt(offset == 0 ? 0 : offset - 1);
         result.named += names[frame].places.empty() ? 0 : 1;
         result.namedByDynamicSymbols += names[frame].source == NameSource::dynamicSymbols ? 1 : 0;
+        progress->step();
+    }
+    if (result.named < result.frames && result.missing.empty()) {
+        result.missing = "its debug information does not cover them";
+    }
+}
+
+const std::filesystem::path& Symbols::openWindowsModule(const Module& module, ModuleId id) {
+    OpenModule& open = openModules[id];
+    if (open.isSearched) {
+        return open.windowsFile;
+    }
+    open.isSearched = true;
+    ModuleSymbols& result = modules[id];
+    result.name = module.fileName;
+    const auto found = files->findWindows(module);
+    if (!found) {
+        result.missing = missingFile(module);
+        return open.windowsFile;
+    }
+    if (!llvmSymbolizer) {
+        llvmSymbolizer = findLlvmSymbolizer().value_or(std::filesystem::path());
+    }
+    result.file = found->file;
+    result.debugFile = found->pdb;
+    if (llvmSymbolizer->empty()) {
+        result.missing = "llvm-symbolizer reads its names: install the package llvm";
+    } else {
+        open.windowsFile = found->file;
+        if (!found->hasDwarf && found->pdb.empty()) {
+            result.missing = "its PDB is not beside " + found->file.string();
+        }
+    }
+    return open.windowsFile;
+}
+
+/// By another program, which is asked for all offsets at once.
+void Symbols::resolveWindowsModule(const FrameTable& frames, ModuleId id,
+                                   const std::vector<FrameId>& wanted) {
+    const std::filesystem::path& file = openWindowsModule(frames.module(id), id);
+    ModuleSymbols& result = modules[id];
+    result.frames += wanted.size();
+    if (file.empty()) {
+        return;
+    }
+    std::vector<std::uint64_t> offsets;
+    for (const FrameId frame : wanted) {
+        const std::uint64_t offset = frames.frame(frame).offset;
+        offsets.push_back(offset == 0 ? 0 : offset - 1);
+    }
+    const auto answers = namesByLlvm(*llvmSymbolizer, file, offsets, options.shortNames,
+                                     [this](std::string text) { return keep(std::move(text)); });
+    if (!answers) {
+        result.missing = llvmSymbolizer->string() + " does not read " + file.string();
+        return;
+    }
+    for (std::size_t index = 0; index < wanted.size(); ++index) {
+        FrameName& name = names[wanted[index]];
+        name = (*answers)[index];
+        result.named += name.places.empty() ? 0 : 1;
+        result.namedByDynamicSymbols += name.source == NameSource::dynamicSymbols ? 1 : 0;
         progress->step();
     }
     if (result.named < result.frames && result.missing.empty()) {

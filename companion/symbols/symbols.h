@@ -94,14 +94,20 @@ class Symbols {
     struct OpenModule {
         bool isSearched = false;
         std::unique_ptr<DebugInformation> information;
+        /// Of a module of Windows: what llvm-symbolizer is asked for; empty if nothing.
+        std::filesystem::path windowsFile;
     };
 
     DebugInformation* openModule(const Module& module, ModuleId id);
+    const std::filesystem::path& openWindowsModule(const Module& module, ModuleId id);
+    void resolveWindowsModule(const FrameTable& frames, ModuleId id,
+                              const std::vector<FrameId>& wanted);
     void resolveModule(const FrameTable& frames, ModuleId id, std::vector<FrameId> wanted);
     std::string_view keep(std::string text);
 
     SymbolOptions options;
     std::unique_ptr<ModuleFiles> files;
+    std::optional<std::filesystem::path> llvmSymbolizer;
     std::unique_ptr<Progress> progress;
     std::vector<FrameName> names;
     std::vector<ModuleSymbols> modules;
