@@ -24,7 +24,11 @@ target_link_libraries(thread_utilities_build INTERFACE thread_utilities_options)
 target_include_directories(thread_utilities_build INTERFACE
     "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/include")
 target_compile_options(thread_utilities_build INTERFACE
-    -fPIC -fvisibility=hidden -fvisibility-inlines-hidden)
+    -fPIC -fvisibility=hidden -fvisibility-inlines-hidden
+    # Whatever the including project leaves out of its own code.
+    -fexceptions -frtti
+    # The archive's one object is for any compiler's programs, and is made without a compiler's help.
+    $<$<NOT:$<BOOL:${BUILD_SHARED_LIBS}>>:-fno-lto>)
 target_compile_definitions(thread_utilities_build INTERFACE THREAD_UTILITIES_BUILDING
     $<$<NOT:$<BOOL:${BUILD_SHARED_LIBS}>>:THREAD_UTILITIES_STATIC>)
 
@@ -37,8 +41,7 @@ function(add_family name)
     # Each source has its own unnamed namespace, whatever the including project does with its own.
     set_target_properties(thread_utilities_${name} PROPERTIES UNITY_BUILD OFF)
     if(NOT arg_VARIANT)
-        set_property(GLOBAL APPEND PROPERTY THREAD_UTILITIES_OBJECTS
-            $<TARGET_OBJECTS:thread_utilities_${name}>)
+        set_property(GLOBAL APPEND PROPERTY THREAD_UTILITIES_FAMILIES thread_utilities_${name})
     endif()
 endfunction()
 

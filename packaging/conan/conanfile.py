@@ -38,7 +38,9 @@ class ThreadUtilitiesConan(ConanFile):
     def build(self):
         cmake = CMake(self)
         cmake.configure(
-            variables={"THREAD_UTILITIES_TESTS": "OFF", "THREAD_UTILITIES_EXAMPLES": "OFF"}
+            variables={
+                f"THREAD_UTILITIES_{part}": "OFF" for part in ("TESTS", "EXAMPLES", "COMPANION")
+            }
         )
         cmake.build()
 

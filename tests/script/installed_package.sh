@@ -44,9 +44,12 @@ if [[ $kind == deb ]]; then
 else
     cmake --install "$build" --prefix "$scratch/first"
     if [[ $kind == static ]]; then
-        cmake -G Ninja -S "$source" -B "$scratch/library" -DCMAKE_CXX_COMPILER="$compiler" \
+        # Makefiles, where they are: CMake's own choice, and stricter about what depends on what.
+        generator='Unix Makefiles'
+        command -v make >/dev/null || generator=Ninja
+        cmake -G "$generator" -S "$source" -B "$scratch/library" -DCMAKE_CXX_COMPILER="$compiler" \
             -DCMAKE_BUILD_TYPE= -DBUILD_SHARED_LIBS=OFF -DTHREAD_UTILITIES_TESTS=OFF \
-            -DTHREAD_UTILITIES_EXAMPLES=OFF
+            -DTHREAD_UTILITIES_EXAMPLES=OFF -DTHREAD_UTILITIES_COMPANION=OFF
         cmake --build "$scratch/library" -j 2
         cmake --install "$scratch/library" --prefix "$scratch/first"
     fi
@@ -71,7 +74,7 @@ by_cmake() {
     "$folder/consumer"
 }
 
-# compile SOURCE PROGRAM [OPTION...]: as somebody does by hand.
+# compile SOURCE PROGRAM [SOURCE_OR_OPTION...]: as somebody does by hand.
 compile() {
     local input=$1 output=$2 flags
     shift 2
@@ -119,6 +122,12 @@ esac
 echo "--- by pkg-config"
 compile "$source/tests/consumer/main.cpp" "$scratch/by_pkg_config"
 "$scratch/by_pkg_config"
+
+if [[ $kind == static ]]; then
+    compile "$source/tests/consumer/main.cpp" "$scratch/own_pthread_create" \
+        "'$source/tests/consumer/own_pthread_create.cpp'"
+    "$scratch/own_pthread_create"
+fi
 
 echo "--- the example of the README"
 sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$source/README.md" >"$scratch/example.cpp"

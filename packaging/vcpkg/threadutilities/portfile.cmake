@@ -8,6 +8,7 @@ vcpkg_cmake_configure(
     SOURCE_PATH "${SOURCE_PATH}"
     OPTIONS
         -DTHREAD_UTILITIES_TESTS=OFF
+        -DTHREAD_UTILITIES_COMPANION=OFF
         -DTHREAD_UTILITIES_EXAMPLES=OFF)
 vcpkg_cmake_install()
 vcpkg_cmake_config_fixup(PACKAGE_NAME ThreadUtilities CONFIG_PATH lib/cmake/ThreadUtilities)

@@ -35,6 +35,12 @@ __attribute__((weak)) int __pthread_create(pthread_t*, const pthread_attr_t*, vo
 }
 
 #if defined(THREAD_UTILITIES_STATIC)
+// In a program that has such a function already, its own or a sanitizer's, that one stays.
+extern "C" {
+__attribute__((weak)) decltype(pthread_create) pthread_create;
+__attribute__((weak)) decltype(thrd_create) thrd_create;
+}
+
 namespace {
 
 // A weak reference takes no member out of an archive. This function calls `__pthread_create` too,
