@@ -11,6 +11,7 @@
 #include "unwind/compiled_rule.h"
 #include "unwind/full_step.h"
 #include "unwind/known_crossings.h"
+#include "unwind/known_paths.h"
 #include "unwind/predicted_step.h"
 #include "unwind/rule_cache.h"
 #include "unwind/stack_words.h"
@@ -21,9 +22,9 @@ namespace ThreadUtilities::cfi {
 
 /// The unwinder that `walkStack` drives.
 ///
-/// Most steps are made by a cached rule, found where the frame before predicted it, and change
-/// nothing but the position: `stepAhead` makes these in a loop that keeps the position in processor
-/// registers, and `step` all others.
+/// Most steps are made by a known path, several at a time, or by a cached rule, found where the frame
+/// before predicted it. Both change nothing but the position: `stepAhead` makes these in a loop that
+/// keeps the position in processor registers, and `step` all others.
 class CfiUnwinder {
  public:
     enum class Keeps {
@@ -33,11 +34,13 @@ class CfiUnwinder {
 
     /// The stack's words stand `shift` away from their addresses. Without `knownCrossings` each
     /// page is asked for.
-    CfiUnwinder(RuleCache& ruleCache, Keeps keeps, StackWords& stackWords, std::uint64_t shift,
-                KnownCrossings* knownCrossings, WalkState& walkState) noexcept
+    CfiUnwinder(RuleCache& ruleCache, KnownPaths& knownPaths, Keeps keeps, StackWords& stackWords,
+                std::uint64_t shift, KnownCrossings* knownCrossings, WalkState& walkState) noexcept
         : cache(ruleCache),
+          paths(knownPaths),
           crossings(knownCrossings),
           state(walkState),
+          stack(stackWords),
           usesCache(keeps == Keeps::FramePointer),
           permanentIdentity(orNone(platform::permanentIdentity())),
           readableEnd(stackWords.readableEnd()),
@@ -95,17 +98,43 @@ class CfiUnwinder {
         return made;
     }
 
-    /// The steps by predicted rules that need no more of the stack than is known to be readable.
-    /// Where one leads is checked when the next is made: only true return addresses have rules.
+    /// The steps by known paths and predicted rules, up to the end of the stack, where the
+    /// instruction pointer is 0 then. Where one leads is checked when the next is made: only true
+    /// return addresses have rules.
     /// Not inlined: the position of a walk needs all of the processor's registers.
     [[gnu::noinline]] std::size_t stepAhead(unsigned long long* frames, std::size_t room) noexcept {
         Position position = at;
         unsigned long long* next = frames;
         unsigned long long* const end = frames + room;
-        // Stored before the position changes: so no register keeps the old one.
-        const auto store = [&next](std::uint64_t arrivedAt) { *next++ = arrivedAt; };
-        while (next != end && cfi::stepByPredictedRule(cache, readableEnd, stackShift, position,
-                                                       store) == Prediction::Made) {
+        const bool hasPaths =
+            position.identity == permanentIdentity && permanentIdentity != RuleCache::noIdentity;
+        bool goesOn = true;
+        while (goesOn && next != end) {
+            if (hasPaths && followPaths(position, next, end) == KnownPaths::Outcome::Unknown) {
+                at = position;
+                const std::size_t made = learnPath(next);
+                position = at;
+                next += made;
+                goesOn = made != 0;
+                continue;
+            }
+            Prediction prediction = Prediction::Made;
+            // Stored before the position changes: so no register keeps the old one.
+            const auto store = [&](std::uint64_t arrivedAt, CompiledRule) { *next++ = arrivedAt; };
+            do {
+                if (next == end) {
+                    break;
+                }
+                prediction =
+                    cfi::stepByPredictedRule(cache, readableEnd, stackShift, position, store);
+            } while (prediction == Prediction::Made && !hasPaths);
+            goesOn = prediction == Prediction::Made;
+            if (prediction == Prediction::EndOfStack) {
+                *next++ = std::exchange(position.instructionPointer, 0);
+            } else if (prediction == Prediction::Beyond) {
+                at = position;
+                goesOn = reachFarther();
+            }
         }
         at = position;
         return static_cast<std::size_t>(next - frames);
@@ -114,11 +143,11 @@ class CfiUnwinder {
     [[gnu::noinline]] StepResult step(StackWords& words) noexcept {
         Prediction outcome = stepByPredictedRule();
         if (outcome == Prediction::Beyond) {
-            outcome = stepFarther(words);
+            outcome = stepFarther();
         } else if (outcome == Prediction::Missed && at.identity != RuleCache::noIdentity) {
             outcome = stepInOtherModule();
             if (outcome == Prediction::Beyond) {
-                outcome = stepFarther(words);
+                outcome = stepFarther();
             }
         }
         if (outcome == Prediction::Made) {
@@ -143,19 +172,67 @@ class CfiUnwinder {
 
  private:
     Prediction stepByPredictedRule() noexcept {
-        return cfi::stepByPredictedRule(cache, readableEnd, stackShift, at, [](std::uint64_t) {});
+        return cfi::stepByPredictedRule(cache, readableEnd, stackShift, at,
+                                        [](std::uint64_t, CompiledRule) {});
     }
 
-    // Each extension makes more of the stack readable, so a rule needs no more than two: for a base
-    // that lies beyond, and for the CFA above it.
-    Prediction stepFarther(StackWords& words) noexcept {
-        Prediction outcome = Prediction::Beyond;
-        while (outcome == Prediction::Beyond) {
-            const std::uint64_t end = reach(cache, crossings, words, at);
-            if (end == readableEnd) {
+    /// The steps by known paths, one path after the other. `Unknown` where a path can be learned.
+    [[gnu::always_inline]] KnownPaths::Outcome followPaths(Position& position,
+                                                           unsigned long long*& next,
+                                                           unsigned long long* end) const noexcept {
+        constexpr std::ptrdiff_t pathLength = KnownPaths::length;
+        const unsigned long long* const from = next;
+        auto outcome = KnownPaths::Outcome::Followed;
+        while (outcome == KnownPaths::Outcome::Followed && end - next >= pathLength) {
+            outcome = paths.follow(readableEnd, stackShift, position, next);
+        }
+        if (next != from) {
+            position.predicted = cache.latest(position.instructionPointer - 1);
+            position.previous = RuleCache::noSlot;
+        }
+        return outcome;
+    }
+
+    /// Steps by predicted rules, up to as many as a path has, that become the path from here.
+    /// Returns how many were made.
+    [[gnu::noinline]] std::size_t learnPath(unsigned long long* frames) noexcept {
+        KnownPaths::Steps steps;
+        steps.begin = at.instructionPointer;
+        steps.stackPointer = at.stackPointer;
+        std::size_t made = 0;
+        CompiledRule rule;
+        const auto store = [&](std::uint64_t arrivedAt, CompiledRule by) {
+            frames[made++] = arrivedAt;
+            rule = by;
+        };
+        Prediction outcome = Prediction::Made;
+        while (made != KnownPaths::length) {
+            const Position from = at;
+            outcome = cfi::stepByPredictedRule(cache, readableEnd, stackShift, at, store);
+            const bool goesOn = outcome == Prediction::Made
+                                    ? KnownPaths::add(steps, rule, from, at)
+                                    : outcome == Prediction::Beyond && reachFarther();
+            if (!goesOn) {
                 break;
             }
-            readableEnd = end;
+        }
+        if (outcome == Prediction::EndOfStack || (made != 0 && outcome != Prediction::Beyond)) {
+            paths.learn(steps);
+        }
+        return made;
+    }
+
+    /// Whether more of the stack is readable now for the predicted rule. It needs that no more than
+    /// twice: for a base that lies beyond, and for the CFA above it.
+    bool reachFarther() noexcept {
+        const std::uint64_t before = readableEnd;
+        readableEnd = reach(cache, crossings, stack, at);
+        return readableEnd != before;
+    }
+
+    Prediction stepFarther() noexcept {
+        Prediction outcome = Prediction::Beyond;
+        while (outcome == Prediction::Beyond && reachFarther()) {
             outcome = stepByPredictedRule();
         }
         return outcome;
@@ -179,8 +256,10 @@ class CfiUnwinder {
     }
 
     RuleCache& cache;
+    KnownPaths& paths;
     KnownCrossings* const crossings;
     WalkState& state;
+    StackWords& stack;
     const bool usesCache;
     const std::uint64_t permanentIdentity;
     std::uint64_t readableEnd;  ///< of the stack, from the stack pointer on

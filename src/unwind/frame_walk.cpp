@@ -19,6 +19,7 @@ namespace ThreadUtilities {
 namespace {
 
 constinit cfi::RuleCache ruleCache;
+constinit cfi::KnownPaths knownPaths;
 constinit cfi::KnownCrossings knownCrossings;
 
 using Keeps = cfi::CfiUnwinder::Keeps;
@@ -47,7 +48,7 @@ template <Keeps keeps>
 [[gnu::noinline]] Walk walk(const Start& start, cfi::TableCopies* copies, StackWords& words,
                             unsigned long long* frames, std::size_t maxFrames) noexcept {
     cfi::WalkState state(start.registers, start.knownRegisters, start.mayCallSystem, copies);
-    cfi::CfiUnwinder unwinder(ruleCache, keeps, words, start.stackShift,
+    cfi::CfiUnwinder unwinder(ruleCache, knownPaths, keeps, words, start.stackShift,
                               start.isOwn ? &knownCrossings : nullptr, state);
     if (start.isOwn && keeps == Keeps::FramePointer) {
         unwinder.startAsCaller();

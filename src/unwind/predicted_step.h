@@ -22,7 +22,7 @@ enum class Prediction {
     Missed,      ///< or not to be followed without more checks; nothing has changed
 };
 
-/// `leave` is called with the instruction pointer that a step is made from.
+/// `leave` is called with the instruction pointer that a step is made from, and its rule.
 template <class Leave>
 [[gnu::always_inline]] inline Prediction stepByPredictedRule(const RuleCache& cache,
                                                              std::uint64_t readableEnd,
@@ -54,7 +54,7 @@ template <class Leave>
     if (cfa > readableEnd) [[unlikely]] {
         return Prediction::Beyond;
     }
-    leave(at.instructionPointer);
+    leave(at.instructionPointer, rule);
     const std::uint64_t saved = StackWords::load(cfa - rule.framePointerDistance() + stackShift);
     at.framePointer = rule.savesFramePointer() ? saved : at.framePointer;
     at.instructionPointer = StackWords::load(cfa - 8 + stackShift);

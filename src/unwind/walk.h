@@ -103,7 +103,8 @@ inline WalkEnd leaveInnermost(Unwinder& unwinder, Words& words, unsigned& stackC
 /// may have
 ///   std::size_t stepAhead(frames, room)   makes steps of which nothing needs to be checked, each
 ///                                         to a higher stack pointer, and stores where each began;
-///                                         returns how many
+///                                         returns how many. From the outermost frame the step
+///                                         leads to a program counter of 0
 ///   bool stepByCode(words, stackPointer)  makes the step that led to `stackPointer` and to no
 ///                                         return address in another way, if it can
 /// and `words.read(address, word)` is false where memory cannot be read.

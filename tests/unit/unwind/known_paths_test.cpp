@@ -1,0 +1,119 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "unwind/known_paths.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "unwind/compiled_rule.h"
+#include "unwind/walk_state.h"
+
+namespace ThreadUtilities::cfi {
+namespace {
+
+/// Three frames of a stack whose words lie apart from their addresses: two that are addressed by
+/// the stack pointer, the second of which saved the frame pointer, and one by the frame pointer.
+class KnownPath : public testing::Test {
+ protected:
+    static constexpr std::uint64_t stackBegin = 0x10000;
+    static constexpr std::uint64_t start = 0x401000;
+
+    std::uint64_t shift() const {
+        return reinterpret_cast<std::uint64_t>(words.data()) - stackBegin;
+    }
+
+    static CompiledRule rule(std::uint8_t base, std::int64_t offset, std::int64_t saved) {
+        UnwindRow row;
+        row.cfa = {false, base, offset, nullptr};
+        row.registers[platform::Rip] = {RegisterRule::Kind::AtOffset, -8};
+        if (saved != 0) {
+            row.registers[platform::Rbp] = {RegisterRule::Kind::AtOffset, saved};
+        }
+        return CompiledRule::of(row, platform::Rip);
+    }
+
+    static Position at(std::uint64_t address, std::uint64_t stackPointer,
+                       std::uint64_t framePointer) {
+        Position position;
+        position.instructionPointer = address;
+        position.stackPointer = stackPointer;
+        position.framePointer = framePointer;
+        return position;
+    }
+
+    void SetUp() override {
+        KnownPaths::Steps steps;
+        steps.begin = start;
+        steps.stackPointer = stackBegin;
+        const Position first = at(start, stackBegin, 7);
+        const Position second = at(0x402000, stackBegin + 0x10, 7);
+        const Position third = at(0x403000, stackBegin + 0x30, stackBegin + 0x40);
+        const Position end = at(0x404000, stackBegin + 0x50, 9);
+        ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rsp, 0x10, 0), first, second));
+        ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rsp, 0x20, -16), second, third));
+        ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rbp, 0x10, -16), third, end));
+        paths->learn(steps);
+    }
+
+    /// Follows the path, and returns where that leads.
+    Position follow(std::size_t readableWords, std::vector<unsigned long long> expected) {
+        Position position = at(start, stackBegin, 7);
+        unsigned long long frames[KnownPaths::length] = {};
+        unsigned long long* next = frames;
+        const auto outcome = paths->follow(stackBegin + 8 * readableWords, shift(), position, next);
+        EXPECT_EQ(outcome == KnownPaths::Outcome::Followed, !expected.empty());
+        EXPECT_EQ(std::vector<unsigned long long>(frames, next), expected);
+        EXPECT_EQ(*next, 0) << "nothing is stored behind what counts";
+        return position;
+    }
+
+    std::unique_ptr<KnownPaths> paths = std::make_unique<KnownPaths>();
+    std::vector<std::uint64_t> words{1,        0x402000, 2, 3, stackBegin + 0x40,
+                                     0x403000, 4,        5, 9, 0x404000};
+};
+
+TEST_F(KnownPath, IsFollowedAsFarAsTheStackAgrees) {
+    const Position whole = follow(10, {start, 0x402000, 0x403000});
+    EXPECT_EQ(whole.instructionPointer, 0x404000);
+    EXPECT_EQ(whole.stackPointer, stackBegin + 0x50);
+    EXPECT_EQ(whole.framePointer, 9);
+
+    words[9] = 0x405000;  // another caller; the frame pointer is what the second frame saved
+    const Position part = follow(10, {start, 0x402000});
+    EXPECT_EQ(part.instructionPointer, 0x403000);
+    EXPECT_EQ(part.stackPointer, stackBegin + 0x30);
+    EXPECT_EQ(part.framePointer, stackBegin + 0x40);
+
+    words[1] = 0x405000;
+    EXPECT_EQ(follow(10, {}).framePointer, 7);
+}
+
+// A frame of variable size, or a damaged chain: the return address at the old place is a stale one.
+TEST_F(KnownPath, EndsWhereTheFramePointerIsAnotherOne) {
+    words[4] += 8;
+    EXPECT_EQ(follow(10, {start, 0x402000}).framePointer, stackBegin + 0x48);
+}
+
+TEST_F(KnownPath, EndsWhereTheStackIsNotReadable) {
+    follow(9, {start, 0x402000});
+    follow(5, {start});
+    follow(1, {});
+    words.resize(2);  // what lies beyond is read by nobody
+    words.shrink_to_fit();
+    follow(2, {start});
+}
+
+TEST_F(KnownPath, StaysAsItIsOnceItIsThere) {
+    KnownPaths::Steps other;
+    other.begin = start;
+    other.stackPointer = stackBegin;
+    paths->learn(other);
+    follow(10, {start, 0x402000, 0x403000});
+}
+
+}  // namespace
+}  // namespace ThreadUtilities::cfi
