@@ -23,3 +23,7 @@ set_source_files_properties(deep_stack_with_frame_pointers.cpp unwind_benchmark.
     PROPERTIES COMPILE_OPTIONS -fno-omit-frame-pointer)
 set_source_files_properties(deep_stack_without_frame_pointers.cpp
     PROPERTIES COMPILE_OPTIONS -fomit-frame-pointer)
+add_library(unwind_benchmark_plugin MODULE unwind_benchmark_plugin.cpp)
+add_dependencies(unwind_benchmark unwind_benchmark_plugin)
+target_compile_definitions(unwind_benchmark PRIVATE
+    PLUGIN_PATH="$<TARGET_FILE:unwind_benchmark_plugin>")

@@ -90,10 +90,23 @@ void wholeStack(benchmark::State& state, Walk walk) {
     state.counters["frames"] = static_cast<double>(run.frameCount);
 }
 
-/// The same on a thread of the program's own: all its frames are in modules that are never
-/// unloaded, while the first thread's pass through the benchmark library.
+/// The same on a thread of the program's own: its frames are small, while some of those of the
+/// benchmark library on the first thread are as large as pages.
 void workerStack(benchmark::State& state, Walk walk) {
     std::thread([&] { wholeStack(state, walk); }).join();
+}
+
+/// The same with one frame in a module that may be unloaded.
+void pluginStack(benchmark::State& state, Walk walk) {
+    void* const plugin = dlopen(PLUGIN_PATH, RTLD_NOW);
+    using Body = void (*)(void*);
+    const auto callFromPlugin =
+        reinterpret_cast<void (*)(Body, void*)>(dlsym(plugin, "callFromPlugin"));
+    std::thread([&] {
+        auto body = [&] { wholeStack(state, walk); };
+        callFromPlugin([](void* argument) { (*static_cast<decltype(body)*>(argument))(); }, &body);
+    }).join();
+    dlclose(plugin);
 }
 
 /// With the library's own list of modules, as where the C library cannot look one up in a handler.
@@ -120,12 +133,15 @@ BENCHMARK_CAPTURE(wholeStack, own, walkOwn)->Arg(15)->Arg(32)->Arg(100);
 BENCHMARK_CAPTURE(wholeStack, c_library, walkCLibrary)->Arg(15)->Arg(32)->Arg(100);
 BENCHMARK_CAPTURE(workerStack, own, walkOwn)->Arg(32);
 BENCHMARK_CAPTURE(workerStack, c_library, walkCLibrary)->Arg(32);
+BENCHMARK_CAPTURE(pluginStack, own, walkOwn)->Arg(32);
+BENCHMARK_CAPTURE(pluginStack, c_library, walkCLibrary)->Arg(32);
 BENCHMARK(workerStackByModuleTable)->Arg(32);
 BENCHMARK(wholeStackByModuleTable)->Arg(32);
 BENCHMARK(framePointerChain)->Arg(15)->Arg(32)->Arg(100);
 #if defined(HAVE_LIBUNWIND)
 BENCHMARK_CAPTURE(wholeStack, libunwind, walkLibunwind)->Arg(15)->Arg(32)->Arg(100);
 BENCHMARK_CAPTURE(workerStack, libunwind, walkLibunwind)->Arg(32);
+BENCHMARK_CAPTURE(pluginStack, libunwind, walkLibunwind)->Arg(32);
 #endif
 
 }  // namespace

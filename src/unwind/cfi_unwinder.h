@@ -22,9 +22,9 @@ namespace ThreadUtilities::cfi {
 
 /// The unwinder that `walkStack` drives.
 ///
-/// Most steps are made by a known path, several at a time, or by a cached rule, found where the frame
-/// before predicted it. Both change nothing but the position: `stepAhead` makes these in a loop that
-/// keeps the position in processor registers, and `step` all others.
+/// Most steps are made by a known path, several at a time, or by a cached rule, found where the
+/// frame before predicted it. Both change nothing but the position: `stepAhead` makes these in a
+/// loop that keeps the position in processor registers, and `step` all others.
 class CfiUnwinder {
  public:
     enum class Keeps {

@@ -52,8 +52,7 @@ class KnownPaths {
 
     enum class Outcome {
         Followed,
-        NotAsBefore,  ///< or too little is readable, or there is no path from here and never will
-                      ///< be
+        NotAsBefore,  ///< or too little is readable, or another path has the place of this one
         Unknown,
     };
 
@@ -64,8 +63,11 @@ class KnownPaths {
                                           Position& at, unsigned long long*& next) const noexcept {
         const Path& path = pathOf(at.instructionPointer);
         const std::uint64_t begin = path.begin.load(std::memory_order_acquire);
-        if (begin != at.instructionPointer) [[unlikely]] {
+        if (begin <= claimed) [[unlikely]] {  // nor is a damaged stack's 0 or 1 taken for a begin
             return begin == 0 ? Outcome::Unknown : Outcome::NotAsBefore;
+        }
+        if (begin != at.instructionPointer) [[unlikely]] {
+            return Outcome::NotAsBefore;
         }
         const std::uint64_t stack = at.stackPointer + stackShift;
         const std::size_t made =

@@ -52,10 +52,10 @@ class KnownPath : public testing::Test {
         const Position first = at(start, stackBegin, 7);
         const Position second = at(0x402000, stackBegin + 0x10, 7);
         const Position third = at(0x403000, stackBegin + 0x30, stackBegin + 0x40);
-        const Position end = at(0x404000, stackBegin + 0x50, 9);
+        const Position end = at(0x404000, stackBegin + 0x50, stackBegin + 0x40);
         ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rsp, 0x10, 0), first, second));
         ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rsp, 0x20, -16), second, third));
-        ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rbp, 0x10, -16), third, end));
+        ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rbp, 0x10, 0), third, end));
         paths->learn(steps);
     }
 
@@ -80,7 +80,7 @@ TEST_F(KnownPath, IsFollowedAsFarAsTheStackAgrees) {
     const Position whole = follow(10, {start, 0x402000, 0x403000});
     EXPECT_EQ(whole.instructionPointer, 0x404000);
     EXPECT_EQ(whole.stackPointer, stackBegin + 0x50);
-    EXPECT_EQ(whole.framePointer, 9);
+    EXPECT_EQ(whole.framePointer, stackBegin + 0x40);
 
     words[9] = 0x405000;  // another caller; the frame pointer is what the second frame saved
     const Position part = follow(10, {start, 0x402000});
@@ -105,6 +105,23 @@ TEST_F(KnownPath, EndsWhereTheStackIsNotReadable) {
     words.resize(2);  // what lies beyond is read by nobody
     words.shrink_to_fit();
     follow(2, {start});
+}
+
+TEST_F(KnownPath, LeadsNoFartherThanAReturnAddressOfZero) {
+    paths = std::make_unique<KnownPaths>();
+    KnownPaths::Steps steps;
+    steps.begin = start;
+    steps.stackPointer = stackBegin;
+    ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rsp, 0x10, 0), at(start, stackBegin, 7),
+                                at(0, stackBegin + 0x10, 7)));
+    paths->learn(steps);
+    words.assign(10, 0);
+    EXPECT_EQ(follow(10, {start}).instructionPointer, 0);
+
+    Position zero = at(0, stackBegin, 7);
+    unsigned long long frames[KnownPaths::length] = {};
+    unsigned long long* next = frames;
+    EXPECT_EQ(paths->follow(stackBegin + 80, shift(), zero, next), KnownPaths::Outcome::Unknown);
 }
 
 TEST_F(KnownPath, StaysAsItIsOnceItIsThere) {
