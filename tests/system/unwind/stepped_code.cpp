@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -20,17 +19,6 @@ namespace {
 [[gnu::noinline]] int use(void* memory) {
     asm volatile("" : : "r"(memory) : "memory");
     return 1;
-}
-
-/// A function with a frame of its own at each level, left by an exception.
-[[gnu::noinline]] int throwAt(int depth) {
-    alignas(32) char local[48] = {};
-    const std::string hasDestructor(static_cast<std::size_t>(20 + depth), 'x');
-    use(local);
-    if (depth == 0) {
-        throw std::runtime_error(hasDestructor);
-    }
-    return throwAt(depth - 1) + local[depth % 48];
 }
 
 int compareNumbers(const void* left, const void* right) {
@@ -80,14 +68,6 @@ int containers(int value) {
         counts[words.back()] += index;
     }
     return static_cast<int>(counts.size() + words.front().size());
-}
-
-int throwsAndCatches(int value) {
-    try {
-        return throwAt(value);
-    } catch (const std::exception& exception) {
-        return static_cast<int>(std::strlen(exception.what()));
-    }
 }
 
 int callsThroughC(int value) {

@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
-#include "scripted_platform/memory_script.h"
+#include <cstring>
+
+#include "scripted_platform/script.h"
 #include "unwind/eh_frame.h"
 #include "unwind/table_builder.h"
 
@@ -26,6 +28,8 @@ constexpr std::uint64_t savesRbx = 0x7000;           ///< frame of 32 bytes, rbx
 constexpr std::uint64_t savesFramePointer = 0xA000;  ///< the same for rbp
 constexpr std::uint64_t trampoline = 0x8000;         ///< signal frame of 64 bytes
 constexpr std::uint64_t outermost = 0x9000;          ///< without a caller
+constexpr std::uint64_t silent = 0xB000;             ///< pushes what its tables leave out
+constexpr std::uint64_t caller = 0xC000;             ///< frame of 32 bytes, as `plain`
 
 class FrameWalk : public testing::Test {
  protected:
@@ -39,6 +43,8 @@ class FrameWalk : public testing::Test {
         builder.addFunction(cie, savesFramePointer, 0x100, {0x0E, 32, 0x86, 2});
         builder.addFunction(signal, trampoline, 0x100, {0x0E, 64});
         builder.addFunction(cie, outermost, 0x100, {0x07, 16});
+        builder.addFunction(cie, silent, 0x100, {});
+        builder.addFunction(cie, caller, 0x100, {0x0E, 32});
         builder.finish();
     }
     void TearDown() override {
@@ -52,6 +58,19 @@ class FrameWalk : public testing::Test {
 
     /// The address right behind a call in the function.
     std::uint64_t in(std::uint64_t function) const { return builder.address(function + 0x10); }
+
+    /// Puts code into the module.
+    void put(std::uint64_t place, const Bytes& code) {
+        std::copy(code.begin(), code.end(), builder.memory.begin() + place);
+        scripted::memory[builder.address()] = builder.memory;
+    }
+    /// Has the call in the function `from` call this place.
+    void callFrom(std::uint64_t from, std::uint64_t place) {
+        const auto distance = static_cast<std::uint32_t>(place - (from + 16));
+        Bytes call{0xE8, 0, 0, 0, 0};
+        std::memcpy(&call[1], &distance, sizeof(distance));
+        put(from + 11, call);
+    }
 
     /// Puts words on the stack, from its begin on, into real memory.
     void setStack(const std::vector<std::uint64_t>& stackWords) {
@@ -112,20 +131,134 @@ TEST_F(FrameWalk, FindsFramesByRegistersThatCachedRulesLose) {
     }
 }
 
-/// Looked up one byte earlier, it is what the empty entries of the cache could be taken for.
-TEST_F(FrameWalk, HasNoRuleForAddressOne) {
+/// Where the tables cannot tell, the instructions do, if the caller's call names the function, and
+/// goes on to another caller: by a prologue that saved a frame pointer which is not known, and by
+/// what was pushed before the place of interruption.
+TEST_F(FrameWalk, BelievesCodeThatIsCalledByNameAndLeadsOn) {
+    addModule(true);
+    put(withFramePointer, {0x55, 0x48, 0x89, 0xE5, 0x48, 0x83, 0xEC, 0x10});  // and 16 bytes more
+    put(silent, {0x53, 0x53});
+    const struct {
+        const char* name;
+        std::uint64_t distance;  ///< from the function's entry to what is called
+        bool byRegister;
+        std::uint64_t from;
+        std::uint64_t next;  ///< where the caller's caller is said to be
+        bool byPrologue;
+        bool byDepth;
+    } cases[] = {
+        {"a call of it", 0, false, caller, in(outermost), true, true},
+        {"of the instruction behind its mark", 4, false, caller, in(outermost), true, true},
+        {"of another function", 8, false, caller, in(outermost), false, false},
+        {"by a register", 0, true, caller, in(outermost), true, false},
+        {"by the first function of a thread", 0, false, outermost, 0, true, true},
+        {"back to where no call lies before", 0, false, caller, in(plain) + 1, false, false},
+    };
+    for (const auto& tested : cases) {
+        SCOPED_TRACE(tested.name);
+        const auto call = [&](std::uint64_t function) {
+            callFrom(tested.from, function + tested.distance);
+            if (tested.byRegister) {
+                put(tested.from + 11, {0x90, 0x90, 0x90, 0xFF, 0xD0});
+            }
+        };
+        Expected callers{in(tested.from)};
+        if (tested.from == caller) {
+            callers.push_back(in(outermost));
+        }
+        call(withFramePointer);
+        setStack({0, 0, 0, in(withFramePointer), 0, 0, 0, in(tested.from), 0, 0, 0, tested.next});
+        context.knownRegisters =
+            platform::registerBit(platform::Rip) | platform::registerBit(platform::Rsp);
+        Expected expected = tested.byPrologue ? callers : Expected();
+        expected.insert(expected.begin(), in(withFramePointer));
+        EXPECT_EQ(
+            walk(in(plain), tested.byPrologue ? WalkEnd::EndOfStack : WalkEnd::UnknownRegister),
+            expected);
+        call(silent);
+        setStack({0, 0, in(tested.from), 0, 0, 0, tested.next});
+        context.knownRegisters = platform::allRegisters;
+        EXPECT_EQ(walk(builder.address(silent + 2), WalkEnd::EndOfStack),
+                  tested.byDepth ? callers : Expected());
+    }
+}
+
+/// Where it was interrupted, a frame may be half gone, unless it waits in the kernel; and where the
+/// tables know of a frame, what lies below it is none.
+TEST_F(FrameWalk, BelievesNoCodeOfAFrameThatMayBeAnother) {
+    addModule(true);
+    put(withFramePointer, {0x55, 0x48, 0x89, 0xE5, 0x48, 0x83, 0xEC, 0x10});
+    callFrom(caller, withFramePointer);
+    setStack({0, 0, 0, in(caller), 0, 0, 0, in(outermost)});
+    context.knownRegisters =
+        platform::registerBit(platform::Rip) | platform::registerBit(platform::Rsp);
+    EXPECT_EQ(walk(in(withFramePointer), WalkEnd::UnknownRegister), Expected{});
+    put(withFramePointer + 14, {0x0F, 0x05});
+    EXPECT_EQ(walk(in(withFramePointer), WalkEnd::EndOfStack),
+              (Expected{in(caller), in(outermost)}));
+
+    put(plain, {0x53});
+    callFrom(caller, plain);
+    setStack({0, in(caller), 0, 1, 0, in(outermost)});
+    context.knownRegisters = platform::allRegisters;
+    EXPECT_EQ(walk(builder.address(plain + 1), WalkEnd::NoReturnAddress), Expected{});
+}
+
+/// The prologue aligns the stack: between it and the frame lies nobody knows how much, up to 56
+/// bytes.
+TEST_F(FrameWalk, BelievesTheOnlyFrameAboveAnAlignedStack) {
+    addModule(true);
+    put(withFramePointer, {0x55, 0x48, 0x89, 0xE5, 0x48, 0x83, 0xE4, 0xC0});
+    callFrom(caller, withFramePointer);
+    setStack({0, 0, 0, in(withFramePointer), 0, 0, 0, in(caller), 0, 0, 0, in(outermost), 0, 0});
+    context.knownRegisters =
+        platform::registerBit(platform::Rip) | platform::registerBit(platform::Rsp);
+    EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack),
+              (Expected{in(withFramePointer), in(caller), in(outermost)}));
+    words[9] = in(caller);
+    words[13] = in(outermost);
+    EXPECT_EQ(walk(in(plain), WalkEnd::UnknownRegister), Expected{in(withFramePointer)});
+}
+
+/// One, looked up one byte earlier, is what the empty entries of the cache could be taken for.
+TEST_F(FrameWalk, HasNoRuleForWhatNoCallReturnsTo) {
     addModule(true);
     scripted::memory[builder.address()] = builder.memory;
-    setStack({0, 0, 0, 1, in(plain), 0});
-    EXPECT_EQ(walk(in(plain), WalkEnd::NoReturnAddress), Expected{});
-    context.registers[platform::Rsp] += 32;
-    const auto asInterrupted = [&] {
-        context.registers[platform::Rip] = 1;
-        unsigned long long frame = 0;
-        walkThread(context, &frame, 1);
-        return frame;
-    };
-    EXPECT_EQ(asInterrupted(), in(plain));
+    for (const std::uint64_t none : {std::uint64_t{1}, in(plain) + 1, in(plain) + 1}) {
+        setStack({0, 0, 0, none, in(plain), 0, 0, 0, in(outermost)});
+        EXPECT_EQ(walk(in(plain), WalkEnd::NoReturnAddress), Expected{});
+        // Code without tables: the word on its stack counts if a call lies before it.
+        context.registers[platform::Rsp] += 32;
+        for (const std::uint64_t uncovered : {std::uint64_t{1}, builder.address(plain + 0x200)}) {
+            EXPECT_EQ(walk(uncovered, WalkEnd::EndOfStack), (Expected{in(plain), in(outermost)}));
+        }
+        context.registers[platform::Rsp] -= 8;
+        EXPECT_EQ(walk(1, WalkEnd::NoUnwindData), Expected{});
+    }
+}
+
+/// What one walk learned of a page that another thread's stack crosses into is not believed later.
+TEST_F(FrameWalk, AsksForThePagesOfAnotherThreadsStackEachTime) {
+    addModule(true);
+    constexpr std::size_t wordsInPage = platform::memoryPageSize / 8;
+    words.resize(4 * wordsInPage);
+    const auto begin = reinterpret_cast<std::uint64_t>(words.data());
+    const std::uint64_t page = (begin / platform::memoryPageSize + 2) * platform::memoryPageSize;
+    const std::uint64_t stackPointer = page - 80;
+    const auto at = words.begin() + static_cast<std::ptrdiff_t>((stackPointer - begin) / 8);
+    at[3] = at[7] = in(plain);
+    at[11] = in(outermost);
+    context.stack = {begin, begin + 8 * words.size()};
+    context.readableStack = {stackPointer, page};
+    context.registers[platform::Rsp] = stackPointer;
+    scripted::memory[builder.address()] = builder.memory;
+    scripted::memory[begin] = scripted::bytesOf(words);
+    for (int round = 0; round < 4; ++round) {
+        scripted::memoryQuestions = 0;
+        EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack),
+                  (Expected{in(plain), in(plain), in(outermost)}));
+        EXPECT_GT(scripted::memoryQuestions, 0U);
+    }
 }
 
 /// The instruction at which a signal struck may be the first of a function: nothing before it is
@@ -157,8 +290,12 @@ TEST_F(FrameWalk, FindsFunctionsWithoutAnIndex) {
     large.memory[2] = large.memory[3] = 0xFF;  // encodings of count and pairs: there are none
     builder = large;
     addModule(true);
-    setStack({0, 0, 0, in(late), 0, 0, 0, in(outermost)});
     scripted::memory[builder.address()] = builder.memory;
+    setStack({0});
+    EXPECT_EQ(walk(builder.address(byRbx), WalkEnd::LongSearch), Expected{});
+    prepareFrameWalks();
+    EXPECT_EQ(walk(builder.address(byRbx), WalkEnd::EndOfStack), Expected{}) << "there is none";
+    setStack({0, 0, 0, in(late), 0, 0, 0, in(outermost)});
     EXPECT_EQ(walk(in(plain), WalkEnd::LongSearch), Expected{in(late)});
     prepareFrameWalks();
     EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack), (Expected{in(late), in(outermost)}));
@@ -188,10 +325,30 @@ TEST_F(FrameWalk, MakesNoSystemCallWhereItMayNot) {
 TEST_F(FrameWalk, ReadsTablesThroughTheSystemWhereTheThreadIsNotHeld) {
     addModule(false);
     context.isStopped = false;
-    setStack({0, 0, 0, in(savesRbx), 0, 0, 0, in(outermost)});
-    EXPECT_EQ(walk(in(byRbx), WalkEnd::Unreadable), Expected{});
-    scripted::memory[builder.address()] = builder.memory;
-    EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack), (Expected{in(savesRbx), in(outermost)}));
+    for (const std::uint64_t never : {0x30, 0x40}) {  // was an address in the cache
+        setStack({0, 0, 0, in(savesRbx), 0, 0, 0, in(outermost)});
+        if (never == 0x40) {
+            context.registers[platform::Rsp] += context.stackShift;
+            context.stack = {context.registers[platform::Rsp],
+                             context.registers[platform::Rsp] + 8 * words.size()};
+            context.stackShift = 0;
+        }
+        scripted::memory.clear();
+        EXPECT_EQ(walk(builder.address(plain + never), WalkEnd::Unreadable), Expected{});
+        scripted::memory[builder.address()] = builder.memory;
+        EXPECT_EQ(walk(builder.address(plain + never), WalkEnd::EndOfStack),
+                  (Expected{in(savesRbx), in(outermost)}));
+    }
+}
+
+/// Nor where the walk went on from a guess, which may be a stale word: nothing holds its module.
+TEST_F(FrameWalk, ReadsTablesThroughTheSystemAfterAGuess) {
+    addModule(false);
+    scripted::codeModules.back().identity = 4712;  // that no rule is cached of
+    const auto code = builder.memory.begin() + plain;
+    scripted::memory[builder.address(plain)] = {code, code + 0x100};
+    setStack({in(plain), 0, 0, 0, in(outermost)});
+    EXPECT_EQ(walk(1, WalkEnd::Unreadable), Expected{in(plain)});
 }
 
 }  // namespace

@@ -79,25 +79,6 @@ struct Case {
     WalkEnd end;
 };
 
-std::ostream& operator<<(std::ostream& out, const Case& tested) {
-    return out << tested.name;
-}
-
-class WalkRules : public testing::TestWithParam<Case> {};
-
-TEST_P(WalkRules, HoldForTheStack) {
-    const Case& tested = GetParam();
-    ScriptedUnwinder unwinder(tested.frames);
-    ScriptedWords words{tested.words};
-    std::vector<unsigned long long> frames(40, 77);
-    const WalkResult result = walkStack(unwinder, words, frames.data(), tested.maxFrames);
-    EXPECT_EQ(result.end, tested.end);
-    ASSERT_LE(result.frameCount, tested.maxFrames);
-    EXPECT_EQ(std::vector(frames.begin(), frames.begin() + result.frameCount), tested.stored);
-    EXPECT_TRUE(std::all_of(frames.begin() + result.frameCount, frames.end(),
-                            [](unsigned long long entry) { return entry == 77; }));
-}
-
 constexpr auto made = StepResult::Made;
 
 /// Alternating between two stacks, one address each.
@@ -110,55 +91,46 @@ std::map<std::uint64_t, Frame> changes(unsigned count) {
     return frames;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Stacks, WalkRules,
-    testing::Values(
-        Case{"StartIsNotStored",
-             {{1, {made, 2}}, {2, {made, 3}}, {3, {made, 0}}},
-             {},
-             9,
-             {2, 3},
-             WalkEnd::EndOfStack},
-        Case{"NoMoreRoom", {{1, {made, 2}}, {2, {made, 3}}}, {}, 1, {2}, WalkEnd::FrameLimit},
-        Case{"NotReturnedTo",
-             {{1, {made, 2}}, {2, {made, 100}}},
-             {},
-             9,
-             {2},
-             WalkEnd::NoReturnAddress},
-        Case{"LastIsNotReturnedTo",
-             {{1, {made, 2}}, {2, {made, 100}}},
-             {},
-             2,
-             {2},
-             WalkEnd::NoReturnAddress},
-        Case{"GuessIsNotReturnedTo", {}, {{1000, 100}}, 9, {}, WalkEnd::NoUnwindData},
-        Case{"TwoFramesWithoutTables", {}, {{1000, 2}, {1008, 3}}, 9, {2}, WalkEnd::NoUnwindData},
-        Case{"OuterFrameWithoutTables",
-             {{1, {made, 2}}},
-             {{1016, 3}},
-             9,
-             {2},
-             WalkEnd::NoUnwindData},
-        Case{"ReturnAddressAlreadyPopped",
-             {{1, {made, 2, 0}}, {2, {made, 0}}},
-             {},
-             9,
-             {2},
-             WalkEnd::EndOfStack},
-        Case{"FrameThatIsItsOwnCaller",
-             {{1, {made, 2}}, {2, {made, 2, 0}}},
-             {},
-             9,
-             {2},
-             WalkEnd::NoProgress},
-        Case{"EndlessChangeOfStacks",
-             changes(maxStackChanges + 5),
-             {},
-             20,
-             {2, 3, 4, 5, 6, 7, 8, 9},
-             WalkEnd::NoProgress}),
-    [](const auto& tested) { return tested.param.name; });
+TEST(WalkRules, HoldForTheStack) {
+    const Frame two = {made, 2};
+    const Frame three = {made, 3};
+    const Frame last = {made, 0};
+    const Frame notReturnedTo = {made, 100};
+    const Case cases[] = {
+        {"the start is not stored",
+         {{1, two}, {2, three}, {3, last}},
+         {},
+         9,
+         {2, 3},
+         WalkEnd::EndOfStack},
+        {"no more room", {{1, two}, {2, three}}, {}, 1, {2}, WalkEnd::FrameLimit},
+        {"not returned to", {{1, two}, {2, notReturnedTo}}, {}, 9, {2}, WalkEnd::NoReturnAddress},
+        {"nor the last", {{1, two}, {2, notReturnedTo}}, {}, 2, {2}, WalkEnd::NoReturnAddress},
+        {"nor a guess", {}, {{1000, 100}}, 9, {}, WalkEnd::NoUnwindData},
+        {"two frames without tables", {}, {{1000, 2}, {1008, 3}}, 9, {2}, WalkEnd::NoUnwindData},
+        {"an outer one without tables", {{1, two}}, {{1016, 3}}, 9, {2}, WalkEnd::NoUnwindData},
+        {"already popped", {{1, {made, 2, 0}}, {2, last}}, {}, 9, {2}, WalkEnd::EndOfStack},
+        {"its own caller", {{1, two}, {2, {made, 2, 0}}}, {}, 9, {2}, WalkEnd::NoProgress},
+        {"endless change of stacks",
+         changes(maxStackChanges + 5),
+         {},
+         20,
+         {2, 3, 4, 5, 6, 7, 8, 9},
+         WalkEnd::NoProgress},
+    };
+    for (const Case& tested : cases) {
+        SCOPED_TRACE(tested.name);
+        ScriptedUnwinder unwinder(tested.frames);
+        ScriptedWords words{tested.words};
+        std::vector<unsigned long long> expected(40, 77);
+        std::copy(tested.stored.begin(), tested.stored.end(), expected.begin());
+        std::vector<unsigned long long> frames(40, 77);
+        const WalkResult result = walkStack(unwinder, words, frames.data(), tested.maxFrames);
+        EXPECT_EQ(result.end, tested.end);
+        EXPECT_EQ(result.frameCount, tested.stored.size());
+        EXPECT_EQ(frames, expected);
+    }
+}
 
 }  // namespace
 }  // namespace ThreadUtilities
