@@ -6,11 +6,14 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
 constinit std::atomic<long> aliveBlocks{0};
 constinit thread_local int allowedBlocks = -1;
+using Call = void (*)();
+constinit thread_local Call nextCall = nullptr;
 
 }  // namespace
 
@@ -24,6 +27,10 @@ FailAfter::~FailAfter() {
     allowedBlocks = -1;
 }
 
+void callFromNext(void (*call)()) {
+    nextCall = call;
+}
+
 long alive() {
     return aliveBlocks;
 }
@@ -31,6 +38,9 @@ long alive() {
 }  // namespace allocations
 
 void* operator new(std::size_t size) {
+    if (const auto call = std::exchange(nextCall, nullptr)) {
+        call();
+    }
     if (allowedBlocks == 0) {
         throw std::bad_alloc();
     }

@@ -15,6 +15,9 @@ class FailAfter {
     FailAfter& operator=(const FailAfter&) = delete;
 };
 
+/// Makes the call within the calling thread's next allocation.
+void callFromNext(void (*call)());
+
 /// Blocks from `operator new` that are not freed, in the whole process.
 long alive();
 

@@ -4,11 +4,16 @@
 #pragma once
 
 #include <memory>
+#include <thread>
 
 #include <vesko/external_input.h>
 #include <vesko/source_location.h>
 
-#include "support/fresh_thread.h"
+/// Runs `body` on a thread of its own, which has no name, no hint and no store at first.
+template <typename Body>
+void onFreshThread(Body body) {
+    std::thread(body).join();
+}
 
 /// A location (a.cpp:1:f) made on a thread with this hint, and with a store when `store` wants it.
 inline vesko::source::location postedFrom(

@@ -5,6 +5,8 @@
 
 // Threads to be captured, and what tests wait with.
 
+#include <ThreadUtilities/StackTrace.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -77,6 +79,17 @@ inline KernelView kernelViewOf(unsigned int threadId) {
         }
     }
     return view;
+}
+
+inline bool isCaptured(unsigned int threadId) {
+    unsigned long long frames[128];
+    return getStackTrace(threadId, frames, 128, true) > 1;
+}
+
+inline void blockUntil(const std::atomic<bool>& stop) {
+    while (!stop) {
+        poll(nullptr, 0, 10);
+    }
 }
 
 inline void spinUntil(const std::atomic<bool>& stop) {

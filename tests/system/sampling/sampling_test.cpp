@@ -1,22 +1,31 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-// Reports of a real program: this one.
+// Reports of a real program, this one, whatever it does while it is sampled.
 
 #include <ThreadUtilities/Sampling.h>
 #include <ThreadUtilities/StackTrace.h>
 #include <ThreadUtilities/Threads.h>
 #include <gtest/gtest.h>
-#include <poll.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
+#include "support/copied_process.h"
+#include "support/sanitizers.h"
 #include "support/target_thread.h"
 #include "threads/thread_list.h"
+
+// Reports of a real program: this one.
+
+// What a host may do while it is sampled.
 
 namespace ThreadUtilities {
 namespace {
@@ -57,11 +66,7 @@ TEST(Sampling, AReportShowsWhereEachThreadIs) {
         setThreadName("spinner");
         spinInTurns(stop);
     });
-    TargetThread polling([](const std::atomic<bool>& stop) {
-        while (!stop) {
-            poll(nullptr, 0, 20);
-        }
-    });
+    const TargetThread polling(blockUntil);
     const std::string report = sampleAllThreads(1s, 5ms);
     EXPECT_TRUE(showsMainThreadFirst(report)) << report;
     EXPECT_EQ(threadsIn(report), 3U) << "this thread and two others, no sampler: " << report;
@@ -101,14 +106,17 @@ TEST(SamplingOfThisProcess, SeveralRunsAtOnceShareNothingWhileThreadsComeAndGo) 
 
 // Without a wake-up the sleeper would never end.
 TEST(SamplingOfThisProcess, AThreadThatStartsWakesWhoWaitsForOne) {
-    std::atomic<bool> isListed = false;  // no start may fall into the listing
+    std::atomic<bool> isListed = false;  // no start may fall into the first listing
     std::atomic<bool> isAwake = false;
     bool couldSleep = false;
     std::jthread sleeper([&] {
-        getThreadIds();
-        const auto seen = announcedStarts();
-        isListed = true;
-        couldSleep = sleepUntilThreadStarts(seen, std::chrono::steady_clock::time_point::max());
+        // A thread may still be on its way out in one listing or another.
+        for (int tries = 0; tries < 1000 && !couldSleep; ++tries) {
+            getThreadIds();
+            const auto seen = announcedStarts();
+            isListed = true;
+            couldSleep = sleepUntilThreadStarts(seen, std::chrono::steady_clock::time_point::max());
+        }
         isAwake = true;
     });
     while (!isListed) {
@@ -121,6 +129,92 @@ TEST(SamplingOfThisProcess, AThreadThatStartsWakesWhoWaitsForOne) {
     if (!couldSleep) {
         GTEST_SKIP() << "thread starts are not heard of here";
     }
+}
+
+std::size_t ownThreadCount() {
+    return getThreadIds(static_cast<unsigned int>(getpid())).size();
+}
+
+TEST(HostileHost, ACopyMadeDuringASamplingCallCanSampleItself) {
+    if (underAddressSanitizer || underThreadSanitizer) {
+        GTEST_SKIP() << copiesMayHang;
+    }
+    const std::jthread sampler([](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            sampleAllThreads(1s, 0ms);
+        }
+    });
+    for (int round = 0; round < 50; ++round) {
+        const bool takesTime = round % 25 == 0;
+        const int status = runInCopy([takesTime] {
+            const std::string report = sampleAllThreads(takesTime ? 1s : 0s, 100ms);
+            const std::string self = "\n\nThread " + std::to_string(getThreadId()) + " [";
+            const bool isSampled = report.find(self) != std::string::npos;
+            return isSampled == takesTime && ownThreadCount() == 1 ? 0 : 1;
+        });
+        ASSERT_EQ(status, 0) << "round " << round;
+    }
+}
+
+TEST(HostileHost, AWorkerThatCannotBeStartedIsAnException) {
+    if (underAddressSanitizer || underThreadSanitizer) {
+        GTEST_SKIP() << "sanitizers want more address space than the limit leaves";
+    }
+    const int status = runInCopy([] {
+        // Stacks that the address space has no room for.
+        constexpr std::size_t stackSize = std::size_t{1} << 32;
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, stackSize);
+        pthread_setattr_default_np(&attributes);
+        const rlimit limit{stackSize / 2, stackSize / 2};
+        setrlimit(RLIMIT_AS, &limit);
+        try {
+            sampleAllThreads(1h, 0ms);
+            return 1;
+        } catch (const std::system_error&) {
+            return ownThreadCount() == 1 ? 0 : 2;
+        }
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST(HostileHost, ACancelledCallEndsWithItsWorkers) {
+    if (underThreadSanitizer) {
+        GTEST_SKIP() << "ThreadSanitizer cannot join a thread again whose join was cancelled";
+    }
+    const std::size_t before = ownThreadCount();
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr,
+        [](void*) -> void* {
+            sampleAllThreads(1h, 10ms);
+            return nullptr;
+        },
+        nullptr);
+    while (ownThreadCount() < before + 2) {  // the call's own thread and its first worker
+        std::this_thread::yield();
+    }
+    pthread_cancel(thread);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(ownThreadCount(), before);
+}
+
+TEST(HostileHost, ACallbackThatEndsItsThreadEndsTheRun) {
+    const std::size_t before = ownThreadCount();
+    const std::thread::id caller = std::this_thread::get_id();
+    const std::string report =
+        sampleProcessThread(static_cast<unsigned int>(getpid()), getThreadId(), 1h, 0ms,
+                            [caller](auto...) -> unsigned long long {
+                                if (std::this_thread::get_id() != caller) {
+                                    pthread_exit(nullptr);
+                                }
+                                return 0;
+                            });
+    EXPECT_EQ(report.find("Total sample count: 0\n"), 0u) << report;
+    EXPECT_EQ(ownThreadCount(), before);
 }
 
 }  // namespace

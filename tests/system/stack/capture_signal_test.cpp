@@ -7,10 +7,7 @@
 #include <asm/prctl.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/signalfd.h>
 #include <sys/syscall.h>
 
 #include <array>
@@ -37,11 +34,6 @@ using platform::VisitorAnswer;
 using platform::VisitResult;
 using platform::VisitRoom;
 
-bool isCaptured(unsigned int threadId) {
-    unsigned long long frames[64];
-    return getStackTrace(threadId, frames, 64, true) > 0;
-}
-
 struct KernelAction {
     void* function = nullptr;
     unsigned long flags = 0;
@@ -53,28 +45,6 @@ KernelAction exchangeAction(int number, const KernelAction* next) {
     KernelAction previous;
     EXPECT_EQ(syscall(SYS_rt_sigaction, number, next, &previous, sizeof(previous.mask)), 0);
     return previous;
-}
-
-TEST(CaptureSignal, ReachesNoHostThatTakesAllSignalsItself) {
-    std::atomic<int> received{0};
-    const auto waitForSignals = [&](const std::atomic<bool>& stop) {
-        sigset_t everything;
-        sigfillset(&everything);
-        pthread_sigmask(SIG_SETMASK, &everything, nullptr);
-        const int descriptor = signalfd(-1, &everything, SFD_NONBLOCK | SFD_CLOEXEC);
-        while (!stop) {
-            const timespec noTime{};
-            signalfd_siginfo info;
-            received += sigtimedwait(&everything, nullptr, &noTime) > 0 ? 1 : 0;
-            received += read(descriptor, &info, sizeof(info)) > 0 ? 1 : 0;
-        }
-        close(descriptor);
-    };
-    TargetThread target(waitForSignals);
-    for (int round = 0; round < 50; ++round) {
-        EXPECT_TRUE(isCaptured(target.id()));
-    }
-    EXPECT_EQ(received, 0);
 }
 
 // The C library carries changes of a process's ids to all threads by the same signal.
@@ -269,29 +239,6 @@ TEST(Handler, NeedsNoThreadLocalStorage) {
     for (int round = 0; round < 20; ++round) {
         EXPECT_TRUE(isCaptured(target.id()));
     }
-}
-
-TEST(Handler, CallsNoSystemOnAThreadThatMayNot) {
-    ForkChild child([] {
-        static std::atomic<bool> isLocked{false};
-        static std::atomic<unsigned long> turns{0};
-        TargetThread target([](const std::atomic<bool>&) {
-            prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT);
-            isLocked = true;
-            for (;;) {
-                ++turns;
-            }
-        });
-        eventually([] { return isLocked.load(); });
-        bool well = true;
-        for (int round = 0; round < 20; ++round) {
-            well = well && isCaptured(target.id());
-            const unsigned long before = turns;
-            well = well && eventually([&] { return turns != before; });
-        }
-        _exit(well ? 0 : 1);  // nobody can end the thread
-    });
-    EXPECT_EQ(child.result(), 0);
 }
 
 }  // namespace

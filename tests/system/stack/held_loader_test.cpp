@@ -35,7 +35,7 @@ struct Question {
     bool (*isAnswered)(const Threads& threads);
 };
 
-bool isCaptured(unsigned int threadId) {
+bool isDescribed(unsigned int threadId) {
     unsigned long long frames[64];
     return getStackTrace(threadId, frames, std::size(frames), true) > 1 &&
            !getFrameDetails(0, frames[0]).empty();
@@ -74,19 +74,22 @@ TEST_P(WhileAConstructorHangs, TheFirstQuestionIsAnswered) {
 
 INSTANTIATE_TEST_SUITE_P(
     Of, WhileAConstructorHangs,
-    testing::Values(
-        Question{"ABlockedThread", [](const auto& threads) { return isCaptured(threads.blocked); }},
-        Question{"ARunningThread", [](const auto& threads) { return isCaptured(threads.running); }},
-        Question{"Itself",
-                 [](const auto&) { return isCaptured(static_cast<unsigned int>(gettid())); }},
-        Question{"AReport",
-                 [](const auto& threads) {
-                     return areAllIn(getAllThreadStackTrace({}).first, "[", threads);
-                 }},
-        Question{"Sampling",
-                 [](const auto& threads) {
-                     return areAllIn(sampleAllThreads(1s, 10ms), "Thread ", threads);
-                 }}),
+    testing::Values(Question{"ABlockedThread",
+                             [](const auto& threads) { return isDescribed(threads.blocked); }},
+                    Question{"ARunningThread",
+                             [](const auto& threads) { return isDescribed(threads.running); }},
+                    Question{"Itself",
+                             [](const auto&) {
+                                 return isDescribed(static_cast<unsigned int>(gettid()));
+                             }},
+                    Question{"AReport",
+                             [](const auto& threads) {
+                                 return areAllIn(getAllThreadStackTrace({}).first, "[", threads);
+                             }},
+                    Question{"Sampling",
+                             [](const auto& threads) {
+                                 return areAllIn(sampleAllThreads(1s, 10ms), "Thread ", threads);
+                             }}),
     [](const auto& question) { return question.param.name; });
 
 }  // namespace

@@ -33,17 +33,6 @@ unsigned long long capture(unsigned int threadId, std::vector<unsigned long long
     return getStackTrace(threadId, frames.data(), frames.size(), true);
 }
 
-bool isCaptured(unsigned int threadId) {
-    std::vector<unsigned long long> frames;
-    return capture(threadId, frames) > 1;
-}
-
-void blockUntil(const std::atomic<bool>& stop) {
-    while (!stop) {
-        poll(nullptr, 0, 10);
-    }
-}
-
 class Pipe {
  public:
     Pipe() { EXPECT_EQ(pipe2(ends_.data(), O_CLOEXEC), 0); }

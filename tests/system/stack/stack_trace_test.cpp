@@ -4,7 +4,6 @@
 #include <ThreadUtilities/StackTrace.h>
 #include <execinfo.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <ucontext.h>
@@ -69,9 +68,7 @@ void expectCallersOf(const Spot& spot, const Frames& frames) {
 
 [[gnu::noinline]] void blockHere(Spot& spot) {
     reach(spot);
-    while (!spot.stop) {
-        poll(nullptr, 0, 20);
-    }
+    blockUntil(spot.stop);
 }
 
 [[gnu::noinline]] void blockWithoutSignals(Spot& spot) {
@@ -79,9 +76,7 @@ void expectCallersOf(const Spot& spot, const Frames& frames) {
     std::uint64_t before = 0;
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, &everything, &before, sizeof(everything));
     reach(spot);
-    while (!spot.stop) {
-        poll(nullptr, 0, 20);
-    }
+    blockUntil(spot.stop);
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, &before, nullptr, sizeof(before));
 }
 
@@ -90,9 +85,7 @@ void expectCallersOf(const Spot& spot, const Frames& frames) {
     reach(spot);
     const pid_t child = vfork();
     if (child == 0) {
-        while (!spot.stop) {
-            poll(nullptr, 0, 20);
-        }
+        blockUntil(spot.stop);
         _exit(0);
     }
     waitpid(child, nullptr, 0);

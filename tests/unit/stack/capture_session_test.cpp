@@ -10,9 +10,7 @@
 #include <optional>
 
 #include "platform/clock.h"
-#include "scripted_platform/clock_script.h"
-#include "scripted_platform/process_script.h"
-#include "scripted_platform/threads_script.h"
+#include "scripted_platform/script.h"
 #include "unwind/frame_walk.h"
 
 namespace ThreadUtilities {
@@ -73,6 +71,7 @@ class CaptureSessions : public testing::Test {
         const int before = scripted::visits;
         EXPECT_EQ(session_.capture(thread), 3U);
         EXPECT_EQ(session_.frames()[2], 30U);
+        EXPECT_EQ(session_.isUnchanged(), scripted::visits == before);
         return scripted::visits - before;
     }
 
@@ -104,13 +103,15 @@ TEST_F(CaptureSessions, AThreadIsVisitedAgainOnlyWhenItHasRunSinceItWasAtRest) {
     EXPECT_EQ(visitsFor(target), 1);
 }
 
-TEST_F(CaptureSessions, ARunThatTookNoTimeIsOverlookedForAWhileAtMost) {
+TEST_F(CaptureSessions, ARunThatTookNoTimeIsOverlookedForFiveMillisecondsAtMost) {
     scripted::visitScripts[target] = visitOf(3, 10, firstRun);
     scripted::threadRuns[target] = firstRun;
     EXPECT_EQ(visitsFor(target), 1);
-    EXPECT_EQ(visitsFor(target), 0);
+    EXPECT_EQ(visitsFor(target), 0) << "proven now";
     scripted::threadRuns[target].count += 1;
-    scripted::advanceClock(std::chrono::milliseconds(25));
+    scripted::advanceClock(std::chrono::milliseconds(5) - std::chrono::nanoseconds(1));
+    EXPECT_EQ(visitsFor(target), 0);
+    scripted::advanceClock(std::chrono::nanoseconds(1));
     EXPECT_EQ(visitsFor(target), 1);
 }
 
@@ -133,7 +134,7 @@ TEST_F(CaptureSessions, KeepThreadsApartAndNoMoreFilesThanTheyMay) {
     EXPECT_TRUE(allWereGivenBack);
 }
 
-// Its witness would say nothing of another thread that has its id by now.
+// Its witness would say nothing of another thread that has its id by now, nor would its frames.
 TEST_F(CaptureSessions, ForgetAnEndedThreadAndTakeItsFileForOthers) {
     CaptureSession session(16, std::chrono::steady_clock::time_point::max(), 1);
     for (const unsigned int thread : {7U, 8U}) {
@@ -144,6 +145,12 @@ TEST_F(CaptureSessions, ForgetAnEndedThreadAndTakeItsFileForOthers) {
         session.capture(thread);
         EXPECT_EQ(scripted::openWitnesses, 0);
     }
+    scripted::visitScripts[target] = visitOf(3, 10, firstRun);
+    EXPECT_EQ(visitsFor(target), 1);
+    scripted::visitScripts[target] = visitOf(3, 10, std::nullopt);
+    EXPECT_EQ(visitsFor(target), 1) << "ended by what its witness says";
+    scripted::threadRuns[target] = firstRun;
+    EXPECT_EQ(visitsFor(target), 1) << "another, whose runs look the same";
 }
 
 TEST_F(CaptureSessions, AnAnswerThatFailedIsNotKept) {
@@ -157,13 +164,10 @@ TEST_F(CaptureSessions, AnAnswerThatFailedIsNotKept) {
     EXPECT_TRUE(scripted::lastVisit.suspend);
 }
 
-TEST_F(CaptureSessions, TheOwnThreadIsCapturedWithoutAVisit) {
+TEST_F(CaptureSessions, TheOwnThreadIsNotVisitedAndAFailureIsToldInTheFirstFrame) {
     EXPECT_EQ(session_.capture(self), 1U);
     EXPECT_EQ(session_.frames()[0], 77U);
     EXPECT_EQ(scripted::visits, 0);
-}
-
-TEST_F(CaptureSessions, AStackTraceThatFailsSaysSoInItsFirstFrame) {
     for (const unsigned int thread : {self, target}) {
         unsigned long long frame = 1;
         scripted::debuggerAttached = true;
