@@ -1,11 +1,14 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
+#include <ThreadUtilities/Threads.h>
 #include <dirent.h>
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,13 +17,12 @@
 #include <future>
 #include <latch>
 #include <memory>
-#include <new>
 #include <set>
-#include <string>
 #include <vector>
 
-#include <ThreadUtilities/Threads.h>
-
+#include "linux/capture/thread_stacks.h"
+#include "support/allocations.h"
+#include "support/copied_process.h"
 #include "support/forced_unwinding.h"
 #include "support/fork_child.h"
 #include "support/parked_thread.h"
@@ -33,13 +35,6 @@ extern "C" const char* __asan_default_options() {
     return "use_sigaltstack=0";
 }
 #endif
-
-// Allocation can be made to fail on one thread, as the start of a thread sees it.
-static thread_local bool outOfMemory = false;
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return outOfMemory ? nullptr : operator new(size);
-}
 
 namespace ThreadUtilities {
 namespace {
@@ -118,10 +113,8 @@ TEST(ThreadListOnLinux, HearsOfEveryKindOfStartAndEnd) {
 
 TEST(ThreadListOnLinux, AStartWithoutMemoryFailsAsTheSystemSays) {
     pthread_t thread;
-    outOfMemory = true;
-    const int error = pthread_create(&thread, nullptr, noteSelfAndReturn, nullptr);
-    outOfMemory = false;
-    EXPECT_EQ(error, EAGAIN);
+    const allocations::FailAfter fail(0);
+    EXPECT_EQ(pthread_create(&thread, nullptr, noteSelfAndReturn, nullptr), EAGAIN);
 }
 
 // A thread that was cancelled before may call anything; it ends where its own code lets it.
@@ -318,7 +311,8 @@ TEST(ThreadListOnLinux, KeepsAThreadUntilItsVeryEnd) {
     pthread_key_delete(key);
 }
 
-// Neither is told to fork handlers; the first question in the child finds out.
+// The first question in the child finds out; a signal handler may ask it, while the heap is locked
+// by a thread that the child does not have.
 TEST(ThreadListOnLinux, ACopyThatNobodyAnnouncesStartsAfreshToo) {
     if (underAddressSanitizer || underThreadSanitizer) {
         GTEST_SKIP() << copiesMayHang;
@@ -335,6 +329,10 @@ TEST(ThreadListOnLinux, ACopyThatNobodyAnnouncesStartsAfreshToo) {
     const auto child = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
     if (child == 0) {
         alarm(120);
+        {
+            const allocations::FailAfter fail(0);
+            getThreadId();
+        }
         _exit(copyIsRight() ? 0 : 1);
     }
     int status = 0;
@@ -371,3 +369,60 @@ TEST(ThreadListOnLinux, AnotherProcessIsListedByItsOwnIdOnly) {
 
 }  // namespace
 }  // namespace ThreadUtilities
+
+namespace ThreadUtilities::platform {
+namespace {
+
+unsigned int ownId() {
+    return static_cast<unsigned int>(gettid());
+}
+
+bool isReadable(std::uint64_t address) {
+    char byte;
+    const iovec local{&byte, 1};
+    const iovec remote{reinterpret_cast<void*>(address), 1};
+    return process_vm_readv(getpid(), &local, 1, &remote, 1, 0) == 1;
+}
+
+// Whether the calling thread stands in the range that is known of it, and all of it can be read.
+bool ownStackIsRight() {
+    ReadableRange stack;
+    if (!findThreadStack(ownId(), stack)) {
+        return false;
+    }
+    const auto here = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));
+    bool right = stack.begin <= here && here < stack.end;
+    for (std::uint64_t page = stack.begin; page < stack.end; page += 4096) {
+        right = right && isReadable(page);
+    }
+    return right;
+}
+
+TEST(ThreadStacks, AreTheThreadsOwnAndEndWithThem) {
+    EXPECT_TRUE(ownStackIsRight());
+    static std::array<char, 2000000> ownMemory;
+    pthread_attr_t defaults;
+    pthread_attr_t ownStack;
+    for (pthread_attr_t* const attributes : {&defaults, &ownStack}) {
+        pthread_attr_init(attributes);
+    }
+    pthread_attr_setstack(&ownStack, ownMemory.data() + 16, ownMemory.size() - 1000);
+    static unsigned int id;
+    for (const pthread_attr_t* const attributes : {&defaults, &ownStack}) {
+        pthread_t thread;
+        const auto body = [](void*) -> void* {
+            id = ownId();
+            EXPECT_TRUE(ownStackIsRight());
+            return nullptr;
+        };
+        ASSERT_EQ(pthread_create(&thread, attributes, body, nullptr), 0);
+        pthread_join(thread, nullptr);
+        ReadableRange stack;
+        EXPECT_FALSE(findThreadStack(id, stack)) << "it outlives its thread";
+    }
+    ReadableRange stack;
+    EXPECT_FALSE(findThreadStack(0, stack));
+}
+
+}  // namespace
+}  // namespace ThreadUtilities::platform

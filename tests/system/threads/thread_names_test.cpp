@@ -4,14 +4,38 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstdarg>
 #include <fstream>
 
 #include <ThreadUtilities/Threads.h>
 
 #include "support/fork_child.h"
 #include "support/parked_thread.h"
+
+static thread_local bool changesTakeLong = false;
+
+// A few looks of a reader.
+static void spinABit() {
+    for (int turn = 0; turn < 20'000; ++turn) {
+        asm volatile("");
+    }
+}
+
+// In front of the C library's.
+extern "C" int prctl(int option, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, option);
+    const auto argument = va_arg(arguments, unsigned long);
+    va_end(arguments);
+    changesTakeLong ? spinABit() : void();
+    const auto result = static_cast<int>(syscall(SYS_prctl, option, argument, 0, 0, 0));
+    changesTakeLong ? spinABit() : void();
+    return result;
+}
 
 namespace ThreadUtilities {
 namespace {
@@ -107,29 +131,34 @@ TEST(ThreadNamesOnLinux, OtherProcessesShowTheKernelsAndKeepTheirOwn) {
     EXPECT_EQ(result, 0);
 }
 
-// A reader gets one of the names that the thread gave itself, whole, or that of none.
+// Readers meet every moment of a change, each of which the hook above makes long enough: they get
+// one of the names that the thread gave itself, whole.
 TEST(ThreadNamesOnLinux, ReadersSeeTheNameBeforeOrAfterAChange) {
     const std::string even(40, 'e');
     const std::string odd(70, 'o');
-    std::promise<unsigned int> started;
-    std::jthread changing([&](const std::stop_token& stop) {
+    std::atomic<unsigned int> id{0};
+    std::atomic<bool> isOver{false};
+    std::jthread changing([&] {
         setThreadName(even);
-        started.set_value(getThreadId());
-        while (!stop.stop_requested()) {
-            setThreadName(odd);
-            setThreadName(even);
+        id = getThreadId();
+        changesTakeLong = true;
+        for (int change = 0; change < 1000; ++change) {
+            setThreadName(change % 2 == 0 ? odd : even);
+            spinABit();
+        }
+        isOver = true;
+        while (id != 0) {
+            std::this_thread::yield();
         }
     });
-    const unsigned int id = started.get_future().get();
-    std::vector<std::jthread> readers;
-    for (int reader = 0; reader < 2; ++reader) {
-        readers.emplace_back([&] {
-            for (int count = 0; count < 10000; ++count) {
-                const std::string name = getThreadName(id);
-                EXPECT_TRUE(name == even || name == odd) << name;
-            }
-        });
+    while (id == 0) {
+        std::this_thread::yield();
     }
+    while (!isOver) {
+        const std::string name = getThreadName(id);
+        EXPECT_TRUE(name == even || name == odd) << name;
+    }
+    id = 0;
 }
 
 }  // namespace

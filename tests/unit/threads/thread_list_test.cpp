@@ -6,8 +6,7 @@
 #include <ThreadUtilities/Threads.h>
 
 #include "platform/notices.h"
-#include "scripted_platform/process_script.h"
-#include "scripted_platform/threads_script.h"
+#include "scripted_platform/script.h"
 
 namespace ThreadUtilities {
 namespace {

@@ -1,49 +1,118 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
-// Modules that come, go and change under the list.
-
 #include <ThreadUtilities/StackTrace.h>
 #include <dlfcn.h>
 #include <elf.h>
+#include <gnu/libc-version.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <latch>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 
+#include "linux/modules/build_id.h"
 #include "linux/modules/image_reader.h"
+#include "linux/modules/process_map.h"
 #include "platform/modules.h"
 #include "platform/text.h"
-#include "support/fork_child.h"
+#include "support/copied_process.h"
+#include "support/parked_thread.h"
 #include "support/sanitizers.h"
 
-extern "C" {
-// What the plugin's initialiser calls.
-extern void (*pluginInitialiserHook)();
-void (*pluginInitialiserHook)() = nullptr;
-}
+// The module lists against what others say of them, also while modules come, go and change.
 
 namespace ThreadUtilities {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr platform::DebugGuid pluginGuid{0xDE, 0xAD, 0xBE, 0xEF};
+using platform::LoadedModule;
 
 unsigned int ownId() {
     return static_cast<unsigned int>(getpid());
 }
+
+std::string contentOf(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(ProcessModules, AChildsListEqualsTheOwnOne) {
+    const CopiedProcess child([] { pause(); });
+    std::map<std::uint64_t, LoadedModule> own;
+    for (LoadedModule& module : platform::listModules(ownId())) {
+        own.emplace(module.imageBase, std::move(module));
+    }
+    const auto modules = platform::listModules(child.id());
+    EXPECT_GE(modules.size(), 5U) << "program, C library, C++ library, loader, kernel image";
+    EXPECT_EQ(modules.size(), own.size());
+    for (const LoadedModule& module : modules) {
+        const std::string path = wideToUtf8(module.path);
+        ASSERT_TRUE(own.contains(module.imageBase)) << path;
+        const LoadedModule& same = own[module.imageBase];
+        EXPECT_EQ(module.imageSize, same.imageSize) << path;
+        EXPECT_EQ(module.debugGuid, same.debugGuid) << path;
+        EXPECT_EQ(fs::path(path).filename(),
+                  fs::weakly_canonical(wideToUtf8(same.path)).filename());
+    }
+    EXPECT_EQ(platform::moduleListVersion(child.id()), std::nullopt);
+}
+
+TEST(ProcessModules, AreReadWhereTheFirstThreadHasEnded) {
+    const CopiedProcess child([] {
+        pthread_t thread;
+        pthread_create(&thread, nullptr, [](void*) -> void* { return pause(), nullptr; }, nullptr);
+        syscall(SYS_exit, 0);
+    });
+    while (contentOf("/proc/" + std::to_string(child.id()) + "/stat").find(") Z") ==
+           std::string::npos) {
+        std::this_thread::yield();
+    }
+    const auto modules = platform::listModules(child.id());
+    EXPECT_EQ(modules.size(), platform::listModules(ownId()).size());
+}
+
+TEST(ProcessModules, AreEmptyWhereThereIsNothingToInspect) {
+    EXPECT_TRUE(platform::listModules(0).empty());
+    EXPECT_TRUE(platform::listModules(0xFFFFFFFF).empty());
+    EXPECT_TRUE(platform::listModules(0x7FFFFFFF).empty());
+    const CopiedProcess ended([] { _exit(0); });
+    ended.waitForEnd();
+    EXPECT_TRUE(platform::listModules(ended.id()).empty());
+    EXPECT_EQ(getFrameDetails(ended.id(), 0x401000), L"");
+    const ParkedThread noProcess;
+    EXPECT_TRUE(platform::listModules(noProcess.id()).empty());
+}
+
+TEST(FrameDetails, DescribeTheSameCodeInEveryProcess) {
+    // A function that no sanitizer puts its own in front of.
+    const auto address = reinterpret_cast<unsigned long long>(&gnu_get_libc_version) + 1;
+    Dl_info symbol;
+    ASSERT_NE(dladdr(reinterpret_cast<void*>(&gnu_get_libc_version), &symbol), 0);
+    const auto offset = address - reinterpret_cast<unsigned long long>(symbol.dli_fbase);
+    std::wstringstream expected;
+    expected << L"libc.so.6+0x" << std::hex << std::uppercase << offset << L'{';
+    const std::wstring text = getFrameDetails(0, address);
+    EXPECT_EQ(text.substr(0, text.find(L'{') + 1), expected.str());
+    const CopiedProcess child([] { pause(); });
+    EXPECT_EQ(getFrameDetails(child.id(), address), text);
+    EXPECT_EQ(getFrameDetails(0, reinterpret_cast<unsigned long long>(&symbol)), L"");
+    EXPECT_EQ(getFrameDetails(0, ~0ull), L"");
+}
+
+constexpr platform::DebugGuid pluginGuid{0xDE, 0xAD, 0xBE, 0xEF};
 
 /// A folder of its own that goes with it.
 class ScratchFolder {
@@ -151,11 +220,6 @@ TEST(ModuleChanges, MoreThanAreUsuallyLoadedAreListed) {
     EXPECT_EQ(pathAt(ownId(), plugins.back()->address(), guid), folder.path / "149");
 }
 
-std::string contentOf(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 TEST(ModuleChanges, AFileInMemoryHasOneName) {
     const int file = memfd_create("made", 0);
     const std::string content = contentOf(MODULES_TEST_PLUGIN);
@@ -224,30 +288,6 @@ TEST(ModuleChanges, ModulesOfOtherLinkMapNamespacesAreListed) {
     EXPECT_EQ(guid, pluginGuid);
 }
 
-std::atomic<int> hookCalls = 0;
-
-TEST(ModuleChanges, LookupsFromAModulesInitialiserDoNotWaitForTheLoader) {
-    pluginInitialiserHook = [] {
-        getFrameDetails(0, 1);
-        ++hookCalls;
-    };
-    constexpr int loads = 300;
-    {
-        const std::jthread reader([](const std::stop_token& stop) {
-            while (!stop.stop_requested()) {
-                getFrameDetails(0, 1);
-                platform::listModules(ownId());
-            }
-        });
-        for (int index = 0; index < loads; ++index) {
-            const Plugin plugin(MODULES_TEST_PLUGIN);
-            EXPECT_NE(getFrameDetails(0, plugin.address()), L"");
-        }
-    }
-    pluginInitialiserHook = nullptr;
-    EXPECT_EQ(hookCalls, loads);
-}
-
 TEST(ModuleChanges, ACopyOfTheProcessCanLookUpWhateverLocksWereHeld) {
     if (underAddressSanitizer || underThreadSanitizer) {
         GTEST_SKIP() << copiesMayHang;
@@ -295,3 +335,107 @@ TEST(ImageReader, TakesTheFileWhereTheMemoryCannotBeRead) {
 
 }  // namespace
 }  // namespace ThreadUtilities
+
+namespace ThreadUtilities::platform {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+void append(Bytes& bytes, const void* data, std::size_t size) {
+    const auto* const begin = static_cast<const std::uint8_t*>(data);
+    bytes.insert(bytes.end(), begin, begin + size);
+}
+
+Bytes note(std::string_view name, std::uint32_t type, const Bytes& description,
+           std::size_t padding = 4) {
+    Bytes bytes;
+    const std::uint32_t header[] = {static_cast<std::uint32_t>(name.size()),
+                                    static_cast<std::uint32_t>(description.size()), type};
+    append(bytes, header, sizeof(header));
+    append(bytes, name.data(), name.size());
+    bytes.resize((bytes.size() + padding - 1) / padding * padding);
+    append(bytes, description.data(), description.size());
+    bytes.resize((bytes.size() + padding - 1) / padding * padding);
+    return bytes;
+}
+
+Bytes operator+(Bytes left, const Bytes& right) {
+    append(left, right.data(), right.size());
+    return left;
+}
+
+constexpr std::string_view gnu("GNU\0", 4);
+
+TEST(ElfNotes, FindsTheBuildIdAndPadsItWithZeros) {
+    const Bytes id{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20};
+    const Bytes brief{0xDE, 0xAD, 0xBE, 0xEF};
+    const DebugGuid wholeGuid{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    const DebugGuid briefGuid{0xDE, 0xAD, 0xBE, 0xEF};
+    const struct {
+        const char* what;
+        Bytes bytes;
+        std::uint64_t alignment;
+        std::optional<DebugGuid> guid;
+    } cases[] = {
+        {"whole, after another", note("Xen", 3, brief) + note(gnu, 3, id), 4, wholeGuid},
+        {"after others", note(gnu, 1, Bytes(16)) + note("Xen", 3, id) + note(gnu, 3, brief), 4,
+         briefGuid},
+        {"padded to 8", note(gnu, 5, Bytes(12), 8) + note(gnu, 3, brief, 8), 8, briefGuid},
+        {"alignment 1 means 4", note(gnu, 3, brief), 1, briefGuid},
+        {"odd name first", note("stapsdt\0", 3, Bytes(5)) + note(gnu, 3, brief), 4, briefGuid},
+        {"no description", note(gnu, 3, {}), 4, std::nullopt},
+        {"another type", note(gnu, 4, id), 4, std::nullopt},
+        {"another name", note("GNX\0", 3, id), 4, std::nullopt},
+        {"nothing", {}, 4, std::nullopt},
+    };
+    for (const auto& one : cases) {
+        EXPECT_EQ(findBuildId(ByteCursor(one.bytes.data(), one.bytes.size()), one.alignment),
+                  one.guid)
+            << one.what;
+    }
+}
+
+TEST(ProcessMap, ReadsEveryWellFormedLine) {
+    const auto ranges = parseProcessMap(
+        "55d0-55e0 r--p 00000000 fe:01 1234                       /usr/bin/odd name (deleted)\n"
+        "7f0000001000-7f0000002000 r-xp 0001f000 00:2a 18446744073709551615 /a\\012b\n"
+        "7f0000002000-7f0000003000 rw-p 00000000 00:00 0 \n"
+        "ffffffffff600000-ffffffffff601000 --xp 00000000 00:00 0                  [vsyscall]\n");
+    ASSERT_EQ(ranges.size(), 4u);
+    EXPECT_EQ(ranges[0].begin, 0x55d0u);
+    EXPECT_EQ(ranges[0].end, 0x55e0u);
+    EXPECT_EQ(ranges[0].inode, 1234u);
+    EXPECT_FALSE(ranges[0].isExecutable);
+    EXPECT_EQ(ranges[0].name, "/usr/bin/odd name (deleted)");
+    EXPECT_EQ(ranges[1].fileOffset, 0x1f000u);
+    EXPECT_TRUE(ranges[1].isExecutable);
+    EXPECT_EQ(mappedFilePath(ranges[1].name, true), "/a\nb");
+    EXPECT_EQ(ranges[2].name, "");
+    EXPECT_EQ(ranges[3].end, 0xffffffffff601000u);
+    EXPECT_EQ(ranges[3].name, "[vsyscall]");
+}
+
+TEST(ProcessMap, LeavesDamagedLinesOut) {
+    const std::string good = "1000-2000 r-xp 00000000 fe:01 7 /good\n";
+    for (const char* line : {
+             "\n",
+             "1000-2000\n",
+             "2000-1000 r-xp 00000000 fe:01 7 /backwards\n",
+             "1000-20000000000000000 r-xp 00000000 fe:01 7 /too long\n",
+             "-1000-2000 r-xp 00000000 fe:01 7 /signed\n",
+             "1000-2000 r-xp 0000000x fe:01 7 /a\n",
+             "1000-2000 r-xp 00000000 fe:01\n",
+         }) {
+        EXPECT_EQ(parseProcessMap(good + line + good).size(), 2u) << line;
+    }
+    EXPECT_EQ(parseProcessMap(good + "1000-2000 r-xp 00000000 fe:01 7 /cut o").size(), 1u);
+}
+
+TEST(ProcessMap, PathsOfDeletedFiles) {
+    EXPECT_EQ(mappedFilePath("/lib/a.so (deleted)", true), "/lib/a.so");
+    EXPECT_EQ(mappedFilePath("/lib/a (deleted).so", true), "/lib/a (deleted).so");
+    EXPECT_EQ(mappedFilePath(" (deleted)", true), "");
+}
+
+}  // namespace
+}  // namespace ThreadUtilities::platform

@@ -1,18 +1,19 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
+#include <dlfcn.h>
+#include <gnu/lib-names.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/mman.h>
 
-#include <algorithm>
 #include <array>
-#include <cstddef>
 #include <thread>
 #include <vector>
 
+#include "foundation/ascii.h"
 #include "foundation/random.h"
-#include "support/fork_child.h"
+#include "foundation/system_library.h"
+#include "support/copied_process.h"
 #include "support/sanitizers.h"
 
 namespace vesko {
@@ -61,35 +62,24 @@ TEST(RandomAcrossFork, TheChildDrawsAtOnceAndOtherNumbers) {
     EXPECT_NE(first, own);
 }
 
-// Filled with one byte, so that it shows how far down it was used.
-constexpr char unused = 0x5A;
-std::array<char, 128 << 10> threadStack;
+}  // namespace
+}  // namespace vesko
 
-void* drawAndMeasure(void* used) {
-    char* const frame = static_cast<char*>(__builtin_frame_address(0));
-    std::fill(threadStack.data(), frame - 512, unused);
-    randomInt(0, 1, false);
-    const auto* const lowest = std::find_if(threadStack.begin(), threadStack.end(),
-                                            [](char byte) { return byte != unused; });
-    *static_cast<std::ptrdiff_t*>(used) = frame - lowest;
-    return nullptr;
-}
+namespace ThreadUtilities {
+namespace {
 
-TEST(Random, SeedsOnLittleStack) {
-    if (ThreadUtilities::underAddressSanitizer || ThreadUtilities::underThreadSanitizer) {
-        GTEST_SKIP() << "instrumented code needs more stack";
+TEST(SystemLibraryOnLinux, BindsWhatTheSystemHasAndRefusesTheRest) {
+    const auto library = loadSystemLibrary(wideFromAscii(LIBC_SO));
+    ASSERT_NE(library, nullptr);
+    EXPECT_EQ(platform::findEntryPoint(library, "gnu_get_libc_version"),
+              dlsym(RTLD_DEFAULT, "gnu_get_libc_version"));
+    EXPECT_EQ(platform::findEntryPoint(library, "noSuchFunction"), nullptr);
+    platform::closeLibrary(library);
+
+    for (const char* name : {"", ".", "../" LIBC_SO, "/lib/" LIBC_SO, "libNoSuchLibrary.so"}) {
+        EXPECT_EQ(loadSystemLibrary(wideFromAscii(name)), nullptr) << name;
     }
-    EXPECT_TRUE(ThreadUtilities::runInForkChild([] {
-                    pthread_attr_t attributes;
-                    pthread_attr_init(&attributes);
-                    pthread_attr_setstack(&attributes, threadStack.data(), threadStack.size());
-                    pthread_t thread;
-                    std::ptrdiff_t used = 0;
-                    pthread_create(&thread, &attributes, drawAndMeasure, &used);
-                    pthread_join(thread, nullptr);
-                    return used > 512 && used < 4096;
-                }) == 0);
 }
 
 }  // namespace
-}  // namespace vesko
+}  // namespace ThreadUtilities

@@ -2,14 +2,17 @@
 // SPDX-License-Identifier: MIT
 
 #include <gtest/gtest.h>
-
-#include <sstream>
-
 #include <vesko/external_input.h>
 #include <vesko/source_location.h>
 
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <sstream>
+#include <thread>
+
 #include "foundation/random.h"
-#include "scripted_platform/process_script.h"
+#include "scripted_platform/script.h"
 #include "support/allocations.h"
 #include "support/posted_location.h"
 
@@ -182,6 +185,70 @@ TEST(ThreadValuesTest, AreNotBegunWhenNothingWouldReleaseThem) {
         EXPECT_EQ(allocations::alive(), before);
     });
     ThreadUtilities::scripted::threadExitCallsAreRefused = false;
+}
+
+TEST(ContextStoreTest, KeepsEntriesAndHeadersInOrder) {
+    using std::chrono::milliseconds;
+    using Clock = std::chrono::system_clock;
+    const auto now = [] {
+        return std::chrono::floor<milliseconds>(Clock::now()).time_since_epoch().count();
+    };
+    const auto store = std::make_shared<context_store>();
+    const long long before = now();
+    store->addHeader("h");
+    store->addEntry(std::string("e\0f", 3));
+    const auto entries = store->getEntries();
+    ASSERT_EQ(entries.size(), 2u);
+    const auto& [isHeader, time, text] = entries[0];
+    EXPECT_TRUE(isHeader);
+    EXPECT_EQ(text, "h");
+    EXPECT_LE(before, time);
+    EXPECT_LE(time, now());
+    EXPECT_FALSE(std::get<0>(entries[1]));
+    EXPECT_EQ(std::get<2>(entries[1]), std::string("e\0f", 3));
+}
+
+TEST(ContextStoreTest, ShowsAnItemWhenItsTextIsCopiedOrCannotBe) {
+    static context_store store;
+    static std::size_t seenMeanwhile = 1;
+    const std::string longText(200, 'x');
+    allocations::callFromNext([] { seenMeanwhile = store.getEntries().size(); });
+    store.addEntry(longText);
+    EXPECT_EQ(seenMeanwhile, 0U);
+    {
+        allocations::FailAfter fail(0);
+        EXPECT_THROW(store.addHeader(longText), std::bad_alloc);
+    }
+    const auto entries = store.getEntries();
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(std::get<2>(entries[0]), longText);
+    EXPECT_EQ(std::get<2>(entries[1]), "");
+}
+
+// Each adder numbers its items: they stand in their order, and beyond the hundredth of all nothing
+// is kept.
+TEST(ContextStoreTest, GivesEachOfItsPlacesToOneOfAllThatAdd) {
+    for (int round = 0; round < 50; ++round) {
+        context_store store;
+        std::vector<std::thread> threads;
+        for (int adder = 0; adder < 4; ++adder) {
+            threads.emplace_back([&store, adder] {
+                for (int number = 0; number < 40; ++number) {
+                    store.addEntry(std::to_string(adder) + ' ' + std::to_string(number));
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        const auto entries = store.getEntries();
+        ASSERT_EQ(entries.size(), 100u);
+        int next[4] = {};
+        for (const auto& [isHeader, time, text] : entries) {
+            int& number = next[text.at(0) - '0'];
+            ASSERT_EQ(std::stoi(text.substr(2)), number++);
+        }
+    }
 }
 
 }  // namespace
