@@ -299,6 +299,8 @@ TEST(Modules, OfAChildProcess) {
 namespace ThreadUtilities {
 namespace {
 
+using tests::TargetThread;
+
 bool contains(const std::vector<unsigned int>& ids, unsigned int id) {
     return std::find(ids.begin(), ids.end(), id) != ids.end();
 }
@@ -357,17 +359,10 @@ TEST(SystemLibraries, ComeFromTheSystemFolderAlone) {
     }
 }
 
-}  // namespace
-}  // namespace ThreadUtilities
-
-namespace ThreadUtilities {
-namespace {
-
-using tests::TargetThread;
-using CallThrough = void (*)(void (*function)(void*), void* argument);
 using Frames = std::array<unsigned long long, 256>;
 
 /// A frame of the plug-in between frames of the program: calls `function(argument)`.
+using CallThrough = void (*)(void (*function)(void*), void* argument);
 
 CallThrough loadedCallThrough() {
     static const HMODULE plugin = LoadLibraryA(TEST_PLUGIN);
