@@ -17,8 +17,8 @@
 #include "platform/clock.h"
 #include "platform/current.h"
 #include "platform/debugger.h"
+#include "platform/fork_child.h"
 #include "platform/memory.h"
-#include "platform/process_copy.h"
 #include "platform/system_library.h"
 #include "platform/text.h"
 #include "platform/thread_exit.h"
@@ -219,7 +219,8 @@ bool isDebuggerAttached() noexcept {
 }
 
 // The scripted system never copies a process.
-RestartInCopy::RestartInCopy(void (*restartFunction)()) noexcept : restart(restartFunction) {}
+RestartInForkChild::RestartInForkChild(void (*restartFunction)()) noexcept
+    : restart(restartFunction) {}
 
 ThreadExitCall::ThreadExitCall(void (*exitFunction)() noexcept) noexcept
     : function(exitFunction), systemKey(0) {}
@@ -303,7 +304,7 @@ ReadableRange currentStackRange() noexcept {
     return {};
 }
 
-RunWitness::RunWitness(unsigned int threadId, bool) noexcept : threadId_(threadId), file_(0) {
+RunWitness::RunWitness(unsigned int threadId, bool) noexcept : id(threadId), runsFile(0) {
     ++scripted::openWitnesses;
 }
 
@@ -312,7 +313,7 @@ RunWitness::~RunWitness() {
 }
 
 std::optional<ThreadRuns> RunWitness::read() const noexcept {
-    const auto found = scripted::threadRuns.find(threadId_);
+    const auto found = scripted::threadRuns.find(id);
     return found == scripted::threadRuns.end() ? std::nullopt : std::optional(found->second);
 }
 

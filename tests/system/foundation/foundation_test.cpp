@@ -13,7 +13,7 @@
 #include "foundation/ascii.h"
 #include "foundation/random.h"
 #include "foundation/system_library.h"
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/sanitizers.h"
 
 namespace vesko {

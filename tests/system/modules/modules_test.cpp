@@ -28,7 +28,7 @@
 #include "linux/modules/process_map.h"
 #include "platform/modules.h"
 #include "platform/text.h"
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/parked_thread.h"
 #include "support/sanitizers.h"
 
@@ -50,7 +50,7 @@ std::string contentOf(const fs::path& path) {
 }
 
 TEST(ProcessModules, AChildsListEqualsTheOwnOne) {
-    const CopiedProcess child([] { pause(); });
+    const ForkChild child([] { pause(); });
     std::map<std::uint64_t, LoadedModule> own;
     for (LoadedModule& module : platform::listModules(ownId())) {
         own.emplace(module.imageBase, std::move(module));
@@ -71,7 +71,7 @@ TEST(ProcessModules, AChildsListEqualsTheOwnOne) {
 }
 
 TEST(ProcessModules, AreReadWhereTheFirstThreadHasEnded) {
-    const CopiedProcess child([] {
+    const ForkChild child([] {
         pthread_t thread;
         pthread_create(&thread, nullptr, [](void*) -> void* { return pause(), nullptr; }, nullptr);
         syscall(SYS_exit, 0);
@@ -88,7 +88,7 @@ TEST(ProcessModules, AreEmptyWhereThereIsNothingToInspect) {
     EXPECT_TRUE(platform::listModules(0).empty());
     EXPECT_TRUE(platform::listModules(0xFFFFFFFF).empty());
     EXPECT_TRUE(platform::listModules(0x7FFFFFFF).empty());
-    const CopiedProcess ended([] { _exit(0); });
+    const ForkChild ended([] { _exit(0); });
     ended.waitForEnd();
     EXPECT_TRUE(platform::listModules(ended.id()).empty());
     EXPECT_EQ(getFrameDetails(ended.id(), 0x401000), L"");
@@ -106,7 +106,7 @@ TEST(FrameDetails, DescribeTheSameCodeInEveryProcess) {
     expected << L"libc.so.6+0x" << std::hex << std::uppercase << offset << L'{';
     const std::wstring text = getFrameDetails(0, address);
     EXPECT_EQ(text.substr(0, text.find(L'{') + 1), expected.str());
-    const CopiedProcess child([] { pause(); });
+    const ForkChild child([] { pause(); });
     EXPECT_EQ(getFrameDetails(child.id(), address), text);
     EXPECT_EQ(getFrameDetails(0, reinterpret_cast<unsigned long long>(&symbol)), L"");
     EXPECT_EQ(getFrameDetails(0, ~0ull), L"");

@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/sanitizers.h"
 #include "support/target_thread.h"
 #include "threads/thread_list.h"
@@ -146,7 +146,7 @@ TEST(HostileHost, ACopyMadeDuringASamplingCallCanSampleItself) {
     });
     for (int round = 0; round < 50; ++round) {
         const bool takesTime = round % 25 == 0;
-        const int status = runInCopy([takesTime] {
+        const int status = runInForkChild([takesTime] {
             const std::string report = sampleAllThreads(takesTime ? 1s : 0s, 100ms);
             const std::string self = "\n\nThread " + std::to_string(getThreadId()) + " [";
             const bool isSampled = report.find(self) != std::string::npos;
@@ -160,7 +160,7 @@ TEST(HostileHost, AWorkerThatCannotBeStartedIsAnException) {
     if (underAddressSanitizer || underThreadSanitizer) {
         GTEST_SKIP() << "sanitizers want more address space than the limit leaves";
     }
-    const int status = runInCopy([] {
+    const int status = runInForkChild([] {
         // Stacks that the address space has no room for.
         constexpr std::size_t stackSize = std::size_t{1} << 32;
         pthread_attr_t attributes;

@@ -16,8 +16,8 @@
 
 #include "platform/thread_exit.h"
 #include "support/allocations.h"
-#include "support/copied_process.h"
 #include "support/forced_unwinding.h"
+#include "support/fork_child.h"
 #include "support/posted_location.h"
 #include "support/sanitizers.h"
 

@@ -19,7 +19,7 @@
 #include "platform/run_witness.h"
 #include "platform/thread_context.h"
 #include "stack/capture_session.h"
-#include "support/copied_process.h"
+#include "support/fork_child.h"
 #include "support/sanitizers.h"
 #include "support/target_thread.h"
 
@@ -211,7 +211,7 @@ TEST(AThreadAtRest, IsVisitedAgainWhenItRanMeanwhile) {
     EXPECT_TRUE(eventually([] { return kernelViewOf(turns.threadId).sleeps; }));
     // When the visitor returns, everything looks as it did; but it has seen two moments.
     const auto letItRun = [](const ThreadContext& context, platform::VisitRoom& room) noexcept {
-        EXPECT_FALSE(context.standsStill) << "woken to be looked at";
+        EXPECT_FALSE(context.isStopped) << "woken to be looked at";
         if (++turns.visits == 1) {
             makeOneTurn();
         }
@@ -299,11 +299,11 @@ int captureUnderAForeignProc() {
 }
 
 TEST(UnderTheProcOfAnotherNamespace, NoThreadIsTakenForAnother) {
-    CopiedProcess outside([] {
+    ForkChild outside([] {
         if (unshare(CLONE_NEWPID) != 0) {
             return notPossible;
         }
-        return CopiedProcess(captureUnderAForeignProc).result();
+        return ForkChild(captureUnderAForeignProc).result();
     });
     const int result = outside.result();
     if (result == notPossible) {

@@ -22,7 +22,6 @@
 
 #include "linux/capture/thread_stacks.h"
 #include "support/allocations.h"
-#include "support/copied_process.h"
 #include "support/forced_unwinding.h"
 #include "support/fork_child.h"
 #include "support/parked_thread.h"

@@ -142,7 +142,7 @@ TEST(ThreadContext, AThreadStandsExactlyForTheVisit) {
             EXPECT_EQ(visit(target.id(), suspend, look), VisitResult::Visited);
             EXPECT_EQ(sight.visits, 1);
             EXPECT_EQ(sight.suspendCount, suspend ? 1u : 0u);
-            EXPECT_EQ(sight.context.standsStill, suspend);
+            EXPECT_EQ(sight.context.isStopped, suspend);
             EXPECT_EQ(target.suspendCount(), 0u);
 
             MEMORY_BASIC_INFORMATION stack{};
