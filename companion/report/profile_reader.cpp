@@ -172,8 +172,15 @@ void ProfileReader::readFrames(ThreadProfile& thread) {
             break;
         }
         if (line.empty()) {
+            const std::size_t number = lines.number();
             lines.advance();
-            break;
+            const auto next = parseFrameLine(withoutLineEnd(lines.peek()));
+            if (!next || next->depth != outermostDepth) {
+                break;
+            }
+            // No thread's calls go on behind one; what was read belongs to the name as well.
+            complain(number, "an empty line inside of a thread, taken for a part of its name");
+            continue;
         }
         const auto frame = parseFrameLine(line);
         if (frame && readFrame(thread, *frame)) {

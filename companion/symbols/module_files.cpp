@@ -134,7 +134,7 @@ std::optional<ElfIdentity> identify(const fs::path& file) {
 
 void ModuleFiles::refuse(const fs::path& file, const Module& module, const std::string& id,
                          const std::string& wanted) {
-    refusals.push_back(file.string() + ": has id " + id + ", the report's " + module.fileName +
+    refusals.push_back(file.string() + ": has " + id + ", the report's " + module.fileName +
                        " has " + wanted + ": not used");
 }
 
@@ -146,7 +146,8 @@ bool ModuleFiles::consider(const fs::path& file, const Module& module, bool isNa
     }
     if (!identity->matches(module.guid)) {
         if (isNamedByUser) {
-            refuse(file, module, identity->buildId.empty() ? "(none)" : identity->text(),
+            refuse(file, module,
+                   "build-id " + (identity->buildId.empty() ? "(none)" : identity->text()),
                    buildIdText(module.guid) + "...");
         }
         return false;
@@ -284,7 +285,7 @@ std::optional<ModuleFiles::FoundWindows> ModuleFiles::considerWindows(const fs::
         return std::nullopt;
     }
     if (identity->guid != module.guid) {
-        refuse(file, module, guidText(identity->guid), guidText(module.guid));
+        refuse(file, module, "GUID " + guidText(identity->guid), guidText(module.guid));
         return std::nullopt;
     }
     FoundWindows found = {file, {}, identity->hasDwarf};
@@ -299,7 +300,7 @@ std::optional<ModuleFiles::FoundWindows> ModuleFiles::considerWindows(const fs::
             found.pdb = pdb;
             return found;
         }
-        refuse(pdb, module, guid ? guidText(*guid) : "(none)", guidText(module.guid));
+        refuse(pdb, module, "GUID " + (guid ? guidText(*guid) : "(none)"), guidText(module.guid));
         return std::nullopt;
     }
     return found;

@@ -141,5 +141,17 @@ TEST(ReportReader, WritesAGuidAsTheBytesOfABuildId) {
     EXPECT_FALSE(parseGuid("b5883EE7-D27B-21B7-F8A9-228ED6808B85"));
 }
 
+TEST(ReportReader, FindsTheThreadBehindANameLikeAWholeThread) {
+    const std::string frame = "a+0x1{00000000-0000-0000-0000-000000000001};\n";
+    const Pieces pieces("Total sample count: 5\nParallelism: 1\n\nThread 7 [2]: x\n  [1]: " +
+                        frame + "\n  [2]: " + frame + "\nThread 8 [3]: y\n  [3]: " + frame + "\n");
+    EXPECT_EQ(pieces.text, "");
+    const auto& threads = pieces.document.profiles.at(0).threads;
+    ASSERT_EQ(threads.size(), 2U);
+    EXPECT_EQ(threads[0].nodes.size(), 1U);
+    EXPECT_EQ(threads[1].name, "y");
+    EXPECT_EQ(pieces.document.complaints.at(0).line, 6U);
+}
+
 }  // namespace
 }  // namespace ThreadUtilities::companion

@@ -26,7 +26,7 @@ cp "$folder/profile_word_index.pdb" "$scratch/mixed/AnotherProgram_.pdb"
 status=0
 read_with "$scratch/mixed" || status=$?
 [[ $status -eq 2 ]]
-grep -q 'AnotherProgram_.pdb: has id .*: not used' "$scratch/why"
+grep -q 'AnotherProgram_.pdb: has GUID .*: not used' "$scratch/why"
 if grep 'sampleAllThreads' "$scratch/read"; then
     exit 1
 fi
