@@ -6,6 +6,7 @@
 #include <dwarf.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 
 namespace ThreadUtilities::companion {

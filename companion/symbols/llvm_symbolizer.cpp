@@ -8,12 +8,18 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <span>
 #include <sstream>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "symbols/function_names.h"
 

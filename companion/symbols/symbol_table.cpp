@@ -7,6 +7,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <vector>
 
 namespace ThreadUtilities::companion {
 namespace {

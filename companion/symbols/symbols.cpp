@@ -5,8 +5,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "symbols/debug_information.h"
 #include "symbols/llvm_symbolizer.h"

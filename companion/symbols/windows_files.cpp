@@ -4,10 +4,9 @@
 #include "symbols/windows_files.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <cstdlib>
 #include <fstream>
 #include <string_view>
 #include <vector>
