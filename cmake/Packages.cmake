@@ -10,7 +10,11 @@ set(CPACK_PACKAGE_CONTACT "The ThreadUtilities authors <threadutilities@localhos
 set(CPACK_RESOURCE_FILE_LICENSE "${PROJECT_SOURCE_DIR}/LICENSE")
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL Runtime Development)
+set(CPACK_COMPONENTS_ALL Development)
+if(BUILD_SHARED_LIBS)
+    # A program with the static library needs nothing of it any more.
+    list(PREPEND CPACK_COMPONENTS_ALL Runtime)
+endif()
 if(TARGET thread-utilities)
     list(APPEND CPACK_COMPONENTS_ALL Companion)
 endif()
@@ -28,8 +32,10 @@ if(NOT WIN32)
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libthreadutilities-dev)
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
     set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION} (headers)")
-    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-        "libthreadutilities${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
+    if(BUILD_SHARED_LIBS)
+        set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+            "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+    endif()
     # It reads texts, which any release of the library may have written.
     set(CPACK_DEBIAN_COMPANION_PACKAGE_NAME thread-utilities)
     set(CPACK_DEBIAN_COMPANION_PACKAGE_SECTION devel)
@@ -38,5 +44,12 @@ if(NOT WIN32)
     set(CPACK_DEBIAN_COMPANION_PACKAGE_SHLIBDEPS ON)
     # libdw loads it where DEBUGINFOD_URLS is set.
     set(CPACK_DEBIAN_COMPANION_PACKAGE_RECOMMENDS "libdebuginfod1t64 | libdebuginfod1")
+    # Where Debian looks for a package's licence, which goes with every copy.
+    foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+        string(TOUPPER "${component}" component_upper)
+        install(FILES "${PROJECT_SOURCE_DIR}/LICENSE" RENAME copyright COMPONENT ${component}
+            DESTINATION
+                "${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${component_upper}_PACKAGE_NAME}")
+    endforeach()
 endif()
 include(CPack)

@@ -34,6 +34,9 @@ if [[ $kind == deb ]]; then
     # A program needs the run-time package; that one, the C library of the system it was made on.
     grep -qx 'Depends: libthreadutilities1 (= .*)' "$scratch/fields"
     grep -q '^Depends: libc6 (>= ' "$scratch/fields"
+    for package in libthreadutilities1 libthreadutilities-dev; do
+        cmp "$source/LICENSE" "$scratch/first/usr/share/doc/$package/copyright"
+    done
     mv "$scratch/first/usr" "$place"
     if [[ -e $build/companion/thread-utilities ]]; then
         grep -A 1 -x 'Package: thread-utilities' "$scratch/fields" | grep -q '^Depends: .*libdw1'
