@@ -11,7 +11,9 @@ execute_process(COMMAND ${READELF} --dynamic --wide "${LIBRARY}"
 execute_process(COMMAND ${READELF} --program-headers --wide "${LIBRARY}"
     OUTPUT_VARIABLE segments COMMAND_ERROR_IS_FATAL ANY)
 
-set(allowed libstdc++.so.6 libgcc_s.so.1 libm.so.6 libc.so.6 ld-linux-x86-64.so.2)
+# The C library and whichever C++ standard library it was built with.
+set(allowed libm.so.6 libc.so.6 ld-linux-x86-64.so.2 libgcc_s.so.1 libstdc++.so.6
+    libc++.so.1 libc++abi.so.1 libunwind.so.1)
 string(REGEX MATCHALL "\\(NEEDED\\)[^\n]*\\[[^]]*\\]" needed "${dynamic}")
 list(LENGTH needed count)
 if(count EQUAL 0)

@@ -33,7 +33,7 @@ if [[ $kind == deb ]]; then
     done | tee "$scratch/fields"
     # A program needs the run-time package; that one, the C library of the system it was made on.
     grep -qx 'Depends: libthreadutilities1 (= .*)' "$scratch/fields"
-    grep -q '^Depends: libc6 (>= ' "$scratch/fields"
+    grep -qE '^Depends: (.*, )?libc6 \(>= ' "$scratch/fields"
     for package in libthreadutilities1 libthreadutilities-dev; do
         cmp "$source/LICENSE" "$scratch/first/usr/share/doc/$package/copyright"
     done

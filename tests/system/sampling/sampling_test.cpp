@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/forced_unwinding.h"
 #include "support/fork_child.h"
 #include "support/sanitizers.h"
 #include "support/target_thread.h"
@@ -180,6 +181,9 @@ TEST(HostileHost, AWorkerThatCannotBeStartedIsAnException) {
 }
 
 TEST(HostileHost, ACancelledCallEndsWithItsWorkers) {
+    if (!threadsMayUnwind) {
+        GTEST_SKIP() << unwindersDisagree;
+    }
     if (underThreadSanitizer) {
         GTEST_SKIP() << "ThreadSanitizer cannot join a thread again whose join was cancelled";
     }
@@ -203,6 +207,9 @@ TEST(HostileHost, ACancelledCallEndsWithItsWorkers) {
 }
 
 TEST(HostileHost, ACallbackThatEndsItsThreadEndsTheRun) {
+    if (!threadsMayUnwind) {
+        GTEST_SKIP() << unwindersDisagree;
+    }
     const std::size_t before = ownThreadCount();
     const std::thread::id caller = std::this_thread::get_id();
     const std::string report =

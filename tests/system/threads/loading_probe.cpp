@@ -54,10 +54,17 @@ Library findLibrary(void* handle) {
     Library library;
     find(library.threadIds, "_ZN9ThreadIds12getThreadIdsEv");
     find(library.mainThreadId, "_ZN9ThreadIds15getMainThreadIdEv");
+#if defined(_LIBCPP_VERSION)
+    find(library.setName,
+         "_ZN15ThreadUtilities13setThreadNameERKNSt3__112basic_stringIcNS0_11char_"
+         "traitsIcEENS0_9allocatorIcEEEE");
+    find(library.name, "_ZN15ThreadUtilities13getThreadNameEj");
+#else
     find(library.setName,
          "_ZN15ThreadUtilities13setThreadNameERKNSt7__cxx1112basic_stringIcSt11char_"
          "traitsIcESaIcEEE");
     find(library.name, "_ZN15ThreadUtilities13getThreadNameB5cxx11Ej");
+#endif
     return library;
 }
 
