@@ -17,6 +17,7 @@
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,11 +30,13 @@
 #include <string>
 #include <vector>
 
+#include "support/forced_unwinding.h"
 #include "support/parked_thread.h"
 
 namespace {
 
 using ThreadUtilities::ParkedThread;
+using ThreadUtilities::threadsMayUnwind;
 using Ids = std::vector<unsigned int>;
 
 struct Library {
@@ -162,7 +165,10 @@ void checkEndOfFirstThread(const Library& library) {
             _exit(0);
         },
         nullptr);
-    pthread_exit(nullptr);
+    if constexpr (threadsMayUnwind) {
+        pthread_exit(nullptr);
+    }
+    syscall(SYS_exit, 0);
 }
 
 // ThreadSanitizer has no state for a first thread that is joined.
