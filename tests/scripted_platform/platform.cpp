@@ -176,9 +176,8 @@ bool findCodeModule(std::uint64_t address, CodeModule& module, bool) noexcept {
     return false;
 }
 
-// Every module of a script can be replaced by another.
 std::uint64_t permanentIdentity() noexcept {
-    return 0;
+    return scripted::permanentIdentity;
 }
 
 ReadableRange readableSegment(const CodeModule& module, std::uint64_t address) noexcept {

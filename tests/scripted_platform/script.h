@@ -48,6 +48,8 @@ std::vector<std::uint8_t> bytesOf(const std::vector<std::uint64_t>& words);
 
 /// All bytes of these can be read.
 inline std::vector<platform::CodeModule> codeModules;
+/// What `platform::permanentIdentity` answers: at first, every module can be replaced by another.
+inline std::uint64_t permanentIdentity = 0;
 
 struct ProcessModules {
     std::vector<platform::LoadedModule> modules;

@@ -30,6 +30,9 @@ constexpr std::uint64_t trampoline = 0x8000;         ///< signal frame of 64 byt
 constexpr std::uint64_t outermost = 0x9000;          ///< without a caller
 constexpr std::uint64_t silent = 0xB000;             ///< pushes what its tables leave out
 constexpr std::uint64_t caller = 0xC000;             ///< frame of 32 bytes, as `plain`
+constexpr std::uint64_t losesFramePointer = 0xF000;  ///< the same, rbp undefined
+constexpr std::uint64_t waiting = 0xE000;            ///< as `withFramePointer` behind its call
+constexpr std::uint64_t behindPlain = 0x4100;        ///< frame of 16 bytes
 
 class FrameWalk : public testing::Test {
  protected:
@@ -45,15 +48,20 @@ class FrameWalk : public testing::Test {
         builder.addFunction(cie, outermost, 0x100, {0x07, 16});
         builder.addFunction(cie, silent, 0x100, {});
         builder.addFunction(cie, caller, 0x100, {0x0E, 32});
+        builder.addFunction(cie, losesFramePointer, 0x100, {0x0E, 32, 0x07, 6});
+        builder.addFunction(cie, waiting, 0x100, {0x50, 0x0C, 6, 16, 0x86, 2});
+        builder.addFunction(cie, behindPlain, 0x20, {0x0E, 16});
         builder.finish();
     }
     void TearDown() override {
+        scripted::permanentIdentity = 0;
         scripted::codeModules.clear();
         scripted::memory.clear();
     }
 
     void addModule(bool isPermanent) {
         scripted::codeModules.push_back(builder.module(isPermanent));
+        scripted::memory[builder.address()] = builder.memory;
     }
 
     /// The address right behind a call in the function.
@@ -80,10 +88,10 @@ class FrameWalk : public testing::Test {
         context.registers[platform::Rsp] = stackBegin;
     }
 
-    std::vector<unsigned long long> walk(std::uint64_t from, WalkEnd end) {
+    std::vector<unsigned long long> walk(std::uint64_t from, WalkEnd end, std::size_t room = 16) {
         context.registers[platform::Rip] = from;
         unsigned long long frames[16];
-        const WalkResult result = walkThread(context, frames, 16);
+        const WalkResult result = walkThread(context, frames, room);
         EXPECT_EQ(result.end, end);
         return {frames, frames + result.frameCount};
     }
@@ -118,16 +126,6 @@ TEST_F(FrameWalk, FindsAnUnknownFramePointerWhereItWasSaved) {
     for (int round = 0; round < 3; ++round) {
         EXPECT_EQ(walk(in(savesFramePointer), WalkEnd::EndOfStack),
                   (Expected{in(withFramePointer), in(outermost)}));
-    }
-}
-
-/// Cached rules do not carry rbx along; the walk starts over with the tables when it is needed.
-TEST_F(FrameWalk, FindsFramesByRegistersThatCachedRulesLose) {
-    addModule(true);
-    setStack({0, 0, stackBegin + 64, in(plain), 0, 0, 0, in(byRbx), 0, in(outermost)});
-    for (int round = 0; round < 3; ++round) {
-        EXPECT_EQ(walk(in(savesRbx), WalkEnd::EndOfStack),
-                  (Expected{in(plain), in(byRbx), in(outermost)}));
     }
 }
 
@@ -187,21 +185,73 @@ TEST_F(FrameWalk, BelievesCodeThatIsCalledByNameAndLeadsOn) {
 /// tables know of a frame, what lies below it is none.
 TEST_F(FrameWalk, BelievesNoCodeOfAFrameThatMayBeAnother) {
     addModule(true);
-    put(withFramePointer, {0x55, 0x48, 0x89, 0xE5, 0x48, 0x83, 0xEC, 0x10});
-    callFrom(caller, withFramePointer);
+    put(waiting, {0x55, 0x48, 0x89, 0xE5, 0x48, 0x83, 0xEC, 0x10, 0, 0, 0, 0, 0, 0, 0x0F, 0x05});
+    callFrom(caller, waiting);
     setStack({0, 0, 0, in(caller), 0, 0, 0, in(outermost)});
     context.knownRegisters =
         platform::registerBit(platform::Rip) | platform::registerBit(platform::Rsp);
-    EXPECT_EQ(walk(in(withFramePointer), WalkEnd::UnknownRegister), Expected{});
-    put(withFramePointer + 14, {0x0F, 0x05});
-    EXPECT_EQ(walk(in(withFramePointer), WalkEnd::EndOfStack),
-              (Expected{in(caller), in(outermost)}));
+    EXPECT_EQ(walk(in(waiting), WalkEnd::EndOfStack), (Expected{in(caller), in(outermost)}));
+    put(waiting + 14, {0, 0});
+    EXPECT_EQ(walk(in(waiting), WalkEnd::UnknownRegister), Expected{});
 
     put(plain, {0x53});
     callFrom(caller, plain);
     setStack({0, in(caller), 0, 1, 0, in(outermost)});
     context.knownRegisters = platform::allRegisters;
     EXPECT_EQ(walk(builder.address(plain + 1), WalkEnd::NoReturnAddress), Expected{});
+
+    // A frame pointer that was known at first: the thread is held.
+    put(withFramePointer, {0x55, 0x48, 0x89, 0xE5, 0x48, 0x83, 0xEC, 0x10});
+    callFrom(caller, withFramePointer);
+    setStack({0, 0, 0, in(withFramePointer), 0, 0, 0, in(caller), 0, 0, 0, in(outermost)});
+    EXPECT_EQ(walk(in(losesFramePointer), WalkEnd::UnknownRegister),
+              Expected{in(withFramePointer)});
+
+    // A caller whose own caller would lie below it.
+    put(silent, {0x53, 0x53});
+    callFrom(withFramePointer, silent);
+    setStack({0, in(outermost), in(withFramePointer), 0, 0, 0});
+    context.registers[platform::Rbp] = stackBegin;
+    EXPECT_EQ(walk(builder.address(silent + 2), WalkEnd::EndOfStack), Expected{});
+}
+
+/// Damage, other stacks, and registers that cached rules do not carry along: what the first walk
+/// finds with every check, the next ones find by the rules that it left.
+TEST_F(FrameWalk, FindsTheSameByCachedRules) {
+    addModule(true);
+    constexpr std::uint64_t lower = 0x6000'0000;
+    scripted::memory[lower] =
+        scripted::bytesOf({0, in(plain), 0, 0, 0, in(caller), 0, 0, 0, in(outermost)});
+    using Words = std::vector<std::uint64_t>;
+    const Words byFrame{0, 0, 0, in(withFramePointer), 0, in(outermost)};
+    const Words saved{0, 0, stackBegin + 64, in(plain), 0, 0, 0, in(byRbx), 0, in(outermost)};
+    const Words both{0, in(savesRbx), 0, 0, stackBegin + 64, in(byRbx), 0, 0, 0, in(outermost)};
+    const struct {
+        const char* name;
+        std::uint64_t from;
+        std::uint64_t frame;  ///< rbp and rbx
+        Words stack;
+        Expected expected;
+        WalkEnd end = WalkEnd::EndOfStack;
+    } cases[] = {
+        {"frame below the stack pointer", plain, stackBegin - 4096, byFrame,
+         Expected{in(withFramePointer)}, WalkEnd::Unreadable},
+        {"frame at the end of all addresses", plain, UINT64_MAX - 7, byFrame,
+         Expected{in(withFramePointer)}, WalkEnd::Unreadable},
+        {"by a saved register", savesRbx, 0, saved, Expected{in(plain), in(byRbx), in(outermost)}},
+        {"by one that had another value", byRbx, stackBegin, both,
+         Expected{in(savesRbx), in(byRbx), in(outermost)}},
+        {"on a stack that lies lower", byRbx, lower, Words(1),
+         Expected{in(plain), in(caller), in(outermost)}},
+    };
+    for (const auto& tested : cases) {
+        SCOPED_TRACE(tested.name);
+        setStack(tested.stack);
+        context.registers[platform::Rbp] = context.registers[platform::Rbx] = tested.frame;
+        for (int round = 0; round < 3; ++round) {
+            EXPECT_EQ(walk(in(tested.from), tested.end), tested.expected);
+        }
+    }
 }
 
 /// The prologue aligns the stack: between it and the frame lies nobody knows how much, up to 56
@@ -223,10 +273,14 @@ TEST_F(FrameWalk, BelievesTheOnlyFrameAboveAnAlignedStack) {
 /// One, looked up one byte earlier, is what the empty entries of the cache could be taken for.
 TEST_F(FrameWalk, HasNoRuleForWhatNoCallReturnsTo) {
     addModule(true);
+    scripted::memory.clear();  // nobody can tell: it is followed, and leaves no rule
+    setStack({0, 0, 0, in(plain) + 1, 0, 0, 0, in(outermost)});
+    EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack), (Expected{in(plain) + 1, in(outermost)}));
     scripted::memory[builder.address()] = builder.memory;
     for (const std::uint64_t none : {std::uint64_t{1}, in(plain) + 1, in(plain) + 1}) {
         setStack({0, 0, 0, none, in(plain), 0, 0, 0, in(outermost)});
         EXPECT_EQ(walk(in(plain), WalkEnd::NoReturnAddress), Expected{});
+        EXPECT_EQ(walk(in(plain), WalkEnd::NoReturnAddress, 1), Expected{});
         // Code without tables: the word on its stack counts if a call lies before it.
         context.registers[platform::Rsp] += 32;
         for (const std::uint64_t uncovered : {std::uint64_t{1}, builder.address(plain + 0x200)}) {
@@ -251,7 +305,6 @@ TEST_F(FrameWalk, AsksForThePagesOfAnotherThreadsStackEachTime) {
     context.stack = {begin, begin + 8 * words.size()};
     context.readableStack = {stackPointer, page};
     context.registers[platform::Rsp] = stackPointer;
-    scripted::memory[builder.address()] = builder.memory;
     scripted::memory[begin] = scripted::bytesOf(words);
     for (int round = 0; round < 4; ++round) {
         scripted::memoryQuestions = 0;
@@ -265,13 +318,15 @@ TEST_F(FrameWalk, AsksForThePagesOfAnotherThreadsStackEachTime) {
 /// looked up, whereas a return address right behind a function belongs to the call before it.
 TEST_F(FrameWalk, LooksUpInterruptedAddressesAsTheyStand) {
     addModule(true);
-    setStack({0, 0, 0, in(trampoline),         0, 0, 0, 0,
-              0, 0, 0, builder.address(plain), 0, 0, 0, builder.address(plain + 0x100),
-              0, 0, 0, in(outermost)});
-    for (int round = 0; round < 3; ++round) {
+    put(behindPlain - 5, {0xE8});
+    const std::uint64_t both = builder.address(behindPlain);
+    // From both, a frame of `plain` would end at the same return address.
+    setStack({0, 0, 0, in(trampoline), 0, 0, 0, 0, 0, 0, 0, both, 0, both, 0, in(outermost), 0,
+              in(outermost)});
+    for (const std::uint64_t permanent : {0, 4711, 4711}) {
+        scripted::permanentIdentity = permanent;  // then known paths are followed
         EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack),
-                  (Expected{in(trampoline), builder.address(plain), builder.address(plain + 0x100),
-                            in(outermost)}));
+                  (Expected{in(trampoline), both, both, in(outermost)}));
     }
 }
 
@@ -290,7 +345,6 @@ TEST_F(FrameWalk, FindsFunctionsWithoutAnIndex) {
     large.memory[2] = large.memory[3] = 0xFF;  // encodings of count and pairs: there are none
     builder = large;
     addModule(true);
-    scripted::memory[builder.address()] = builder.memory;
     setStack({0});
     EXPECT_EQ(walk(builder.address(byRbx), WalkEnd::LongSearch), Expected{});
     prepareFrameWalks();
@@ -310,11 +364,11 @@ TEST_F(FrameWalk, MakesNoSystemCallWhereItMayNot) {
     context.readableStack = {begin, begin + 64};
     context.stackShift = 0;
     context.registers[platform::Rsp] = begin;
-    scripted::memory[builder.address()] = builder.memory;
     scripted::memory[begin] = scripted::bytesOf(words);
     context.mayCallSystem = false;
     scripted::memoryQuestions = 0;
     EXPECT_EQ(walk(in(plain), WalkEnd::Unreadable), (Expected{in(plain), in(plain)}));
+    EXPECT_EQ(walk(builder.address(silent + 2), WalkEnd::EndOfStack), Expected{});
     EXPECT_EQ(scripted::memoryQuestions, 0u);
     context.mayCallSystem = true;
     EXPECT_EQ(walk(in(plain), WalkEnd::EndOfStack),
@@ -346,7 +400,7 @@ TEST_F(FrameWalk, ReadsTablesThroughTheSystemAfterAGuess) {
     addModule(false);
     scripted::codeModules.back().identity = 4712;  // that no rule is cached of
     const auto code = builder.memory.begin() + plain;
-    scripted::memory[builder.address(plain)] = {code, code + 0x100};
+    scripted::memory = {{builder.address(plain), {code, code + 0x100}}};
     setStack({in(plain), 0, 0, 0, in(outermost)});
     EXPECT_EQ(walk(1, WalkEnd::Unreadable), Expected{in(plain)});
 }

@@ -9,11 +9,32 @@
 #include <memory>
 #include <vector>
 
+#include "scripted_platform/script.h"
 #include "unwind/compiled_rule.h"
+#include "unwind/known_crossings.h"
+#include "unwind/predicted_step.h"
 #include "unwind/walk_state.h"
 
 namespace ThreadUtilities::cfi {
 namespace {
+
+CompiledRule ruleOf(std::uint8_t base, std::int64_t offset, std::int64_t saved) {
+    UnwindRow row;
+    row.cfa = {false, base, offset, nullptr};
+    row.registers[platform::Rip] = {RegisterRule::Kind::AtOffset, -8};
+    if (saved != 0) {
+        row.registers[platform::Rbp] = {RegisterRule::Kind::AtOffset, saved};
+    }
+    return CompiledRule::of(row, platform::Rip);
+}
+
+Position at(std::uint64_t address, std::uint64_t stackPointer, std::uint64_t framePointer) {
+    Position position;
+    position.instructionPointer = address;
+    position.stackPointer = stackPointer;
+    position.framePointer = framePointer;
+    return position;
+}
 
 /// Three frames of a stack whose words lie apart from their addresses: two that are addressed by
 /// the stack pointer, the second of which saved the frame pointer, and one by the frame pointer.
@@ -26,25 +47,6 @@ class KnownPath : public testing::Test {
         return reinterpret_cast<std::uint64_t>(words.data()) - stackBegin;
     }
 
-    static CompiledRule rule(std::uint8_t base, std::int64_t offset, std::int64_t saved) {
-        UnwindRow row;
-        row.cfa = {false, base, offset, nullptr};
-        row.registers[platform::Rip] = {RegisterRule::Kind::AtOffset, -8};
-        if (saved != 0) {
-            row.registers[platform::Rbp] = {RegisterRule::Kind::AtOffset, saved};
-        }
-        return CompiledRule::of(row, platform::Rip);
-    }
-
-    static Position at(std::uint64_t address, std::uint64_t stackPointer,
-                       std::uint64_t framePointer) {
-        Position position;
-        position.instructionPointer = address;
-        position.stackPointer = stackPointer;
-        position.framePointer = framePointer;
-        return position;
-    }
-
     void SetUp() override {
         KnownPaths::Steps steps;
         steps.begin = start;
@@ -53,9 +55,9 @@ class KnownPath : public testing::Test {
         const Position second = at(0x402000, stackBegin + 0x10, 7);
         const Position third = at(0x403000, stackBegin + 0x30, stackBegin + 0x40);
         const Position end = at(0x404000, stackBegin + 0x50, stackBegin + 0x40);
-        ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rsp, 0x10, 0), first, second));
-        ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rsp, 0x20, -16), second, third));
-        ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rbp, 0x10, 0), third, end));
+        ASSERT_TRUE(KnownPaths::add(steps, ruleOf(platform::Rsp, 0x10, 0), first, second));
+        ASSERT_TRUE(KnownPaths::add(steps, ruleOf(platform::Rsp, 0x20, -16), second, third));
+        ASSERT_TRUE(KnownPaths::add(steps, ruleOf(platform::Rbp, 0x10, 0), third, end));
         paths->learn(steps);
     }
 
@@ -112,7 +114,7 @@ TEST_F(KnownPath, LeadsNoFartherThanAReturnAddressOfZero) {
     KnownPaths::Steps steps;
     steps.begin = start;
     steps.stackPointer = stackBegin;
-    ASSERT_TRUE(KnownPaths::add(steps, rule(platform::Rsp, 0x10, 0), at(start, stackBegin, 7),
+    ASSERT_TRUE(KnownPaths::add(steps, ruleOf(platform::Rsp, 0x10, 0), at(start, stackBegin, 7),
                                 at(0, stackBegin + 0x10, 7)));
     paths->learn(steps);
     words.assign(10, 0);
@@ -130,6 +132,32 @@ TEST_F(KnownPath, StaysAsItIsOnceItIsThere) {
     other.stackPointer = stackBegin;
     paths->learn(other);
     follow(10, {start, 0x402000, 0x403000});
+}
+
+TEST(KnownCrossing, IsBelievedByTheSameStackPointerUntilAPageIsProtected) {
+    constexpr std::uint64_t page = 0x7000'0000;
+    constexpr std::uint64_t next = page + 2 * platform::memoryPageSize;
+    constexpr std::uint64_t address = 0x401000;
+    scripted::memory = {{page, std::vector<std::uint8_t>(next - page)}};
+    const auto cache = std::make_unique<RuleCache>();
+    const auto crossings = std::make_unique<KnownCrossings>();
+    Position position = at(address, page - 16, page - 16);
+    position.identity = 1;
+    for (const std::uint8_t base : {platform::Rsp, platform::Rbp}) {
+        position.predicted = cache->store({address - 1, 1}, ruleOf(base, 32, 0));
+        for (int round = 0; round < 2; ++round) {
+            StackWords words({page - 64, next}, {page - 64, page}, true);
+            scripted::memoryQuestions = 0;
+            EXPECT_EQ(reach(*cache, crossings.get(), words, position), next);
+            EXPECT_EQ(scripted::memoryQuestions == 0, base == platform::Rsp && round == 1);
+        }
+    }
+    for (std::uint64_t other = 0; other < 1 << 14; ++other) {
+        ASSERT_EQ(crossings->endAfter({address, page - 24 - 8 * other, page}), page);
+    }
+    crossings->turnOff();
+    EXPECT_EQ(crossings->endAfter({address, page - 16, page}), page);
+    scripted::memory.clear();
 }
 
 }  // namespace
