@@ -96,34 +96,29 @@ std::atomic<int> controlBlocks = 0;
 
 /// Counts the blocks that shared and weak references to a store keep.
 template <typename Value>
-struct CountingAllocator : std::allocator<Value> {
-    template <typename Other>
-    struct rebind {
-        using other = CountingAllocator<Other>;
-    };
+struct CountingAllocator {
+    using value_type = Value;
     CountingAllocator() = default;
     template <typename Other>
     explicit CountingAllocator(const CountingAllocator<Other>&) {}
 
     Value* allocate(std::size_t count) {
         ++controlBlocks;
-        return std::allocator<Value>::allocate(count);
+        return std::allocator<Value>().allocate(count);
     }
     void deallocate(Value* values, std::size_t count) {
         --controlBlocks;
-        std::allocator<Value>::deallocate(values, count);
+        std::allocator<Value>().deallocate(values, count);
     }
 };
 
-std::shared_ptr<context_store> newCountedStore() {
-    return std::shared_ptr<context_store>(new context_store, std::default_delete<context_store>(),
-                                          CountingAllocator<context_store>());
-}
-
-void handOver(const std::shared_ptr<context_store>& store) {
+/// Gives the calling thread a new store.
+std::shared_ptr<context_store> takeCountedStore() {
     vesko::source::location posted = vesko::source::location::current();
+    const auto store = std::allocate_shared<context_store>(CountingAllocator<context_store>());
     posted.contextStore = store;
     hint::copyThreadStorageIfNecessary(posted);
+    return store;
 }
 
 std::atomic<int> lateBeginnings = 0;
@@ -132,7 +127,7 @@ std::atomic<int> lateBeginnings = 0;
 /// the library's notice of that.
 struct LateBeginning {
     ~LateBeginning() {
-        handOver(newCountedStore());
+        takeCountedStore();
         hint("id", "late").setAsExternalInputHint();
         ++lateBeginnings;
     }
@@ -142,8 +137,7 @@ thread_local LateBeginning lateBeginning;
 
 /// Gives the calling thread a name, a hint and a store.
 void beginValues() {
-    const auto store = newCountedStore();
-    handOver(store);
+    const auto store = takeCountedStore();
     EXPECT_EQ(context_store::getStore().lock(), store);
     hint("id", "name").setAsExternalInputHint();
     EXPECT_EQ(hint::getExternalInputHintName(), "name");
@@ -151,14 +145,11 @@ void beginValues() {
     EXPECT_EQ(getThreadName(), "scope");
 }
 
-DWORD WINAPI beginValuesInThread(void*) {
+template <typename Result>
+Result WINAPI beginValuesInThread(void*) {
     lateBeginning.isWanted = true;
     beginValues();
     return 0;
-}
-
-unsigned __stdcall beginValuesInThreadOfCRuntime(void*) {
-    return beginValuesInThread(nullptr);
 }
 
 // What is left of the store then is the reference of the thread.
@@ -166,12 +157,12 @@ TEST(Program, TheValuesOfAThreadEndWithItHoweverItWasStarted) {
     for (int round = 0; round < 50; ++round) {
         // One after the other: threads with `thread_local` destructors that end at the same time
         // can stop each other for good here, with or without calls of the library.
-        std::thread(beginValuesInThread, nullptr).join();
+        std::thread(beginValuesInThread<int>, nullptr).join();
         for (const bool bySystem : {true, false}) {
             const HANDLE thread =
-                bySystem ? CreateThread(nullptr, 0, beginValuesInThread, nullptr, 0, nullptr)
+                bySystem ? CreateThread(nullptr, 0, beginValuesInThread<DWORD>, nullptr, 0, nullptr)
                          : reinterpret_cast<HANDLE>(_beginthreadex(
-                               nullptr, 0, beginValuesInThreadOfCRuntime, nullptr, 0, nullptr));
+                               nullptr, 0, beginValuesInThread<unsigned>, nullptr, 0, nullptr));
             WaitForSingleObject(thread, INFINITE);
             CloseHandle(thread);
         }
