@@ -11,17 +11,17 @@
 
 namespace ThreadUtilities::tests {
 
-inline HANDLE newEvent() {
-    return CreateEventW(nullptr, TRUE, FALSE, nullptr);
-}
-
-/// Runs a function on a thread of its own, and ends it with the object: the function gets the
-/// object and returns when `waitForEnd` does or `mayRun` is false.
+/// Runs a function, which ends in one of those below, on a thread of its own until the object ends.
 class TargetThread {
  public:
     using Body = void (*)(TargetThread&);
 
     explicit TargetThread(Body threadBody) : body(threadBody) {
+        const auto run = [](void* self) -> DWORD {
+            auto& target = *static_cast<TargetThread*>(self);
+            target.body(target);
+            return 0;
+        };
         thread = CreateThread(nullptr, 0, run, this, 0, &threadId);
         WaitForSingleObject(ready, INFINITE);
     }
@@ -44,11 +44,6 @@ class TargetThread {
     unsigned int id() const { return threadId; }
     HANDLE handle() const { return thread; }
 
-    // For the body.
-    void tellReady() { SetEvent(ready); }
-    void waitForEnd() { WaitForSingleObject(finish, INFINITE); }
-    bool mayRun() const { return isWanted; }
-
     /// How often the thread has been suspended and not resumed.
     unsigned int suspendCount() const {
         const DWORD before = SuspendThread(thread);
@@ -57,26 +52,20 @@ class TargetThread {
     }
 
     static void block(TargetThread& self) {
-        self.tellReady();
-        self.waitForEnd();
+        SetEvent(self.ready);
+        WaitForSingleObject(self.finish, INFINITE);
         asm volatile("");  // a return address of this function stays on the stack meanwhile
     }
     static void spin(TargetThread& self) {
-        self.tellReady();
-        while (self.mayRun()) {
+        SetEvent(self.ready);
+        while (self.isWanted) {
         }
     }
 
  private:
-    static DWORD WINAPI run(void* self) {
-        auto& target = *static_cast<TargetThread*>(self);
-        target.body(target);
-        return 0;
-    }
-
     Body body;
-    HANDLE ready = newEvent();
-    HANDLE finish = newEvent();
+    HANDLE ready = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    HANDLE finish = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     std::atomic<bool> isWanted = true;
     HANDLE thread = nullptr;
     DWORD threadId = 0;

@@ -389,19 +389,12 @@ TEST(Frames, ABlockedThreadsStackGoesThroughAllKindsOfModulesToItsStart) {
     EXPECT_EQ(again, frames) << "without suspension: the thread has not moved";
 }
 
-/// Readable memory that ends where unreadable memory begins.
-class EdgeOfMemory {
- public:
-    EdgeOfMemory() { VirtualAlloc(begin, 4096, MEM_COMMIT, PAGE_READWRITE); }
-    ~EdgeOfMemory() { VirtualFree(begin, 0, MEM_RELEASE); }
-    EdgeOfMemory(const EdgeOfMemory&) = delete;
-    EdgeOfMemory& operator=(const EdgeOfMemory&) = delete;
-
-    std::uint64_t* end() const { return reinterpret_cast<std::uint64_t*>(begin + 4096); }
-
- private:
-    char* begin = static_cast<char*>(VirtualAlloc(nullptr, 8192, MEM_RESERVE, PAGE_NOACCESS));
-};
+/// Where a page that can be read ends, and one that cannot begins.
+std::uint64_t* newEdgeOfMemory() {
+    auto* const begin = static_cast<char*>(VirtualAlloc(nullptr, 8192, MEM_RESERVE, PAGE_NOACCESS));
+    VirtualAlloc(begin, 4096, MEM_COMMIT, PAGE_READWRITE);
+    return reinterpret_cast<std::uint64_t*>(begin + 4096);
+}
 
 platform::ThreadContext contextAt(std::uint64_t programCounter, std::uint64_t* stackPointer) {
     platform::ThreadContext context;
@@ -411,9 +404,9 @@ platform::ThreadContext contextAt(std::uint64_t programCounter, std::uint64_t* s
 }
 
 TEST(Frames, AFaultEndsTheWalkAndKeepsTheFramesBeforeIt) {
-    const EdgeOfMemory memory;
+    std::uint64_t* const edge = newEdgeOfMemory();
     const auto known = reinterpret_cast<std::uint64_t>(framesTestKnownFunction) + 6;
-    const auto uncovered = reinterpret_cast<std::uint64_t>(memory.end()) - 4096;
+    const auto uncovered = reinterpret_cast<std::uint64_t>(edge) - 4096;
     const struct {
         const char* name;
         std::uint64_t programCounter;
@@ -427,7 +420,7 @@ TEST(Frames, AFaultEndsTheWalkAndKeepsTheFramesBeforeIt) {
          WalkEnd::NoUnwindData},
     };
     for (const auto& one : cases) {
-        std::uint64_t* stackPointer = memory.end() - one.stack.size();
+        std::uint64_t* stackPointer = edge - one.stack.size();
         std::copy(one.stack.begin(), one.stack.end(), stackPointer);
         Frames frames{};
         const WalkResult result =
@@ -440,7 +433,6 @@ TEST(Frames, AFaultEndsTheWalkAndKeepsTheFramesBeforeIt) {
 
 // The thread stands at a place that is not its own while it is captured.
 TEST(Frames, AThreadRunsOnAfterAFaultInItsWalk) {
-    const EdgeOfMemory memory;
     TargetThread target(TargetThread::spin);
     SuspendThread(target.handle());
     CONTEXT context{};
@@ -448,7 +440,7 @@ TEST(Frames, AThreadRunsOnAfterAFaultInItsWalk) {
     ASSERT_NE(GetThreadContext(target.handle(), &context), 0);
     CONTEXT damaged = context;
     damaged.Rip = reinterpret_cast<std::uint64_t>(framesTestKnownFunction) + 6;
-    damaged.Rsp = reinterpret_cast<std::uint64_t>(memory.end());
+    damaged.Rsp = reinterpret_cast<std::uint64_t>(newEdgeOfMemory());
     ASSERT_NE(SetThreadContext(target.handle(), &damaged), 0);
     Frames frames{};
     frames[0] = 0x5555;
