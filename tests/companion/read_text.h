@@ -8,8 +8,22 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "report/report_reader.h"
+
+/// Calls `note(node, depth)` for each node of a tree, in its order.
+template <typename Note>
+void forEachNode(const ThreadUtilities::companion::ThreadProfile& thread, Note note) {
+    std::vector<std::uint32_t> ends;
+    for (std::uint32_t index = 0; index < thread.nodes.size(); ++index) {
+        while (!ends.empty() && ends.back() <= index) {
+            ends.pop_back();
+        }
+        note(thread.nodes[index], ends.size());
+        ends.push_back(thread.nodes[index].end);
+    }
+}
 
 /// Pieces of a text, and the text as the pieces say it was.
 class Pieces : public ThreadUtilities::companion::ReportSink {

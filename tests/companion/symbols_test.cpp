@@ -13,6 +13,7 @@
 #include <string>
 
 #include "companion/read_text.h"
+#include "support/scratch_folder.h"
 
 namespace ThreadUtilities::companion {
 namespace {
@@ -36,23 +37,9 @@ std::filesystem::path ownProgram() {
     return std::filesystem::read_symlink("/proc/self/exe");
 }
 
-/// A folder that goes with the test.
-class Folder {
- public:
-    Folder() {
-        std::string name = std::filesystem::temp_directory_path() / "companion-XXXXXX";
-        path = mkdtemp(name.data());
-    }
-    ~Folder() { std::filesystem::remove_all(path); }
-
-    std::filesystem::path path;
-};
-
 TEST(Symbols, NamesFunctionsLinesAndWhatIsInlined) {
     const Pieces pieces(outerCaller());
-    SymbolOptions options;
-    options.processId = getpid();
-    Symbols symbols(options);
+    Symbols symbols({.folders = {}, .processId = getpid()});
     symbols.resolve(pieces.document.frames);
     const auto& stack = pieces.document.stacks.at(0);
     for (const FrameId frame : stack.frames) {
@@ -71,12 +58,10 @@ TEST(Symbols, NamesFunctionsLinesAndWhatIsInlined) {
 
 TEST(Symbols, RefusesAFileWithAnotherId) {
     const Pieces pieces(outerCaller());
-    const Folder folder;
+    const ScratchFolder folder;
     const std::string name = ownProgram().filename();
     std::filesystem::copy_file("/bin/sh", folder.path / name);
-    SymbolOptions options;
-    options.folders = {folder.path};
-    Symbols symbols(options);
+    Symbols symbols({.folders = {folder.path}, .processId = {}});
     symbols.resolve(pieces.document.frames);
     const FrameId inside = pieces.document.stacks.at(0).frames.front();
     EXPECT_TRUE(symbols.name(inside).places.empty());
@@ -89,15 +74,13 @@ TEST(Symbols, RefusesAFileWithAnotherId) {
 
 TEST(Symbols, FindsAFileInATreeByItsId) {
     const Pieces pieces(outerCaller());
-    const Folder folder;
+    const ScratchFolder folder;
     const FrameId inside = pieces.document.stacks.at(0).frames.front();
     const std::string id = buildIdText(pieces.document.frames.moduleOf(inside).guid);
     const auto place = folder.path / ".build-id" / id.substr(0, 2);
     std::filesystem::create_directories(place);
     std::filesystem::copy_file("/proc/self/exe", place / (id.substr(2) + "00112233.debug"));
-    SymbolOptions options;
-    options.folders = {folder.path};
-    Symbols symbols(options);
+    Symbols symbols({.folders = {folder.path}, .processId = {}});
     symbols.resolve(pieces.document.frames);
     EXPECT_FALSE(symbols.name(inside).places.empty()) << symbols.summary();
 }

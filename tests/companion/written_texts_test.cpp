@@ -9,47 +9,20 @@
 
 #include <atomic>
 #include <chrono>
-#include <latch>
+#include <deque>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "companion/read_text.h"
+#include "support/parked_thread.h"
+#include "support/target_thread.h"
 
 namespace ThreadUtilities::companion {
 namespace {
 
+/// What looks like anything else.
 const std::vector<std::string> names = {
     "zwei\nZeilen", "[7][x]a+0x1{00000000-0000-0000-0000-000000000001};", "Thread 7 [1]: y", "]"};
-
-/// Threads with names that look like anything else; some run, the others wait.
-class AwkwardThreads {
- public:
-    AwkwardThreads() {
-        for (std::size_t index = 0; index < names.size(); ++index) {
-            threads.emplace_back([this, index] {
-                setThreadName(names[index].c_str());
-                named.count_down();
-                while (index % 2 == 0 && !isOver) {
-                }
-                isOver.wait(false);
-            });
-        }
-        named.wait();
-    }
-    ~AwkwardThreads() {
-        isOver = true;
-        isOver.notify_all();
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-    }
-
- private:
-    std::latch named{static_cast<std::ptrdiff_t>(names.size())};
-    std::atomic<bool> isOver = false;
-    std::vector<std::thread> threads;
-};
 
 std::string textOf(const Profile& profile, const FrameTable& frames) {
     std::string text = "Total sample count: " + std::to_string(profile.totalSamples) + '\n';
@@ -60,16 +33,10 @@ std::string textOf(const Profile& profile, const FrameTable& frames) {
     for (const ThreadProfile& thread : profile.threads) {
         text += "Thread " + std::to_string(thread.id) + " [" + std::to_string(thread.samples) +
                 "]: " + thread.name + '\n';
-        std::vector<std::uint32_t> ends;
-        for (std::uint32_t index = 0; index < thread.nodes.size(); ++index) {
-            const ProfileNode& node = thread.nodes[index];
-            while (!ends.empty() && ends.back() <= index) {
-                ends.pop_back();
-            }
-            text += std::string(ends.size() + 2, ' ') + '[' + std::to_string(node.count) +
+        forEachNode(thread, [&](const ProfileNode& node, std::size_t depth) {
+            text += std::string(depth + 2, ' ') + '[' + std::to_string(node.count) +
                     "]: " + frames.text(node.frame) + '\n';
-            ends.push_back(node.end);
-        }
+        });
         text += '\n';
     }
     return text;
@@ -102,7 +69,14 @@ std::string textOf(const Document& document) {
 }
 
 TEST(WrittenTexts, AreReadWithoutLossOrComplaint) {
-    const AwkwardThreads threads;
+    std::deque<ParkedThread> waiting;
+    for (const std::string& name : names) {
+        waiting.emplace_back([&] { setThreadName(name); });
+    }
+    const TargetThread running([](const std::atomic<bool>& stop) {
+        setThreadName(names.front());
+        spinUntil(stop);
+    });
     const auto report = getAllThreadStackTrace(vesko::handle<ICoreFramework>());
     const std::string texts[] = {
         sampleAllThreads(std::chrono::seconds(1), std::chrono::milliseconds(5)),
