@@ -6,9 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +19,7 @@
 #include <vector>
 
 #include "linux/capture/thread_stacks.h"
+#include "platform/memory.h"
 #include "support/allocations.h"
 #include "support/forced_unwinding.h"
 #include "support/fork_child.h"
@@ -50,10 +49,22 @@ std::ptrdiff_t countOf(unsigned int id, const std::vector<unsigned int>& ids = g
     return std::count(ids.begin(), ids.end(), id);
 }
 
+/// Whether the calling thread stands in the range that is known of it, and all of it can be read.
+bool ownStackIsKnown() {
+    platform::ReadableRange stack;
+    const bool isKnown = platform::findThreadStack(ownId(), stack);
+    const auto here = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));
+    bool isRight = isKnown && stack.begin <= here && here < stack.end;
+    for (std::uint64_t page = stack.begin; page < stack.end; page += 4096) {
+        isRight = isRight && platform::isReadableNow(page);
+    }
+    return isRight;
+}
+
 // Every way in which the C library lets a thread begin and end; each thread checks that it is
-// listed, and its end must be heard of.
+// listed with its stack, and its end must be heard of.
 void noteSelf(void* out) {
-    if (countOf(ownId()) == 1) {
+    if (countOf(ownId()) == 1 && ownStackIsKnown()) {
         *static_cast<std::atomic<unsigned int>*>(out) = ownId();
     }
 }
@@ -75,9 +86,12 @@ void checkStartAndEnd(const char* what, const pthread_attr_t* attributes, void* 
     EXPECT_EQ(result, expectedResult) << what;
     EXPECT_NE(id, 0U) << what;
     EXPECT_EQ(countOf(id), 0) << what;
+    platform::ReadableRange stack;
+    EXPECT_FALSE(platform::findThreadStack(id, stack)) << what;
 }
 
 TEST(ThreadListOnLinux, HearsOfEveryKindOfStartAndEnd) {
+    EXPECT_TRUE(ownStackIsKnown());
     checkStartAndEnd("returns", nullptr, noteSelfAndReturn);
     checkStartAndEnd("pthread_exit", nullptr, [](void* id) -> void* {
         noteSelf(id);
@@ -99,7 +113,7 @@ TEST(ThreadListOnLinux, HearsOfEveryKindOfStartAndEnd) {
     ASSERT_EQ(pthread_attr_setstacksize(&small, underThreadSanitizer ? 1 << 20 : 32 << 10), 0);
     checkStartAndEnd("small stack", &small, noteSelfAndReturn);
     static std::array<char, 1 << 20> ownStack;
-    ASSERT_EQ(pthread_attr_setstack(&small, ownStack.data() + 80, (1 << 20) - 4096), 0);
+    ASSERT_EQ(pthread_attr_setstack(&small, ownStack.data() + 80, (1 << 20) - 4000), 0);
     checkStartAndEnd("own stack", &small, noteSelfAndReturn);
     pthread_attr_destroy(&small);
 
@@ -368,60 +382,3 @@ TEST(ThreadListOnLinux, AnotherProcessIsListedByItsOwnIdOnly) {
 
 }  // namespace
 }  // namespace ThreadUtilities
-
-namespace ThreadUtilities::platform {
-namespace {
-
-unsigned int ownId() {
-    return static_cast<unsigned int>(gettid());
-}
-
-bool isReadable(std::uint64_t address) {
-    char byte;
-    const iovec local{&byte, 1};
-    const iovec remote{reinterpret_cast<void*>(address), 1};
-    return process_vm_readv(getpid(), &local, 1, &remote, 1, 0) == 1;
-}
-
-// Whether the calling thread stands in the range that is known of it, and all of it can be read.
-bool ownStackIsRight() {
-    ReadableRange stack;
-    if (!findThreadStack(ownId(), stack)) {
-        return false;
-    }
-    const auto here = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0));
-    bool right = stack.begin <= here && here < stack.end;
-    for (std::uint64_t page = stack.begin; page < stack.end; page += 4096) {
-        right = right && isReadable(page);
-    }
-    return right;
-}
-
-TEST(ThreadStacks, AreTheThreadsOwnAndEndWithThem) {
-    EXPECT_TRUE(ownStackIsRight());
-    static std::array<char, 2000000> ownMemory;
-    pthread_attr_t defaults;
-    pthread_attr_t ownStack;
-    for (pthread_attr_t* const attributes : {&defaults, &ownStack}) {
-        pthread_attr_init(attributes);
-    }
-    pthread_attr_setstack(&ownStack, ownMemory.data() + 16, ownMemory.size() - 1000);
-    static unsigned int id;
-    for (const pthread_attr_t* const attributes : {&defaults, &ownStack}) {
-        pthread_t thread;
-        const auto body = [](void*) -> void* {
-            id = ownId();
-            EXPECT_TRUE(ownStackIsRight());
-            return nullptr;
-        };
-        ASSERT_EQ(pthread_create(&thread, attributes, body, nullptr), 0);
-        pthread_join(thread, nullptr);
-        ReadableRange stack;
-        EXPECT_FALSE(findThreadStack(id, stack)) << "it outlives its thread";
-    }
-    ReadableRange stack;
-    EXPECT_FALSE(findThreadStack(0, stack));
-}
-
-}  // namespace
-}  // namespace ThreadUtilities::platform

@@ -94,47 +94,40 @@ TEST(ProcessRecords, WrongRecordsEndTheWalk) {
     }
 }
 
-/// A system that answers a scripted status and length, and gives its records on success.
-class ScriptedQuery {
- public:
-    struct Answer {
-        std::int32_t status;
-        std::uint32_t needed;
-    };
-
-    explicit ScriptedQuery(std::vector<Answer> scriptedAnswers) : answers(scriptedAnswers) {}
-
-    SystemInformationQuery function() {
-        return [this](std::uint32_t informationClass, void* buffer, std::uint32_t length,
-                      std::uint32_t* needed) {
-            EXPECT_EQ(informationClass, 5U);
-            EXPECT_EQ(*needed, lengths.empty() ? 0 : answers[lengths.size() - 1].needed);
-            const Answer& answer = answers.at(lengths.size());
-            lengths.push_back(length);
-            *needed = answer.needed;
-            if (answer.status >= 0) {
-                std::memcpy(buffer, records.data(), std::min<std::size_t>(length, records.size()));
-            }
-            return answer.status;
-        };
-    }
-
-    std::vector<std::uint32_t> lengths;
-    Bytes records = makeChain({makeRecord(42, {1, 2, 3})});
-
- private:
-    std::vector<Answer> answers;
+struct Answer {
+    std::int32_t status;
+    std::uint32_t needed;
 };
+
+/// The lengths that a system with these answers is asked for, where thread ids are to be found.
+std::vector<std::uint32_t> lengthsAsked(const std::vector<Answer>& answers,
+                                        const std::vector<unsigned int>& found) {
+    const Bytes records = makeChain({makeRecord(42, {1, 2, 3})});
+    std::vector<std::uint32_t> lengths;
+    const auto query = [&](std::uint32_t informationClass, void* buffer, std::uint32_t length,
+                           std::uint32_t* needed) {
+        EXPECT_EQ(informationClass, 5U);
+        EXPECT_EQ(*needed, lengths.empty() ? 0 : answers[lengths.size() - 1].needed);
+        const Answer& answer = answers.at(lengths.size());
+        lengths.push_back(length);
+        *needed = answer.needed;
+        if (answer.status >= 0) {
+            std::memcpy(buffer, records.data(), std::min<std::size_t>(length, records.size()));
+        }
+        return answer.status;
+    };
+    EXPECT_EQ(enumerateThreadsFromSystemInformation(42, query), found);
+    return lengths;
+}
 
 TEST(ProcessRecords, AsksAgainWithExactlyTheReportedLength) {
     const std::uint32_t exact = 256 + 3 * 80;
-    ScriptedQuery grows({{LengthMismatch, 3 << 20}, {LengthMismatch, exact}, {0x10000000, 100}});
-    EXPECT_THAT(enumerateThreadsFromSystemInformation(42, grows.function()), ElementsAre(1, 2, 3));
-    EXPECT_THAT(grows.lengths, ElementsAre(FirstLength, 3U << 20, exact));
-
-    ScriptedQuery denied({{LengthMismatch, 2 << 20}, {AccessDenied, 0}});
-    EXPECT_THAT(enumerateThreadsFromSystemInformation(42, denied.function()), IsEmpty());
-    EXPECT_THAT(denied.lengths, ElementsAre(FirstLength, 2U << 20));
+    EXPECT_THAT(
+        lengthsAsked({{LengthMismatch, 3 << 20}, {LengthMismatch, exact}, {0x10000000, 100}},
+                     {1, 2, 3}),
+        ElementsAre(FirstLength, 3U << 20, exact));
+    EXPECT_THAT(lengthsAsked({{LengthMismatch, 2 << 20}, {AccessDenied, 0}}, {}),
+                ElementsAre(FirstLength, 2U << 20));
 }
 
 }  // namespace
