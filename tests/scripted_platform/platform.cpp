@@ -322,7 +322,7 @@ std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
 }
 
 std::size_t separateOpenFiles() noexcept {
-    return scripted::separateFiles;
+    return 0;
 }
 
 }  // namespace platform

@@ -125,7 +125,4 @@ inline platform::VisitRequest lastVisit;
 inline std::map<unsigned int, platform::ThreadRuns> threadRuns;
 inline std::atomic<int> openWitnesses = 0;
 
-/// What `platform::separateOpenFiles` answers.
-inline std::size_t separateFiles = 0;
-
 }  // namespace ThreadUtilities::scripted

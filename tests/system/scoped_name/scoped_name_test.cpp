@@ -271,7 +271,6 @@ TEST(ScopedThreadNameTest, LetsObserversEndTheirThread) {
     if (!ThreadUtilities::threadsMayUnwind) {
         GTEST_SKIP() << ThreadUtilities::unwindersDisagree;
     }
-    using vesko::external_input::hint;
     const auto observer = std::make_shared<EndsItsThread>();
     ScopedThreadName::registerCallback(observer);
     for (int variant = 0; variant < 4; ++variant) {

@@ -67,45 +67,32 @@ std::size_t usedByBareHandler(TargetThread& target) {
     return eventually([] { return called.load(); }) && isOutOfTheHandler() ? used() : 0;
 }
 
-TEST(TheHandler, NeedsLittleOfTheStackOfItsThread) {
+TEST(TheHandler, NeedsLittleOfTheStackOfItsThreadAndLeavesOneAloneThatIsTooSmall) {
     if (underAddressSanitizer) {
         GTEST_SKIP() << "instrumented code needs more stack";
     }
-    handlerStack.fill(unused);
-    TargetThread target(turningOn(handlerStack.data(), handlerStack.size()));
-    ASSERT_TRUE(eventually([] { return turns > 0; }));
-    const std::size_t bare = usedByBareHandler(target);
-    ASSERT_GT(bare, 0U);
-
-    // The first capture finds no rule in the cache and runs the longest way.
-    for (int round = 0; round < 10; ++round) {
-        handlerStack.fill(unused);
-        unsigned long long frames[100];
-        ASSERT_GT(getStackTrace(target.id(), frames, 100, true), 30U);
-        ASSERT_TRUE(isOutOfTheHandler());
-        EXPECT_GT(used(), bare);
-        EXPECT_LT(used(), bare + 4096);
-    }
-}
-
-TEST(TheHandler, LeavesAStackAloneThatIsTooSmall) {
-    if (underAddressSanitizer) {
-        GTEST_SKIP() << "instrumented code needs more stack";
-    }
-    handlerStack.fill(unused);
+    unsigned long long frames[100];
     std::size_t bare = 0;
+    handlerStack.fill(unused);
     {
         TargetThread target(turningOn(handlerStack.data(), handlerStack.size()));
-        ASSERT_TRUE(isOutOfTheHandler());
+        ASSERT_TRUE(eventually([] { return turns > 0; }));
         bare = usedByBareHandler(target);
         ASSERT_GT(bare, 0U);
+        // The first capture finds no rule in the cache and runs the longest way.
+        for (int round = 0; round < 10; ++round) {
+            handlerStack.fill(unused);
+            ASSERT_GT(getStackTrace(target.id(), frames, 100, true), 30U);
+            ASSERT_TRUE(isOutOfTheHandler());
+            EXPECT_GT(used(), bare);
+            EXPECT_LT(used(), bare + 4096);
+        }
     }
     handlerStack.fill(unused);
     static constexpr std::size_t below = 32 << 10;
     TargetThread target(turningOn(handlerStack.data() + below, bare + 1000));
     ASSERT_TRUE(isOutOfTheHandler());
     for (int round = 0; round < 10; ++round) {
-        unsigned long long frames[100];
         EXPECT_EQ(getStackTrace(target.id(), frames, 100, true), 0U);
         ASSERT_TRUE(isOutOfTheHandler());
     }

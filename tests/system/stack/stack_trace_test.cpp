@@ -135,7 +135,8 @@ void raiseInto(Spot& spot, int flags) {
 
 ucontext_t coroutineReturn;
 
-[[gnu::noinline]] void runCoroutine(Spot& spot, void (*body)()) {
+template <void (*Stay)(Spot&)>
+[[gnu::noinline]] void inACoroutine(Spot& spot) {
     std::vector<char> memory(64 << 10);
     ucontext_t coroutine;
     getcontext(&coroutine);
@@ -144,22 +145,12 @@ ucontext_t coroutineReturn;
     coroutine.uc_link = &coroutineReturn;
     spotOfHandler = &spot;
     spot.isInCoroutine = true;
+    const auto body = [] {
+        Stay(*spotOfHandler);
+        asm volatile("");
+    };
     makecontext(&coroutine, body, 0);
     swapcontext(&coroutineReturn, &coroutine);
-}
-
-[[gnu::noinline]] void spinInCoroutine(Spot& spot) {
-    runCoroutine(spot, [] {
-        spinHere(*spotOfHandler);
-        asm volatile("");
-    });
-}
-
-[[gnu::noinline]] void blockInCoroutine(Spot& spot) {
-    runCoroutine(spot, [] {
-        blockHere(*spotOfHandler);
-        asm volatile("");
-    });
 }
 
 [[gnu::noinline]] void descend(Spot& spot, void (*stay)(Spot&), int depth) {
@@ -204,8 +195,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Scenario{"InTheVdso", askForTheTime},
                     Scenario{"InASignalHandler", handleSignal},
                     Scenario{"OnAnAlternateStack", handleSignalOnAlternateStack},
-                    Scenario{"SpinningInACoroutine", spinInCoroutine},
-                    Scenario{"BlockedInACoroutine", blockInCoroutine}),
+                    Scenario{"SpinningInACoroutine", inACoroutine<spinHere>},
+                    Scenario{"BlockedInACoroutine", inACoroutine<blockHere>}),
     [](const auto& scenario) { return scenario.param.name; });
 
 TEST(StackTraceOfSelf, BeginsInTheFunctionItselfAndGoesOnWithItsCallers) {
@@ -232,9 +223,6 @@ TEST(StackTraceOfSelf, BeginsInTheFunctionItselfAndGoesOnWithItsCallers) {
 
     const auto self = static_cast<unsigned int>(gettid());
     unsigned long long few[3] = {untouched, untouched, untouched};
-    EXPECT_EQ(getStackTrace(self, nullptr, 8, true), 0U);
-    EXPECT_EQ(getStackTrace(self, few, 0, true), 0U);
-    EXPECT_EQ(few[0], untouched);
     EXPECT_EQ(getStackTrace(self, few, 0x1'0000'0002, true), 2U) << "the limit has 32 bits";
     EXPECT_EQ(few[2], untouched);
 }

@@ -76,10 +76,6 @@ void expectCaptured(std::size_t fewest) {
     captured = {};
 }
 
-void inDeepRecursion() {
-    EXPECT_EQ(descend(200, [] { captured = capture(); }), 200);
-}
-
 void calledByTheCLibrary() {
     pthread_once_t once = PTHREAD_ONCE_INIT;
     pthread_once(&once, [] { captured = capture(); });
@@ -97,11 +93,6 @@ void whileAnExceptionUnwinds() {
         });
     } catch (int) {
     }
-}
-
-void inASignalHandler() {
-    signal(SIGUSR1, [](int) { descend(3, [] { captured = capture(); }); });
-    descend(5, [] { raise(SIGUSR1); });
 }
 
 /// A stack that the library knows nothing of.
@@ -128,8 +119,7 @@ class CapturedFrames : public testing::Test {
 };
 
 TEST_F(CapturedFrames, AreThoseOfTheCLibrary) {
-    for (const Function place : {inDeepRecursion, calledByTheCLibrary, whileAnExceptionUnwinds,
-                                 inASignalHandler, onACoroutineStack}) {
+    for (const Function place : {calledByTheCLibrary, whileAnExceptionUnwinds, onACoroutineStack}) {
         // The second time with rules that the first has left in the cache.
         for (int round = 0; round < 2; ++round) {
             place();

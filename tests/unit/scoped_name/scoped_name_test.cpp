@@ -46,7 +46,7 @@ static_assert(!canBeMadeFrom<const char*, const char (&)[2]> &&
 
 TEST(ScopedThreadNameTest, NamesTheThreadUntilItEnds) {
     struct Case {
-        std::function<void(std::optional<ScopedThreadName>&)> begin;
+        std::function<void(Scope&)> begin;
         std::string name;
     };
     const Case cases[] = {
@@ -62,7 +62,7 @@ TEST(ScopedThreadNameTest, NamesTheThreadUntilItEnds) {
         for (const std::string before : {"A", ""}) {
             onFreshThread([&] {
                 setThreadName(before);
-                std::optional<ScopedThreadName> scope;
+                Scope scope;
                 c.begin(scope);
                 EXPECT_EQ(getThreadName(), c.name);
                 scope.reset();
@@ -139,27 +139,20 @@ TEST(ScopedThreadNameTest, HandsTheHintOverAndPutsItBack) {
     });
 }
 
-TEST(ScopedThreadNameTest, CopiesPutBackOnceMore) {
-    const location posted = postedFrom(hint("k", "posted"));
-    onFreshThread([&] {
+TEST(ScopedThreadNameTest, ACopyPutsBackOnceMore) {
+    onFreshThread([] {
         setThreadName("A");
         hint("h", "own").setAsExternalInputHint();
-        std::optional<ScopedThreadName> copy;
-        std::optional<ScopedThreadName> assigned;
+        Scope copy;
         {
-            ScopedThreadName scope(posted);
+            ScopedThreadName scope(here);
             copy.emplace(scope);
-            assigned.emplace("other", false);
-            *assigned = scope;
-            EXPECT_EQ(getThreadName(), "other") << "assigning names nothing";
         }
-        for (std::optional<ScopedThreadName>* each : {&copy, &assigned}) {
-            setThreadName("B");
-            hint::clearExternalInputHint();
-            each->reset();
-            EXPECT_EQ(getThreadName(), "A");
-            EXPECT_EQ(hint::getExternalInputHintId(), "h");
-        }
+        setThreadName("B");
+        hint::clearExternalInputHint();
+        copy.reset();
+        EXPECT_EQ(getThreadName(), "A");
+        EXPECT_EQ(hint::getExternalInputHintId(), "h");
     });
 }
 
@@ -175,7 +168,7 @@ TEST(ScopedThreadNameTest, NeverThrowsFromALocation) {
         for (int allowed = 0; !wasWhole; ++allowed) {
             ASSERT_LT(allowed, 200);
             hint::clearExternalInputHint();
-            std::optional<ScopedThreadName> scope;
+            Scope scope;
             {
                 allocations::FailAfter fail(allowed);
                 scope.emplace(longName, posted);
