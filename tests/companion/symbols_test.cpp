@@ -33,10 +33,6 @@ constexpr unsigned int inlinedCallLine = __LINE__ + 2;
     return stack + '\n';
 }
 
-std::filesystem::path ownProgram() {
-    return std::filesystem::read_symlink("/proc/self/exe");
-}
-
 TEST(Symbols, NamesFunctionsLinesAndWhatIsInlined) {
     const Pieces pieces(outerCaller());
     Symbols symbols({.folders = {}, .processId = getpid()});
@@ -59,7 +55,7 @@ TEST(Symbols, NamesFunctionsLinesAndWhatIsInlined) {
 TEST(Symbols, RefusesAFileWithAnotherId) {
     const Pieces pieces(outerCaller());
     const ScratchFolder folder;
-    const std::string name = ownProgram().filename();
+    const std::string name = std::filesystem::read_symlink("/proc/self/exe").filename();
     std::filesystem::copy_file("/bin/sh", folder.path / name);
     Symbols symbols({.folders = {folder.path}, .processId = {}});
     symbols.resolve(pieces.document.frames);

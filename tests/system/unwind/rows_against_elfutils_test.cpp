@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <span>
@@ -167,7 +166,6 @@ void compareRows(const ElfutilsRows& theirs, std::uint64_t loadBias, std::size_t
         address = end - 1;
         ++compared;
     }
-    std::printf("%zu rows equal\n", compared);
     EXPECT_GT(compared, fewest);
 }
 

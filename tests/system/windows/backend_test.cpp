@@ -252,8 +252,6 @@ TEST(Modules, OfThisProcess) {
     EXPECT_EQ(found->imageBase, reinterpret_cast<std::uint64_t>(plugin));
     const auto entry = reinterpret_cast<std::uint64_t>(
         reinterpret_cast<void*>(GetProcAddress(plugin, "callThrough")));
-    EXPECT_GT(entry, found->imageBase);
-    EXPECT_LT(entry, found->imageBase + found->imageSize);
     EXPECT_TRUE(moduleNamed(modules, L"windows_backend_test.exe"));
     EXPECT_TRUE(moduleNamed(modules, L"ntdll.dll"));
 
