@@ -140,7 +140,9 @@ std::optional<std::string> nameBehind(const KernelName& inKernel, unsigned int t
     if (record->changing && inKernel == record->previous.inKernel) {
         return record->previous.whole;
     }
-    if (changesBefore != record->changes) {
+    // The kernel lets a name be read while it is written: during a change, a third name is parts of
+    // the two.
+    if (record->changing || changesBefore != record->changes) {
         return std::nullopt;
     }
     return textOf(inKernel);
