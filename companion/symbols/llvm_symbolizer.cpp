@@ -28,7 +28,11 @@ namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using File = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
+
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
 
 constexpr const char* programName = "llvm-symbolizer";
 
@@ -96,8 +100,8 @@ std::optional<fs::path> findLlvmSymbolizer() {
 std::optional<std::vector<FrameName>> namesByLlvm(const fs::path& program, const fs::path& module,
                                                   std::span<const std::uint64_t> offsets,
                                                   bool shortNames, const KeepText& keep) {
-    const File questions(std::tmpfile(), &std::fclose);
-    const File answers(std::tmpfile(), &std::fclose);
+    const File questions(std::tmpfile());
+    const File answers(std::tmpfile());
     if (!questions || !answers) {
         return std::nullopt;
     }

@@ -22,8 +22,8 @@ export DEBUGINFOD_CACHE_PATH=$scratch/cache
 printf '#include <stdio.h>\nint wanted(int a) {\n    return puts("x") + a;\n}\n%s\n' \
     'int main(int c, char** v) { (void)v; return wanted(c); }' >wanted.c
 mkdir whole
-"$compiler" -g -O0 -Wl,--build-id=sha1 wanted.c -o whole/one
-"$compiler" -g -O0 -Wl,--build-id=sha1 -DTWO=2 wanted.c -o whole/two
+"$compiler" -gdwarf-4 -O0 -Wl,--build-id=sha1 wanted.c -o whole/one
+"$compiler" -gdwarf-4 -O0 -Wl,--build-id=sha1 -DTWO=2 wanted.c -o whole/two
 id=$(readelf -n whole/one | sed -n 's/.*Build ID: //p')
 u=${id^^}
 guid=${u:6:2}${u:4:2}${u:2:2}${u:0:2}-${u:10:2}${u:8:2}-${u:14:2}${u:12:2}-${u:16:4}-${u:20:12}
