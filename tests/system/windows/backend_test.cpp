@@ -375,7 +375,13 @@ void blockBelowTheDll(TargetThread& self) {
 TEST(Frames, ABlockedThreadsStackGoesThroughAllKindsOfModulesToItsStart) {
     TargetThread target(blockBelowTheDll);
     Frames frames{};
-    const auto count = getStackTrace(target.id(), frames.data(), frames.size(), true);
+    Frames before{};
+    std::size_t count = 0;
+    do {  // it says that it is ready just before it waits
+        before = frames;
+        count = getStackTrace(target.id(), frames.data(), frames.size(), true);
+        Sleep(10);
+    } while (frames != before);
     const std::vector<std::wstring> inOrder = {L"kernelbase.dll", L"windows_backend_test.exe",
                                                L"testplugin.dll", L"windows_backend_test.exe",
                                                L"kernel32.dll",   L"ntdll.dll"};
