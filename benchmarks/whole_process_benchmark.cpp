@@ -207,7 +207,7 @@ void ShareOfAWait(benchmark::State& state) {
         while (!stop) {
         }
     });
-    Alternating target(3ms, 7ms);
+    Alternating target(4ms, 9ms);  // not in step with the samples
     std::this_thread::sleep_for(50ms);
     for (auto _ : state) {
         target.reset();
