@@ -31,7 +31,12 @@ extern "C" int prctl(int option, ...) noexcept {
     va_start(arguments, option);
     const auto argument = va_arg(arguments, unsigned long);
     va_end(arguments);
-    changesTakeLong ? spinABit() : void();
+    if (changesTakeLong && option == PR_SET_NAME) {
+        // Whoever reads a name while the kernel writes it may get parts of two.
+        spinABit();
+        syscall(SYS_prctl, option, "parts of two", 0, 0, 0);
+        spinABit();
+    }
     const auto result = static_cast<int>(syscall(SYS_prctl, option, argument, 0, 0, 0));
     changesTakeLong ? spinABit() : void();
     return result;
