@@ -374,8 +374,7 @@ void blockBelowTheDll(TargetThread& self) {
 // system's thread start.
 TEST(Frames, ABlockedThreadsStackGoesThroughAllKindsOfModulesToItsStart) {
     TargetThread target(blockBelowTheDll);
-    Frames frames{};
-    Frames before{};
+    Frames frames{}, before{};
     std::size_t count = 0;
     do {  // it says that it is ready just before it waits
         before = frames;
