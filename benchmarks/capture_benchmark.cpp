@@ -100,12 +100,12 @@ struct HandlerRuns {
     const int number = platform::captureSignal();
     siginfo_t info = platform::captureSignalInfo(number, self);
     platform::VisitSlot slot(room, std::chrono::steady_clock::now());
+    const double nanosecondsPerStamp = capture_targets::nanosecondsPerStamp();
     for (auto _ : runs.state) {
         const platform::PostedRequest request(slot, {self, collectFrames, stack, true});
         const auto begin = __rdtsc();
         platform::onCaptureSignal(number, &info, &here);
-        runs.times.push_back(static_cast<double>(__rdtsc() - begin) *
-                             capture_targets::nanosecondsPerStamp());
+        runs.times.push_back(static_cast<double>(__rdtsc() - begin) * nanosecondsPerStamp);
     }
     runs.state.counters["frames"] = static_cast<double>(slot.room().frameCount);
 }
