@@ -250,9 +250,9 @@ class Looker {
     std::unordered_map<unsigned int, bool> seen_;
 };
 
-void lookForOneSecond(Looker& looker) {
+void lookForAWhile(Looker& looker) {
     auto next = std::chrono::steady_clock::now();
-    const auto end = next + std::chrono::seconds(1);
+    const auto end = next + std::chrono::milliseconds(500);
     while (next < end) {
         looker.lookAtAll();
         // No more looks for those that were missed.
@@ -279,7 +279,7 @@ void sampleForOneSecond() {
 void* lookAndSample(void*) {
     Looker looker;
     for (;;) {
-        lookForOneSecond(looker);
+        lookForAWhile(looker);
         sampleForOneSecond();
     }
 }
