@@ -5,7 +5,8 @@
 find_library(PROFILER_LIBRARY profiler)
 add_executable(capture_benchmark capture_benchmark.cpp capture_targets.cpp
     deep_stack_without_frame_pointers.cpp
-    $<TARGET_OBJECTS:thread_utilities_unwind> $<TARGET_OBJECTS:thread_utilities_stack_capture>
+    $<TARGET_OBJECTS:thread_utilities_unwind> $<TARGET_OBJECTS:thread_utilities_unwind_own>
+    $<TARGET_OBJECTS:thread_utilities_stack_capture>
     $<TARGET_OBJECTS:thread_utilities_stack_session>
     $<TARGET_OBJECTS:thread_utilities_linux>
     $<TARGET_OBJECTS:thread_utilities_linux_start>

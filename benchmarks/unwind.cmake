@@ -7,7 +7,8 @@ find_library(LIBUNWIND unwind)
 find_path(LIBUNWIND_HEADER libunwind.h)
 add_executable(unwind_benchmark unwind_benchmark.cpp deep_stack_with_frame_pointers.cpp
     deep_stack_without_frame_pointers.cpp
-    $<TARGET_OBJECTS:thread_utilities_unwind> $<TARGET_OBJECTS:thread_utilities_linux>
+    $<TARGET_OBJECTS:thread_utilities_unwind> $<TARGET_OBJECTS:thread_utilities_unwind_own>
+    $<TARGET_OBJECTS:thread_utilities_linux>
     $<TARGET_OBJECTS:thread_utilities_foundation>)
 target_include_directories(unwind_benchmark PRIVATE "${PROJECT_SOURCE_DIR}/src"
     "${PROJECT_SOURCE_DIR}/include")

@@ -9,7 +9,6 @@
 #include <cstdint>
 
 #include "foundation/checked_bytes.h"
-#include "platform/memory.h"
 
 namespace ThreadUtilities::cfi {
 namespace {
@@ -53,8 +52,8 @@ bool endsInCall(const std::uint8_t (&code)[longestCall]) noexcept {
 }
 
 template <class Value>
-bool readAt(std::uint64_t address, Value& value) noexcept {
-    return platform::readOwnMemory(address, &value, sizeof(value)) == sizeof(value);
+bool readAt(const AddressSpace& space, std::uint64_t address, Value& value) noexcept {
+    return space.read(address, &value, sizeof(value)) == sizeof(value);
 }
 
 std::uint64_t relativeTo(std::uint64_t next, const std::uint8_t* offset) noexcept {
@@ -62,9 +61,9 @@ std::uint64_t relativeTo(std::uint64_t next, const std::uint8_t* offset) noexcep
 }
 
 /// Where an entry of a linkage table leads; `address` itself where it is none.
-std::uint64_t throughLinkageTable(std::uint64_t address) noexcept {
+std::uint64_t throughLinkageTable(const AddressSpace& space, std::uint64_t address) noexcept {
     std::array<std::uint8_t, 16> entry{};
-    if (!readAt(address, entry)) {
+    if (!readAt(space, address, entry)) {
         return address;
     }
     constexpr std::array<std::uint8_t, 4> mark{0xF3, 0x0F, 0x1E, 0xFA};  // endbr64
@@ -72,7 +71,7 @@ std::uint64_t throughLinkageTable(std::uint64_t address) noexcept {
     at += entry[at] == 0xF2 ? 1 : 0;
     std::uint64_t target = address;
     if (entry[at] == 0xFF && entry[at + 1] == 0x25 &&
-        readAt(relativeTo(address + at + 6, &entry[at + 2]), target)) {
+        readAt(space, relativeTo(address + at + 6, &entry[at + 2]), target)) {
         return target;
     }
     return address;
@@ -80,32 +79,33 @@ std::uint64_t throughLinkageTable(std::uint64_t address) noexcept {
 
 }  // namespace
 
-bool isBehindSystemCall(std::uint64_t address) noexcept {
+bool isBehindSystemCall(const AddressSpace& space, std::uint64_t address) noexcept {
     constexpr std::array<std::uint8_t, 2> systemCall{0x0F, 0x05};
     std::array<std::uint8_t, 2> code{};
-    return address >= code.size() && readAt(address - code.size(), code) && code == systemCall;
+    return address >= code.size() && readAt(space, address - code.size(), code) &&
+           code == systemCall;
 }
 
-CallTarget callBefore(std::uint64_t address) noexcept {
+CallTarget callBefore(const AddressSpace& space, std::uint64_t address) noexcept {
     CallTarget call;
-    call.site = callSiteAt(address);
+    call.site = callSiteAt(space, address);
     std::array<std::uint8_t, 6> code{};
-    if (call.site != CallSite::Behind || !readAt(address - code.size(), code)) {
+    if (call.site != CallSite::Behind || !readAt(space, address - code.size(), code)) {
         return call;
     }
     if (code[0] == 0xFF && code[1] == 0x15) {  // through a word of the linkage table
-        call.isNamed = readAt(relativeTo(address, &code[2]), call.target);
+        call.isNamed = readAt(space, relativeTo(address, &code[2]), call.target);
     } else if (code[1] == 0xE8) {
         call.isNamed = true;
-        call.target = throughLinkageTable(relativeTo(address, &code[2]));
+        call.target = throughLinkageTable(space, relativeTo(address, &code[2]));
     }
     return call;
 }
 
-CallSite callSiteAt(std::uint64_t address) noexcept {
+CallSite callSiteAt(const AddressSpace& space, std::uint64_t address) noexcept {
     std::uint8_t code[longestCall];
     if (address < longestCall ||
-        platform::readOwnMemory(address - longestCall, code, longestCall) != longestCall) {
+        space.read(address - longestCall, code, longestCall) != longestCall) {
         return CallSite::Unreadable;
     }
     return endsInCall(code) ? CallSite::Behind : CallSite::NotBehind;

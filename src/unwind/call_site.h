@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "unwind/address_space.h"
+
 namespace ThreadUtilities::cfi {
 
 enum class CallSite {
@@ -13,13 +15,13 @@ enum class CallSite {
     Unreadable,  ///< the code cannot be read
 };
 
-/// Looks at the code before `address`, wherever that leads: through the system, so it never faults.
+/// Looks at the code before `address`, wherever that leads: through the space, so it never faults.
 /// Context: target stopped, or signal handler; no allocation, no lock, no log.
-CallSite callSiteAt(std::uint64_t address) noexcept;
+CallSite callSiteAt(const AddressSpace& space, std::uint64_t address) noexcept;
 
 /// Whether the instruction right before `address` is the one that enters the kernel. Reads as
 /// `callSiteAt` does.
-bool isBehindSystemCall(std::uint64_t address) noexcept;
+bool isBehindSystemCall(const AddressSpace& space, std::uint64_t address) noexcept;
 
 /// A call and whom it calls.
 struct CallTarget {
@@ -31,6 +33,6 @@ struct CallTarget {
 /// The call that ends right before `address`. It names its target where it goes there directly or
 /// through a linkage table, whose entry is followed (System V ABI, AMD64 supplement, 5.2).
 /// Context: as `callSiteAt`.
-CallTarget callBefore(std::uint64_t address) noexcept;
+CallTarget callBefore(const AddressSpace& space, std::uint64_t address) noexcept;
 
 }  // namespace ThreadUtilities::cfi

@@ -13,8 +13,9 @@
 
 namespace ThreadUtilities::cfi {
 
-Calls callsFunction(std::uint64_t returnAddress, std::uint64_t functionBegin) noexcept {
-    const CallTarget call = callBefore(returnAddress);
+Calls callsFunction(const AddressSpace& space, std::uint64_t returnAddress,
+                    std::uint64_t functionBegin) noexcept {
+    const CallTarget call = callBefore(space, returnAddress);
     if (call.site != CallSite::Behind) {
         return Calls::Another;
     }
@@ -27,19 +28,20 @@ Calls callsFunction(std::uint64_t returnAddress, std::uint64_t functionBegin) no
     return isEntry ? Calls::This : Calls::Another;
 }
 
-bool leadsOn(const CalledFrame& frame, TableCopies* copies, StackWords& words) noexcept {
+bool leadsOn(const CalledFrame& frame, const TableSource& source, StackWords& words) noexcept {
     platform::CodeModule module;
-    if (!platform::findCodeModule(frame.returnAddress - 1, module)) {
+    if (!source.space.findModule(frame.returnAddress - 1, module, true)) {
         return false;
     }
     RegisterFile registers;
     registers.set(platform::Rip, frame.returnAddress);
     registers.set(platform::Rsp, frame.stackPointer);
     registers.set(platform::Rbp, frame.framePointer);
-    const TableStep step = stepByTables(module, frame.returnAddress - 1, copies, registers, words);
+    const TableStep step = stepByTables(module, frame.returnAddress - 1, source, registers, words);
     return step.result == StepResult::EndOfStack ||
            (step.result == StepResult::Made && registers[platform::Rsp] > frame.stackPointer &&
-            (step.isSignalFrame || callSiteAt(registers[platform::Rip]) == CallSite::Behind));
+            (step.isSignalFrame ||
+             callSiteAt(source.space, registers[platform::Rip]) == CallSite::Behind));
 }
 
 }  // namespace ThreadUtilities::cfi

@@ -21,7 +21,8 @@ enum class Calls {
 
 /// Whom the call right before `returnAddress` calls, for the function that begins at
 /// `functionBegin`. Reads as `callSiteAt` does.
-Calls callsFunction(std::uint64_t returnAddress, std::uint64_t functionBegin) noexcept;
+Calls callsFunction(const AddressSpace& space, std::uint64_t returnAddress,
+                    std::uint64_t functionBegin) noexcept;
 
 /// The registers of a caller, behind its call.
 struct CalledFrame {
@@ -32,6 +33,6 @@ struct CalledFrame {
 
 /// Whether one step outward from these leads to the end of the stack, or behind a call.
 /// Context: target stopped, or signal handler, where the system may be called.
-bool leadsOn(const CalledFrame& frame, TableCopies* copies, StackWords& words) noexcept;
+bool leadsOn(const CalledFrame& frame, const TableSource& source, StackWords& words) noexcept;
 
 }  // namespace ThreadUtilities::cfi

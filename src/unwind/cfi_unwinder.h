@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <utility>
-#include "platform/code_modules.h"
 #include "platform/thread_context.h"
 #include "unwind/call_site.h"
 #include "unwind/compiled_rule.h"
@@ -16,6 +15,7 @@
 #include "unwind/rule_cache.h"
 #include "unwind/stack_words.h"
 #include "unwind/walk.h"
+#include "unwind/walk_memory.h"
 #include "unwind/walk_state.h"
 
 namespace ThreadUtilities::cfi {
@@ -32,17 +32,17 @@ class CfiUnwinder {
         AllRegisters,  ///< every step goes by the tables
     };
 
-    /// The stack's words stand `shift` away from their addresses. Without `knownCrossings` each
-    /// page is asked for.
-    CfiUnwinder(RuleCache& ruleCache, KnownPaths& knownPaths, Keeps keeps, StackWords& stackWords,
-                std::uint64_t shift, KnownCrossings* knownCrossings, WalkState& walkState) noexcept
-        : cache(ruleCache),
-          paths(knownPaths),
-          crossings(knownCrossings),
+    /// The stack's words stand `shift` away from their addresses. Crossings are known only to walks
+    /// that are a thread's own.
+    CfiUnwinder(const WalkMemory& memory, Keeps keeps, StackWords& stackWords, std::uint64_t shift,
+                bool isOwn, WalkState& walkState) noexcept
+        : cache(memory.rules),
+          paths(memory.paths),
+          crossings(isOwn ? memory.crossings : nullptr),
           state(walkState),
           stack(stackWords),
           usesCache(keeps == Keeps::FramePointer),
-          permanentIdentity(orNone(platform::permanentIdentity())),
+          permanentIdentity(orNone(memory.permanentIdentity)),
           readableEnd(stackWords.readableEnd()),
           stackShift(shift) {
         at.instructionPointer = state.start[platform::Rip];
@@ -69,11 +69,12 @@ class CfiUnwinder {
     /// Because even such a word may be a stale one, nothing promises that the module stays, and all
     /// the walk finds from there on is read as for a thread that is not held.
     bool returnTo(std::uint64_t address, std::uint64_t stackPointer) noexcept {
-        if (state.copies == nullptr || !state.mayCallSystem) {
+        if (state.tables.copies == nullptr || !state.mayCallSystem) {
             state.lacksCopies = state.mayCallSystem;
             return false;
         }
-        if (callSiteAt(address) != CallSite::Behind || !enterModule(state, address - 1)) {
+        if (callSiteAt(state.tables.space, address) != CallSite::Behind ||
+            !enterModule(state, address - 1)) {
             return false;
         }
         loadStart(state);
@@ -184,7 +185,7 @@ class CfiUnwinder {
         const unsigned long long* const from = next;
         auto outcome = KnownPaths::Outcome::Followed;
         while (outcome == KnownPaths::Outcome::Followed && end - next >= pathLength) {
-            outcome = paths.follow(readableEnd, stackShift, position, next);
+            outcome = paths->follow(readableEnd, stackShift, position, next);
         }
         if (next != from) {
             position.predicted = cache.latest(position.instructionPointer - 1);
@@ -217,7 +218,7 @@ class CfiUnwinder {
             }
         }
         if (outcome == Prediction::EndOfStack || (made != 0 && outcome != Prediction::Beyond)) {
-            paths.learn(steps);
+            paths->learn(steps);
         }
         return made;
     }
@@ -256,8 +257,8 @@ class CfiUnwinder {
     }
 
     RuleCache& cache;
-    KnownPaths& paths;
-    KnownCrossings* const crossings;
+    KnownPaths* const paths;
+    KnownCrossings* const crossings;  ///< without, each page is asked for
     WalkState& state;
     StackWords& stack;
     const bool usesCache;

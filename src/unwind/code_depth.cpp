@@ -8,7 +8,6 @@
 #include <optional>
 
 #include "foundation/checked_bytes.h"
-#include "platform/memory.h"
 #include "unwind/instruction.h"
 #include "unwind/stack_effect.h"
 #include "unwind/table_step.h"
@@ -24,7 +23,8 @@ constexpr int mostPasses = 4;
 /// A function's instructions in the order in which they lie, copied a piece at a time.
 class CodeReader {
  public:
-    explicit CodeReader(std::uint64_t functionBegin) noexcept : begin(functionBegin) {}
+    CodeReader(const AddressSpace& addressSpace, std::uint64_t functionBegin) noexcept
+        : space(addressSpace), begin(functionBegin) {}
 
     /// Bytes from the function's entry to the next instruction.
     std::uint64_t position() const noexcept { return pieceBegin + piece.position(); }
@@ -33,13 +33,13 @@ class CodeReader {
         constexpr std::size_t longestInstruction = 15;
         if (piece.remaining() < longestInstruction) {
             pieceBegin = position();
-            piece = ByteCursor(bytes,
-                               platform::readOwnMemory(begin + pieceBegin, bytes, sizeof(bytes)));
+            piece = ByteCursor(bytes, space.read(begin + pieceBegin, bytes, sizeof(bytes)));
         }
         return readInstruction(piece);
     }
 
  private:
+    const AddressSpace& space;
     const std::uint64_t begin;
     std::uint64_t pieceBegin = 0;
     std::uint8_t bytes[128];
@@ -162,7 +162,7 @@ std::uint64_t targetOf(const Instruction& instruction, std::uint64_t end) noexce
 
 }  // namespace
 
-std::optional<StackDepth> findStackDepth(const FunctionCode& function,
+std::optional<StackDepth> findStackDepth(const AddressSpace& space, const FunctionCode& function,
                                          std::uint64_t address) noexcept {
     const std::uint64_t length = function.end - function.begin;
     const std::uint64_t wanted = address - function.begin;
@@ -171,7 +171,7 @@ std::optional<StackDepth> findStackDepth(const FunctionCode& function,
     }
     DepthFlow flow;
     for (int pass = 0; pass < mostPasses && flow.learnsMore(); ++pass) {
-        CodeReader code(function.begin);
+        CodeReader code(space, function.begin);
         flow.startPass();
         while (code.position() < length) {
             if (!flow.arriveAt(code.position())) {
@@ -197,13 +197,13 @@ std::optional<StackDepth> findStackDepth(const FunctionCode& function,
 // behind another call of the same function.
 [[gnu::noinline]] bool findCallerByCode(const platform::CodeModule& module, std::uint64_t address,
                                         std::uint64_t stackPointer, std::uint64_t framePointer,
-                                        TableCopies* copies, StackWords& words,
+                                        const TableSource& source, StackWords& words,
                                         CalledFrame& caller) noexcept {
     FunctionCode function;
-    if (!findFunction(module, address, copies, function)) {
+    if (!findFunction(module, address, source, function)) {
         return false;
     }
-    const auto place = findStackDepth(function, address);
+    const auto place = findStackDepth(source.space, function, address);
     if (!place) {
         return false;
     }
@@ -212,8 +212,8 @@ std::optional<StackDepth> findStackDepth(const FunctionCode& function,
     const std::uint64_t saved = stackPointer + place->depth - place->savedFrame;
     return (place->savedFrame == 0 || words.read(saved, caller.framePointer)) &&
            words.read(stackPointer + place->depth, caller.returnAddress) &&
-           callsFunction(caller.returnAddress, function.begin) == Calls::This &&
-           leadsOn(caller, copies, words);
+           callsFunction(source.space, caller.returnAddress, function.begin) == Calls::This &&
+           leadsOn(caller, source, words);
 }
 
 }  // namespace ThreadUtilities::cfi

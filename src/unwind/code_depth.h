@@ -27,8 +27,8 @@ struct StackDepth {
 /// Follows the code of a function from its entry to `address`. None where that cannot be told: the
 /// code is too long, the stack pointer is moved other than by constants, two ways to one
 /// instruction leave it at different depths, or no way is seen.
-/// Reads through the system.
-std::optional<StackDepth> findStackDepth(const FunctionCode& function,
+/// Reads through the space.
+std::optional<StackDepth> findStackDepth(const AddressSpace& space, const FunctionCode& function,
                                          std::uint64_t address) noexcept;
 
 /// The caller of the function in `module` in which a thread stands at `address`, interrupted. Only
@@ -37,7 +37,7 @@ std::optional<StackDepth> findStackDepth(const FunctionCode& function,
 /// Takes some microseconds.
 /// Context: target stopped, or signal handler, where the system may be called.
 bool findCallerByCode(const platform::CodeModule& module, std::uint64_t address,
-                      std::uint64_t stackPointer, std::uint64_t framePointer, TableCopies* copies,
-                      StackWords& words, CalledFrame& caller) noexcept;
+                      std::uint64_t stackPointer, std::uint64_t framePointer,
+                      const TableSource& source, StackWords& words, CalledFrame& caller) noexcept;
 
 }  // namespace ThreadUtilities::cfi

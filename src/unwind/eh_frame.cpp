@@ -7,8 +7,9 @@
 #include <optional>
 #include <string_view>
 
+#include "platform/thread_context.h"
+#include "unwind/address_space.h"
 #include "unwind/encoded_pointer.h"
-#include "unwind/scanned_tables.h"
 
 namespace ThreadUtilities::cfi {
 namespace {
@@ -199,7 +200,7 @@ LookupResult findFde(const TableReader& reader, std::uint64_t header, std::uint6
     const Index index = indexOfHeader(reader, header);
     std::uint64_t entry = 0;
     if (index.count == 0) {
-        const std::uint64_t scanned = scannedEntry(address);
+        const std::uint64_t scanned = reader.addressSpace().scannedEntry(address);
         if (scanned == noEntry) {
             return LookupResult::NotCovered;
         }
@@ -209,7 +210,7 @@ LookupResult findFde(const TableReader& reader, std::uint64_t header, std::uint6
         const LookupResult result =
             scanEntries(reader, frames, address, mostEntriesWhileHeld, fde, entry);
         if (result == LookupResult::LongSearch) {
-            wantScan(frames, address);
+            reader.addressSpace().wantScan(frames, address);
         }
         return result;
     }

@@ -23,10 +23,10 @@ namespace ThreadUtilities::cfi {
 /// this very function; where the call does not name whom it calls, the frame after that must end in
 /// a return address behind a call as well. False when that cannot be proven.
 ///
-/// Reads code and tables through the system. Takes some microseconds, and 1.5 KB of stack; not for
+/// Reads code and tables through the space. Takes some microseconds, and 1.5 KB of stack; not for
 /// signal handlers.
 bool recoverFramePointer(const platform::CodeModule& module, std::uint64_t address,
-                         std::uint64_t stackPointer, TableCopies* copies, StackWords& words,
+                         std::uint64_t stackPointer, const TableSource& source, StackWords& words,
                          std::uint64_t& framePointer) noexcept;
 
 }  // namespace ThreadUtilities::cfi

@@ -10,10 +10,15 @@
 
 #include "platform/code_modules.h"
 #include "platform/thread_stacks.h"
-#include "unwind/cfi_unwinder.h"
+#include "unwind/known_crossings.h"
+#include "unwind/known_paths.h"
+#include "unwind/own_space.h"
+#include "unwind/rule_cache.h"
 #include "unwind/scanned_tables.h"
 #include "unwind/stack_words.h"
-#include "unwind/walk.h"
+#include "unwind/table_reader.h"
+#include "unwind/table_walk.h"
+#include "unwind/walk_memory.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -22,52 +27,18 @@ constinit cfi::RuleCache ruleCache;
 constinit cfi::KnownPaths knownPaths;
 constinit cfi::KnownCrossings knownCrossings;
 
-using Keeps = cfi::CfiUnwinder::Keeps;
-
-/// Where a walk starts, and what it may do.
-struct Start {
-    const platform::Registers& registers;
-    std::uint32_t knownRegisters;
-    std::uint64_t stackShift = 0;
-    bool mayCallSystem = true;
-    bool isOwn = false;  ///< of the calling thread, as `CfiUnwinder::startAsCaller` asks for
+/// A walk of a thread of this process.
+struct Start : cfi::WalkStart {
     std::span<std::byte> scratch{};
 };
 
-/// A `WalkResult` and whether copies are what the walk lacked: small enough for two registers.
-struct Walk {
-    std::size_t frameCount = 0;
-    WalkEnd end = WalkEnd::EndOfStack;
-    bool lacksCopies = false;
-
-    WalkResult result() const noexcept { return {frameCount, end}; }
-};
-
-/// Not inlined: the position of a walk needs all of the processor's registers.
-template <Keeps keeps>
-[[gnu::noinline]] Walk walk(const Start& start, cfi::TableCopies* copies, StackWords& words,
-                            unsigned long long* frames, std::size_t maxFrames) noexcept {
-    cfi::WalkState state(start.registers, start.knownRegisters, start.mayCallSystem, copies);
-    cfi::CfiUnwinder unwinder(ruleCache, knownPaths, keeps, words, start.stackShift,
-                              start.isOwn ? &knownCrossings : nullptr, state);
-    if (start.isOwn && keeps == Keeps::FramePointer) {
-        unwinder.startAsCaller();
-    }
-    const WalkResult result = walkStack(unwinder, words, frames, maxFrames);
-    if (words.metProtectedPage()) [[unlikely]] {
-        knownCrossings.turnOff();
-    }
-    return {result.frameCount, result.end, state.lacksCopies};
-}
-
-Walk walk(const Start& start, cfi::TableCopies* copies, StackWords& words,
-          unsigned long long* frames, std::size_t maxFrames) noexcept {
-    const Walk first = walk<Keeps::FramePointer>(start, copies, words, frames, maxFrames);
-    if (first.end == WalkEnd::UnknownRegister) [[unlikely]] {
-        // A frame farther out is addressed by a register that cached rules do not carry along.
-        return walk<Keeps::AllRegisters>(start, copies, words, frames, maxFrames);
-    }
-    return first;
+cfi::TableWalk walk(const Start& start, cfi::TableCopies* copies, StackWords& words,
+                    unsigned long long* frames, std::size_t maxFrames) noexcept {
+    const auto memory = [] {
+        return cfi::WalkMemory{ruleCache, platform::permanentIdentity(), &knownPaths,
+                               &knownCrossings};
+    };
+    return cfi::walkByTables(start, memory, {cfi::ownSpace, copies}, words, frames, maxFrames);
 }
 
 /// Not inlined: the room for copies must not be on the stack of a thread that walks itself.
@@ -90,7 +61,7 @@ WalkResult walkWithCopies(const Start& start, StackWords& words, unsigned long l
 
 WalkResult walkHeld(const Start& start, StackWords& words, unsigned long long* frames,
                     std::size_t maxFrames) noexcept {
-    const Walk held = walk(start, nullptr, words, frames, maxFrames);
+    const cfi::TableWalk held = walk(start, nullptr, words, frames, maxFrames);
     return held.lacksCopies ? walkWithCopies(start, words, frames, maxFrames) : held.result();
 }
 
@@ -111,7 +82,7 @@ WalkResult searching(Walking walkOnce) noexcept {
 [[gnu::noinline]] WalkResult walkCopiedStack(const platform::ThreadContext& context,
                                              const Start& start, unsigned long long* frames,
                                              std::size_t maxFrames) noexcept {
-    StackWords words(context.stack, context.stackShift);
+    StackWords words(cfi::ownSpace, context.stack, context.stackShift);
     if (context.isStopped) {
         return walkHeld(start, words, frames, maxFrames);
     }
@@ -150,14 +121,14 @@ bool searchForWalks() noexcept {
 
 WalkResult walkThread(const platform::ThreadContext& context, unsigned long long* frames,
                       std::size_t maxFrames) noexcept {
-    Start start{context.registers, context.knownRegisters};
+    Start start{{context.registers, context.knownRegisters}};
     start.stackShift = context.stackShift;
     start.mayCallSystem = context.mayCallSystem;
     start.scratch = context.scratch;
     if (!context.isStopped || context.stackShift != 0) {
         return walkCopiedStack(context, start, frames, maxFrames);
     }
-    StackWords words(context.stack, context.readableStack, context.mayCallSystem);
+    StackWords words(cfi::ownSpace, context.stack, context.readableStack, context.mayCallSystem);
     return walkHeld(start, words, frames, maxFrames);
 }
 
@@ -193,9 +164,9 @@ WalkResult walkThread(const platform::ThreadContext& context, unsigned long long
         :
         : "rax");
     const auto frameTop = reinterpret_cast<std::uint64_t>(__builtin_frame_address(0)) + 16;
-    Start start{registers, platform::allRegisters};
+    Start start{{registers}};
     start.isOwn = true;
-    StackWords words(platform::currentStackRange(),
+    StackWords words(cfi::ownSpace, platform::currentStackRange(),
                      pagesInUse(registers[platform::Rsp], frameTop, frames, maxFrames), true);
     return searching([&] { return walkHeld(start, words, frames, maxFrames); }).frameCount;
 }

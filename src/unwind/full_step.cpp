@@ -37,7 +37,7 @@ bool isAtStart(const WalkState& state, const Position& position) noexcept {
 }
 
 CallSite callSite(const WalkState& state, std::uint64_t address) noexcept {
-    return state.mayCallSystem ? callSiteAt(address) : CallSite::Unreadable;
+    return state.mayCallSystem ? callSiteAt(state.tables.space, address) : CallSite::Unreadable;
 }
 
 /// Of a thread that is looked at from outside: no context of a held one lacks it.
@@ -86,7 +86,7 @@ StepResult applyTables(std::uint64_t address, WalkState& state, StackWords& word
     if (state.knowsFramePointer) {
         registers.set(platform::Rbp, position.framePointer);
     }
-    const TableStep step = stepByTables(state.module, address, state.copies, registers, words);
+    const TableStep step = stepByTables(state.module, address, state.tables, registers, words);
     rule = step.rule;
     position.instructionPointer = registers[platform::Rip];
     position.stackPointer = registers[platform::Rsp];
@@ -148,7 +148,7 @@ StepResult applyTables(std::uint64_t address, WalkState& state, StackWords& word
 }  // namespace
 
 bool enterModule(WalkState& state, std::uint64_t address) noexcept {
-    if (!platform::findCodeModule(address, state.module, state.mayCallSystem)) {
+    if (!state.tables.space.findModule(address, state.module, state.mayCallSystem)) {
         state.module = {};
         return false;
     }
@@ -175,14 +175,14 @@ StepResult stepInFull(RuleCache& cache, bool usesRules, WalkState& state, StackW
     if (result != StepResult::UnknownRegister || !lacksFramePointer(state)) [[likely]] {
         return result;
     }
-    if (!atReturnAddress && !isBehindSystemCall(before.instructionPointer)) {
+    if (!atReturnAddress && !isBehindSystemCall(state.tables.space, before.instructionPointer)) {
         return result;  // the function may be about to return, its frame half gone
     }
     position = before;
     state.atReturnAddress = atReturnAddress;
     state.knowsFramePointer =
         recoverFramePointer(state.module, lookupAddress(before, atReturnAddress),
-                            before.stackPointer, state.copies, words, position.framePointer);
+                            before.stackPointer, state.tables, words, position.framePointer);
     return state.knowsFramePointer ? stepByRuleOrTables(cache, usesRules, state, words, position)
                                    : result;
 }
@@ -190,14 +190,14 @@ StepResult stepInFull(RuleCache& cache, bool usesRules, WalkState& state, StackW
 bool stepByCodeFrom(const WalkState::Interrupted& from, WalkState& state, StackWords& words,
                     Position& position) noexcept {
     // What is found may be a stale word, as for `returnTo`.
-    if (state.copies == nullptr || !state.mayCallSystem) {
+    if (state.tables.copies == nullptr || !state.mayCallSystem) {
         state.lacksCopies = state.mayCallSystem;
         return false;
     }
     CalledFrame caller;
     if (!enterModule(state, from.instructionPointer) ||
         !findCallerByCode(state.module, from.instructionPointer, from.stackPointer,
-                          from.framePointer, state.copies, words, caller)) {
+                          from.framePointer, state.tables, words, caller)) {
         return false;
     }
     position = {};
@@ -227,7 +227,7 @@ bool isReturnAddress(const RuleCache& cache, WalkState& state, std::uint64_t add
         return site == CallSite::Behind;
     }
     TableRow found;
-    if (findTableRow(state.module, address - 1, state.copies, found) != StepResult::Made) {
+    if (findTableRow(state.module, address - 1, state.tables, found) != StepResult::Made) {
         return false;
     }
     return site == CallSite::Unreadable || found.isSignalFrame || found.hasNoCaller();

@@ -8,7 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "unwind/address_space.h"
 #include "unwind/eh_frame.h"
+#include "unwind/own_space.h"
 
 namespace ThreadUtilities::cfi {
 namespace {
@@ -42,8 +44,8 @@ void learn(std::uint64_t codeBegin, std::uint64_t codeEnd, std::uint64_t entry) 
     TableCopies copies;
     Fde fde;
     std::uint64_t entry = 0;
-    if (scanEntries(TableReader(copies), frames, address, maxScannedEntries, fde, entry) !=
-        LookupResult::Found) {
+    if (scanEntries(TableReader(ownSpace, copies), frames, address, maxScannedEntries, fde,
+                    entry) != LookupResult::Found) {
         learn(address, address + 1, noEntry);
         return false;
     }

@@ -7,12 +7,9 @@
 
 namespace ThreadUtilities::cfi {
 
-// Tables that come without a search index are looked through entry by entry. While a thread stands
-// still that is done for a few entries only; what they do not cover is noted, looked for outside,
-// and found by its place from then on.
-
-/// No entry covers the address.
-inline constexpr std::uint64_t noEntry = ~std::uint64_t{0};
+// Tables of this process that come without a search index are looked through entry by entry. While
+// a thread stands still that is done for a few entries only; what they do not cover is noted,
+// looked for outside, and found by its place from then on.
 
 /// Where the entry stands that covers `address`, or `noEntry`, as far as that has been looked for;
 /// 0 when it has not. It may be of a module that was there before: whoever reads the entry finds

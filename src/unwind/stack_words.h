@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "platform/memory.h"
-#include "platform/thread_context.h"
+#include "unwind/address_space.h"
 
 namespace ThreadUtilities {
 
@@ -18,7 +18,7 @@ namespace ThreadUtilities {
 /// *Which reads are direct.* Those of pages that are known to be readable, and no others: a stack
 /// may hold pages that its owner has protected (the guards of coroutine stacks laid inside of it),
 /// and a damaged chain of frames leads anywhere. The walk begins with what the context names, and
-/// asks the system for each further page of the thread's own stack, once, two pages at a time.
+/// asks for each further page of the thread's own stack, once, two pages at a time.
 /// Because that stack is nobody else's and its owner is stopped, a page found readable stays so.
 ///
 /// Alternate signal stacks, coroutine stacks and garbage lie outside of the own stack, where
@@ -28,13 +28,14 @@ class StackWords {
  public:
     /// All of `readable` can be read. `shift` is added to an address in it to find its word: not 0
     /// for a copied stack.
-    explicit StackWords(platform::ReadableRange readable, std::uint64_t shift = 0) noexcept
-        : known(readable), stack(readable), rangeShift(shift) {}
+    StackWords(const cfi::AddressSpace& addressSpace, platform::ReadableRange readable,
+               std::uint64_t shift = 0) noexcept
+        : space(addressSpace), known(readable), stack(readable), rangeShift(shift) {}
 
     /// The pages of `ownStack` are to be asked for, apart from `readable`.
-    StackWords(platform::ReadableRange ownStack, platform::ReadableRange readable,
-               bool systemMayBeCalled) noexcept
-        : known(readable), stack(ownStack), mayCallSystem(systemMayBeCalled) {}
+    StackWords(const cfi::AddressSpace& addressSpace, platform::ReadableRange ownStack,
+               platform::ReadableRange readable, bool systemMayBeCalled) noexcept
+        : space(addressSpace), known(readable), stack(ownStack), mayCallSystem(systemMayBeCalled) {}
 
     StackWords(const StackWords&) = delete;
     StackWords& operator=(const StackWords&) = delete;
@@ -94,9 +95,9 @@ class StackWords {
         }
         while (range.end < end) {
             const std::uint64_t next = platform::pageOf(range.end) + pageSize;
-            if (next + pageSize <= stack.end && platform::isReadableNow(next - wordSize / 2)) {
+            if (next + pageSize <= stack.end && space.isReadableNow(next - wordSize / 2)) {
                 range.end = next + pageSize;
-            } else if (platform::isReadableNow(next - wordSize)) {
+            } else if (space.isReadableNow(next - wordSize)) {
                 range.end = next;
             } else {
                 metProtected = true;
@@ -134,7 +135,7 @@ class StackWords {
         if (windowBytes < wordSize || address < windowBegin ||
             address - windowBegin > windowBytes - wordSize) {
             windowBegin = address;
-            windowBytes = platform::readOwnMemory(address, window, windowSize);
+            windowBytes = space.read(address, window, windowSize);
             if (windowBytes < wordSize) {
                 return false;
             }
@@ -143,6 +144,7 @@ class StackWords {
         return true;
     }
 
+    const cfi::AddressSpace& space;
     platform::ReadableRange known;
     platform::ReadableRange stack;
     std::uint64_t rangeShift = 0;

@@ -6,8 +6,7 @@
 #include <cstdint>
 
 #include "foundation/checked_bytes.h"
-#include "platform/memory.h"
-#include "platform/thread_context.h"
+#include "unwind/address_space.h"
 
 namespace ThreadUtilities::cfi {
 
@@ -20,15 +19,26 @@ struct TableCopies {
     std::uint8_t fde[3584];
 };
 
+/// Where tables are read: the space that their modules are in, and room for copies, which is given
+/// where modules may be unloaded meanwhile.
+struct TableSource {
+    const AddressSpace& space;
+    TableCopies* copies = nullptr;
+};
+
 /// Gives the bytes of a module's unwind tables. Where the module stays loaded meanwhile they are
 /// read in place, else through copies: it may vanish under the walk.
 class TableReader {
  public:
-    /// In place; both ranges stay readable.
-    TableReader(platform::ReadableRange headerBytes, platform::ReadableRange frameBytes) noexcept
-        : headerRange(headerBytes), frameRange(frameBytes) {}
+    /// In place; both stay readable.
+    TableReader(const AddressSpace& addressSpace, TableBytes headerBytes,
+                TableBytes frameBytes) noexcept
+        : space(addressSpace), header(headerBytes), frames(frameBytes) {}
 
-    explicit TableReader(TableCopies& room) noexcept : copies(&room) {}
+    TableReader(const AddressSpace& addressSpace, TableCopies& room) noexcept
+        : space(addressSpace), copies(&room) {}
+
+    const AddressSpace& addressSpace() const noexcept { return space; }
 
     /// Some bytes of a table.
     struct Piece {
@@ -41,40 +51,45 @@ class TableReader {
     };
 
     Piece index(std::uint64_t address) const noexcept {
-        return copies == nullptr ? inPlace(headerRange, address) : copied(copies->index, address);
+        return copies == nullptr ? inPlace(header, address) : copied(copies->index, address);
     }
     Piece fde(std::uint64_t address) const noexcept {
-        return copies == nullptr ? inPlace(frameRange, address) : copied(copies->fde, address);
+        return copies == nullptr ? inPlace(frames, address) : copied(copies->fde, address);
     }
     Piece cie(std::uint64_t address) const noexcept {
-        return copies == nullptr ? inPlace(frameRange, address) : copied(copies->cie, address);
+        return copies == nullptr ? inPlace(frames, address) : copied(copies->cie, address);
     }
 
     /// Where the bytes end that FDEs, their CIEs and so their expressions lie in.
     const std::uint8_t* end() const noexcept {
-        return copies == nullptr ? reinterpret_cast<const std::uint8_t*>(frameRange.end)
+        return copies == nullptr ? pointerTo(frames, frames.range.end)
                                  : copies->fde + sizeof(copies->fde);
     }
 
  private:
-    static Piece inPlace(platform::ReadableRange range, std::uint64_t address) noexcept {
-        if (address < range.begin || address > range.end) {
+    static const std::uint8_t* pointerTo(const TableBytes& tables, std::uint64_t address) noexcept {
+        return reinterpret_cast<const std::uint8_t*>(address + tables.shift);
+    }
+
+    static Piece inPlace(const TableBytes& tables, std::uint64_t address) noexcept {
+        if (address < tables.range.begin || address > tables.range.end) {
             Piece outside;
             outside.bytes.fail();
             return outside;
         }
-        return {{reinterpret_cast<const std::uint8_t*>(address),
-                 reinterpret_cast<const std::uint8_t*>(range.end)}};
+        return {{pointerTo(tables, address), pointerTo(tables, tables.range.end)},
+                0 - tables.shift};
     }
 
     template <std::size_t Size>
-    static Piece copied(std::uint8_t (&room)[Size], std::uint64_t address) noexcept {
-        const std::size_t size = platform::readOwnMemory(address, room, Size);
+    Piece copied(std::uint8_t (&room)[Size], std::uint64_t address) const noexcept {
+        const std::size_t size = space.read(address, room, Size);
         return {ByteCursor(room, size), address - reinterpret_cast<std::uint64_t>(room)};
     }
 
-    platform::ReadableRange headerRange;
-    platform::ReadableRange frameRange;
+    const AddressSpace& space;
+    TableBytes header;
+    TableBytes frames;
     TableCopies* copies = nullptr;
 };
 

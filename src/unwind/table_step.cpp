@@ -11,23 +11,23 @@
 namespace ThreadUtilities::cfi {
 namespace {
 
-TableReader readerOf(const platform::CodeModule& module, TableCopies* copies) noexcept {
-    if (copies != nullptr && !module.isPermanent) {
-        return TableReader(*copies);
+TableReader readerOf(const platform::CodeModule& module, const TableSource& source) noexcept {
+    const AddressSpace& space = source.space;
+    if (source.copies != nullptr && !module.isPermanent) {
+        return {space, *source.copies};
     }
-    const platform::ReadableRange headerBytes =
-        platform::readableSegment(module, module.unwindHeader);
-    const TableReader header(headerBytes, {});
+    const TableBytes headerBytes = space.tablesAround(module, module.unwindHeader);
+    const TableReader header(space, headerBytes, {});
     const std::uint64_t frames = framesOfHeader(header, module.unwindHeader);
-    return {headerBytes, platform::readableSegment(module, frames)};
+    return {space, headerBytes, space.tablesAround(module, frames)};
 }
 
-StepResult lookUpFde(const platform::CodeModule& module, std::uint64_t address, TableCopies* copies,
-                     Fde& fde) noexcept {
+StepResult lookUpFde(const platform::CodeModule& module, std::uint64_t address,
+                     const TableSource& source, Fde& fde) noexcept {
     if (module.unwindHeader == 0) {
         return StepResult::NoUnwindData;
     }
-    const TableReader reader = readerOf(module, copies);
+    const TableReader reader = readerOf(module, source);
     const std::uint64_t frames = framesOfHeader(reader, module.unwindHeader);
     switch (findFde(reader, module.unwindHeader, frames, address, fde)) {
         case LookupResult::Found:
@@ -47,9 +47,9 @@ StepResult lookUpFde(const platform::CodeModule& module, std::uint64_t address, 
 // Not inlined: the memory that the search and the program take is free again when the row's
 // expressions are evaluated.
 [[gnu::noinline]] StepResult findTableRow(const platform::CodeModule& module, std::uint64_t address,
-                                          TableCopies* copies, TableRow& found) noexcept {
+                                          const TableSource& source, TableRow& found) noexcept {
     Fde fde;
-    if (const StepResult result = lookUpFde(module, address, copies, fde);
+    if (const StepResult result = lookUpFde(module, address, source, fde);
         result != StepResult::Made) {
         return result;
     }
@@ -62,10 +62,10 @@ StepResult lookUpFde(const platform::CodeModule& module, std::uint64_t address, 
     return StepResult::Made;
 }
 
-bool findFunction(const platform::CodeModule& module, std::uint64_t address, TableCopies* copies,
-                  FunctionCode& function) noexcept {
+bool findFunction(const platform::CodeModule& module, std::uint64_t address,
+                  const TableSource& source, FunctionCode& function) noexcept {
     Fde fde;
-    if (lookUpFde(module, address, copies, fde) != StepResult::Made) {
+    if (lookUpFde(module, address, source, fde) != StepResult::Made) {
         return false;
     }
     function = {fde.codeBegin, fde.codeEnd};
@@ -73,10 +73,11 @@ bool findFunction(const platform::CodeModule& module, std::uint64_t address, Tab
 }
 
 TableStep stepByTables(const platform::CodeModule& module, std::uint64_t address,
-                       TableCopies* copies, RegisterFile& registers, StackWords& words) noexcept {
+                       const TableSource& source, RegisterFile& registers,
+                       StackWords& words) noexcept {
     TableStep step;
     TableRow found;
-    step.result = findTableRow(module, address, copies, found);
+    step.result = findTableRow(module, address, source, found);
     if (step.result != StepResult::Made) {
         return step;
     }

@@ -26,11 +26,11 @@ struct TableRow {
     }
 };
 
-/// What the tables of `module` say of `address`: `Made` when they have a row for it. With `copies`,
-/// tables of a module that may vanish are read through these; what is found points into them.
+/// What the tables of `module` say of `address`: `Made` when they have a row for it. Where
+/// tables are read through copies, what is found points into these.
 /// Context: target stopped, or signal handler; no allocation, no lock, no log.
 StepResult findTableRow(const platform::CodeModule& module, std::uint64_t address,
-                        TableCopies* copies, TableRow& found) noexcept;
+                        const TableSource& source, TableRow& found) noexcept;
 
 /// [begin, end) of a function, as the tables have it.
 struct FunctionCode {
@@ -40,8 +40,8 @@ struct FunctionCode {
 
 /// The function of `module` that covers `address`.
 /// Context: as `findTableRow`.
-bool findFunction(const platform::CodeModule& module, std::uint64_t address, TableCopies* copies,
-                  FunctionCode& function) noexcept;
+bool findFunction(const platform::CodeModule& module, std::uint64_t address,
+                  const TableSource& source, FunctionCode& function) noexcept;
 
 struct TableStep {
     StepResult result = StepResult::Made;
@@ -53,6 +53,7 @@ struct TableStep {
 /// address to look up, which is one byte before a return address. Takes some hundred nanoseconds.
 /// Context: target stopped, or signal handler; no allocation, no lock, no log.
 TableStep stepByTables(const platform::CodeModule& module, std::uint64_t address,
-                       TableCopies* copies, RegisterFile& registers, StackWords& words) noexcept;
+                       const TableSource& source, RegisterFile& registers,
+                       StackWords& words) noexcept;
 
 }  // namespace ThreadUtilities::cfi

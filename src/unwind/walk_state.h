@@ -29,18 +29,18 @@ struct Position {
 /// What a walk knows beyond its position.
 struct WalkState {
     WalkState(const platform::Registers& startRegisters, std::uint32_t knownAtStart,
-              bool systemMayBeCalled, TableCopies* tableCopies) noexcept
+              bool systemMayBeCalled, const TableSource& tableSource) noexcept
         : start(startRegisters),
           knownRegisters(knownAtStart),
           mayCallSystem(systemMayBeCalled),
-          copies(tableCopies) {}
+          tables(tableSource) {}
 
     const platform::Registers& start;
     const std::uint32_t knownRegisters;  ///< of `start`
     const bool mayCallSystem;
-    /// Given where modules may be unloaded that the walk finds: the thread is not held, or the walk
-    /// went on from a guess.
-    TableCopies* const copies;
+    /// With room for copies where modules may be unloaded that the walk finds: the thread is not
+    /// held, or the walk went on from a guess.
+    const TableSource tables;
     bool lacksCopies = false;  ///< for the guess that would lead on
 
     platform::CodeModule module;  ///< of the frame before, most likely of this one too

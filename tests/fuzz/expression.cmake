@@ -3,4 +3,5 @@
 
 add_fuzz_target(expression_fuzz
     SOURCES expression_fuzz.cpp
-    OBJECTS thread_utilities_foundation thread_utilities_unwind thread_utilities_linux)
+    OBJECTS thread_utilities_foundation thread_utilities_unwind thread_utilities_unwind_own
+        thread_utilities_linux)

@@ -4,6 +4,7 @@
 // Any bytes as the operations of an expression: it ends and reads nothing outside.
 
 #include "unwind/expression.h"
+#include "unwind/own_space.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -17,7 +18,7 @@ using namespace ThreadUtilities::cfi;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::vector<std::uint8_t> bytes(data, data + size);
     const MadeUpFrame frame;
-    StackWords words({});
+    StackWords words(ownSpace, {});
     const std::uint64_t initial = 0x1000;
     std::uint64_t result = 0;
     evaluateExpression(ByteCursor(bytes.data(), bytes.size()), frame.registers, words, &initial,

@@ -9,6 +9,7 @@
 #include "fuzz/require.h"
 #include "unwind/apply_row.h"
 #include "unwind/compiled_rule.h"
+#include "unwind/own_space.h"
 
 namespace ThreadUtilities::cfi {
 
@@ -32,7 +33,7 @@ class MadeUpFrame {
     /// The rules may lead anywhere: no word outside the stack is read but through the system.
     void apply(const UnwindRow& row, std::uint64_t returnAddressColumn,
                const std::uint8_t* tableEnd) {
-        StackWords words({begin(), begin() + 8 * stack.size()});
+        StackWords words(ownSpace, {begin(), begin() + 8 * stack.size()});
         if (applyRow(row, returnAddressColumn, tableEnd, registers, words) == StepResult::Made) {
             require(registers.has(platform::Rip) && registers.has(platform::Rsp));
         }

@@ -11,6 +11,7 @@
 #include "fuzz/made_up_frame.h"
 #include "unwind/cfa_program.h"
 #include "unwind/eh_frame.h"
+#include "unwind/own_space.h"
 
 namespace {
 
@@ -38,8 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const platform::ReadableRange range{begin, begin + size};
     TableCopies copies;
     for (const std::uint64_t offset : {0x0, 0x100, 0x180, 0x1FF, 0x4000}) {
-        look(TableReader(range, range), begin, begin + offset);
-        look(TableReader(copies), begin, begin + offset);
+        look(TableReader(ownSpace, {range}, {range}), begin, begin + offset);
+        look(TableReader(ownSpace, copies), begin, begin + offset);
     }
     return 0;
 }

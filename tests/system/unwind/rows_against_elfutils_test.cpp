@@ -21,6 +21,7 @@
 #include <string>
 
 #include "platform/code_modules.h"
+#include "unwind/own_space.h"
 #include "unwind/table_step.h"
 
 namespace ThreadUtilities::cfi {
@@ -144,7 +145,7 @@ void compareRows(const ElfutilsRows& theirs, std::uint64_t loadBias, std::size_t
     for (std::uint64_t address = 0; address < module.size; ++address) {
         SCOPED_TRACE(address);
         TableRow ours;
-        const StepResult found = findTableRow(module, address + loadBias, nullptr, ours);
+        const StepResult found = findTableRow(module, address + loadBias, {ownSpace}, ours);
         const auto row = theirs.rowAt(address);
         ASSERT_EQ(found == StepResult::Made, row != nullptr);
         if (!row) {

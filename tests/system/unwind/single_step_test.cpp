@@ -23,6 +23,7 @@
 #include "unwind/call_site.h"
 #include "unwind/frame_pointer_recovery.h"
 #include "unwind/frame_walk.h"
+#include "unwind/own_space.h"
 #include "unwind/stepped_code.h"
 
 namespace ThreadUtilities {
@@ -132,16 +133,16 @@ void checkWalk(const platform::ThreadContext& context) {
 /// for functions that a call has just returned to.
 void checkFramePointer(const platform::ThreadContext& context) {
     const std::uint64_t address = context.registers[platform::Rip] - 1;
-    if (cfi::callSiteAt(address + 1) != cfi::CallSite::Behind) {
+    if (cfi::callSiteAt(cfi::ownSpace, address + 1) != cfi::CallSite::Behind) {
         return;
     }
     platform::CodeModule module;
     cfi::TableCopies copies;
-    StackWords words(context.stack);
+    StackWords words(cfi::ownSpace, context.stack);
     std::uint64_t found = 0;
     if (platform::findCodeModule(address, module) &&
-        cfi::recoverFramePointer(module, address, context.registers[platform::Rsp], &copies, words,
-                                 found)) {
+        cfi::recoverFramePointer(module, address, context.registers[platform::Rsp],
+                                 {cfi::ownSpace, &copies}, words, found)) {
         ++stepping.framePointers;
         stepping.wrongFramePointers += found != context.registers[platform::Rbp] ? 1 : 0;
     }

@@ -9,6 +9,7 @@
 #include "unwind/cfa_program.h"
 #include "unwind/compiled_rule.h"
 #include "unwind/expression.h"
+#include "unwind/own_space.h"
 
 namespace ThreadUtilities::cfi {
 namespace {
@@ -132,7 +133,7 @@ class Expression : public testing::Test {
     void TearDown() override { scripted::memory.clear(); }
 
     StepResult evaluate(const Bytes& operations) {
-        StackWords words({});
+        StackWords words(ownSpace, {});
         const std::uint64_t initial = 5;
         return evaluateExpression(ByteCursor(operations.data(), operations.size()), registers,
                                   words, &initial, value);

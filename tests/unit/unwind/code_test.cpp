@@ -14,6 +14,7 @@
 #include "scripted_platform/script.h"
 #include "unwind/call_site.h"
 #include "unwind/code_depth.h"
+#include "unwind/own_space.h"
 #include "unwind/prologue.h"
 
 namespace ThreadUtilities::cfi {
@@ -135,8 +136,8 @@ TEST(Code, SaysWhatItsFunctionHasOnTheStack) {
     for (const Function& function : functions) {
         SCOPED_TRACE(function.name);
         scripted::memory = {{codeBegin, {function.code.begin(), function.code.end()}}};
-        const auto depth =
-            findStackDepth({codeBegin, codeBegin + function.code.size()}, codeBegin + function.at);
+        const auto depth = findStackDepth(ownSpace, {codeBegin, codeBegin + function.code.size()},
+                                          codeBegin + function.at);
         EXPECT_EQ(depth.has_value(), function.isUnderstood);
         EXPECT_EQ(depth.value_or(StackDepth()).depth, function.depth);
         EXPECT_EQ(depth.value_or(StackDepth()).savedFrame, function.savedFrame);
@@ -176,15 +177,15 @@ TEST(Code, SaysWhetherACallLiesBeforeAnAddressAndWhereTo) {
         memory.resize(7 + 16);
         memory.insert(memory.end(), {0x34, 0x12, 0, 0, 0, 0, 0, 0});
         scripted::memory = {{codeBegin, memory}};
-        const CallTarget found = callBefore(after);
+        const CallTarget found = callBefore(ownSpace, after);
         EXPECT_EQ(found.site, call.isThere ? CallSite::Behind : CallSite::NotBehind);
         EXPECT_EQ(found.isNamed, call.target != 0);
         EXPECT_EQ(found.target, call.target);
     }
-    EXPECT_EQ(callSiteAt(codeBegin + 6), CallSite::Unreadable);
+    EXPECT_EQ(callSiteAt(ownSpace, codeBegin + 6), CallSite::Unreadable);
     scripted::memory = {{codeBegin, {0x0F, 0x05, 0x0F}}};
-    EXPECT_TRUE(isBehindSystemCall(codeBegin + 2));
-    EXPECT_FALSE(isBehindSystemCall(codeBegin + 3));
+    EXPECT_TRUE(isBehindSystemCall(ownSpace, codeBegin + 2));
+    EXPECT_FALSE(isBehindSystemCall(ownSpace, codeBegin + 3));
 }
 
 }  // namespace

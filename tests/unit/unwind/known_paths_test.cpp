@@ -12,6 +12,7 @@
 #include "scripted_platform/script.h"
 #include "unwind/compiled_rule.h"
 #include "unwind/known_crossings.h"
+#include "unwind/own_space.h"
 #include "unwind/predicted_step.h"
 #include "unwind/walk_state.h"
 
@@ -146,7 +147,7 @@ TEST(KnownCrossing, IsBelievedByTheSameStackPointerUntilAPageIsProtected) {
     for (const std::uint8_t base : {platform::Rsp, platform::Rbp}) {
         position.predicted = cache->store({address - 1, 1}, ruleOf(base, 32, 0));
         for (int round = 0; round < 2; ++round) {
-            StackWords words({page - 64, next}, {page - 64, page}, true);
+            StackWords words(ownSpace, {page - 64, next}, {page - 64, page}, true);
             scripted::memoryQuestions = 0;
             EXPECT_EQ(reach(*cache, crossings.get(), words, position), next);
             EXPECT_EQ(scripted::memoryQuestions == 0, base == platform::Rsp && round == 1);
