@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 #include <string>

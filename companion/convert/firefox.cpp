@@ -1,7 +1,9 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
+#include <cstddef>
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <unordered_map>

@@ -4,7 +4,10 @@
 #include "convert/formats.h"
 
 #include <array>
+#include <filesystem>
+#include <span>
 #include <string>
+#include <string_view>
 
 namespace ThreadUtilities::companion {
 namespace {

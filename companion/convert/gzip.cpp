@@ -4,7 +4,10 @@
 #include "convert/gzip.h"
 
 #include <array>
+#include <ios>
 #include <new>
+#include <ostream>
+#include <string_view>
 
 namespace ThreadUtilities::companion {
 

@@ -1,6 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
+#include <cstdint>
+#include <ostream>
 #include <vector>
 
 #include "convert/formats.h"
@@ -32,6 +34,7 @@ void writeHtml(Source& source, std::ostream& output) {
         page.addThread(threadLabel(thread), pageTree(functions.treeOf(thread)));
     }
     std::vector<Function> list;
+    list.reserve(functions.size());
     for (FunctionId id = 0; id < functions.size(); ++id) {
         list.push_back(functions.function(id));
     }

@@ -2,9 +2,11 @@
 // SPDX-License-Identifier: MIT
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <ostream>
 #include <protozero/pbf_writer.hpp>
 #include <string>
 #include <string_view>

@@ -5,8 +5,13 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
 #include <iostream>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "commands.h"
 #include "support/complaints.h"

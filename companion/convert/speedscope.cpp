@@ -1,9 +1,10 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
+#include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <string>
+#include <ostream>
+#include <span>
 #include <string_view>
 #include <vector>
 

@@ -2,9 +2,11 @@
 // SPDX-License-Identifier: MIT
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "read/report_text.h"
@@ -25,17 +27,16 @@ std::string rightAligned(std::string text, std::size_t columns) {
 std::string percentText(std::uint64_t part, std::uint64_t whole) {
     const double tenths =
         whole == 0 ? 0 : static_cast<double>(part) * 1000 / static_cast<double>(whole);
-    const auto rounded = static_cast<std::uint64_t>(tenths + 0.5);
+    const auto rounded = static_cast<std::uint64_t>(std::llround(tenths));
     return rightAligned(std::to_string(rounded / 10) + '.' + std::to_string(rounded % 10), 5) +
            " %";
 }
 
 std::string bar(std::uint64_t part, std::uint64_t whole, const Terminal& terminal) {
     const std::size_t eighths =
-        whole == 0
-            ? 0
-            : static_cast<std::size_t>(
-                  static_cast<double>(part) * barColumns * 8 / static_cast<double>(whole) + 0.5);
+        whole == 0 ? 0
+                   : static_cast<std::size_t>(std::llround(static_cast<double>(part) * barColumns *
+                                                           8 / static_cast<double>(whole)));
     std::string text;
     std::size_t columns = eighths / 8;
     if (!terminal.hasUtf8) {

@@ -9,7 +9,6 @@
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <utility>
 
 #include "commands.h"
 #include "read/report_text.h"

@@ -5,9 +5,11 @@
 #include <cctype>
 #include <charconv>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -131,6 +133,7 @@ std::string threadsText(const ThreadReport& report, const FrameTable& frames,
         byStack[report.threads[index].frames].push_back(index);
     }
     std::vector<const std::vector<std::size_t>*> groups;
+    groups.reserve(byStack.size());
     for (const auto& [stack, threads] : byStack) {
         groups.push_back(&threads);
     }

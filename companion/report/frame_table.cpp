@@ -3,7 +3,13 @@
 
 #include "report/frame_table.h"
 
+#include <array>
 #include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
 
 namespace ThreadUtilities::companion {
 namespace {

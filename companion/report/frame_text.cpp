@@ -4,7 +4,10 @@
 #include "report/frame_text.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <optional>
+#include <string_view>
 
 namespace ThreadUtilities::companion {
 namespace {

@@ -4,6 +4,7 @@
 #include "report/line_buffer.h"
 
 #include <cstring>
+#include <string_view>
 
 namespace ThreadUtilities::companion {
 namespace {
@@ -38,10 +39,8 @@ bool LineBuffer::findNextEnd() {
     for (;;) {
         const std::size_t lineBegin = ends.empty() ? begin : ends.back();
         const std::size_t from = lineBegin + searched;
-        const void* const end = std::memchr(bytes.data() + from, '\n', bytes.size() - from);
-        if (end != nullptr) {
-            ends.push_back(static_cast<std::size_t>(static_cast<const char*>(end) - bytes.data()) +
-                           1);
+        if (const std::size_t end = bytes.find('\n', from); end != std::string::npos) {
+            ends.push_back(end + 1);
             return true;
         }
         searched = bytes.size() - lineBegin;

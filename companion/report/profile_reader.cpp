@@ -4,8 +4,14 @@
 #include "report/profile_reader.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "report/line_text.h"
 

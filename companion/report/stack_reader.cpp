@@ -3,9 +3,12 @@
 
 #include "report/stack_reader.h"
 
-#include <algorithm>
+#include <cstddef>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "report/line_text.h"
 

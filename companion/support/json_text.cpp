@@ -4,7 +4,10 @@
 #include "support/json_text.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
 
 namespace ThreadUtilities::companion {
 

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string>
+#include <string_view>
 
 namespace ThreadUtilities::companion {
 namespace {

@@ -9,9 +9,13 @@
 #include <libelf.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "symbols/function_names.h"
 

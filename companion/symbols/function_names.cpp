@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
+#include <string>
+#include <string_view>
 
 namespace ThreadUtilities::companion {
 namespace {

@@ -78,10 +78,10 @@ bool run(const fs::path& program, const fs::path& module, std::FILE* questions,
 
 }  // namespace
 
-std::optional<fs::path> findLlvmSymbolizer() {
+fs::path findLlvmSymbolizer() {
     const char* const path = std::getenv("PATH");
     std::istringstream folders(path == nullptr ? "" : path);
-    std::optional<fs::path> found;
+    fs::path found;
     for (std::string folder; std::getline(folders, folder, ':');) {
         std::error_code error;
         for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
@@ -108,11 +108,11 @@ std::optional<std::vector<FrameName>> namesByLlvm(const fs::path& program, const
     for (const std::uint64_t offset : offsets) {
         std::fprintf(questions.get(), "0x%llx\n", static_cast<unsigned long long>(offset));
     }
-    std::rewind(questions.get());
-    if (!run(program, module, questions.get(), answers.get())) {
+    if (std::fseek(questions.get(), 0, SEEK_SET) != 0 ||
+        !run(program, module, questions.get(), answers.get()) ||
+        std::fseek(answers.get(), 0, SEEK_SET) != 0) {
         return std::nullopt;
     }
-    std::rewind(answers.get());
     std::vector<FrameName> names;
     std::string line;
     for (int character = std::fgetc(answers.get());

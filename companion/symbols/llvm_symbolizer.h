@@ -4,7 +4,8 @@
 #pragma once
 
 /// \file
-/// Names of a module of Windows by the program llvm-symbolizer, which reads PDBs.
+/// Names of a module of Windows by the program llvm-symbolizer, which reads PDBs, and the DWARF of
+/// mingw-w64's compilers: libdw opens ELF files alone, and finds none in a PE file.
 
 #include <cstdint>
 #include <filesystem>
@@ -17,8 +18,8 @@
 
 namespace ThreadUtilities::companion {
 
-/// Where it is installed, under its own name or with a version behind that.
-std::optional<std::filesystem::path> findLlvmSymbolizer();
+/// Where it is installed, under its own name or with a version behind that; else empty.
+std::filesystem::path findLlvmSymbolizer();
 
 /// A name for each offset; empty ones where it has none. Nothing where it does not work.
 std::optional<std::vector<FrameName>> namesByLlvm(const std::filesystem::path& program,

@@ -12,8 +12,13 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
+#include <initializer_list>
+#include <optional>
 #include <set>
+#include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 

@@ -97,18 +97,20 @@ void Symbols::resolve(const FrameTable& frames) {
     progress->clear();
 }
 
-DebugInformation* Symbols::openModule(const Module& module, ModuleId id) {
-    OpenModule& open = openModules[id];
-    if (open.isSearched) {
-        return open.information.get();
-    }
+void Symbols::openModule(const Module& module, OpenModule& open, ModuleSymbols& result) {
     open.isSearched = true;
-    ModuleSymbols& result = modules[id];
     result.name = module.fileName;
+    const bool isFound = isWindowsModule(module.fileName) ? openWindowsFile(module, open, result)
+                                                          : openElfFile(module, open, result);
+    if (!isFound) {
+        result.missing = missingFile(module);
+    }
+}
+
+bool Symbols::openElfFile(const Module& module, OpenModule& open, ModuleSymbols& result) {
     const auto found = files->find(module);
     if (!found) {
-        result.missing = missingFile(module);
-        return nullptr;
+        return false;
     }
     result.file = found->file;
     open.information = std::make_unique<DebugInformation>(
@@ -117,62 +119,26 @@ DebugInformation* Symbols::openModule(const Module& module, ModuleId id) {
     if (!open.information->isOpen()) {
         result.missing = found->file.string() + " is damaged";
         open.information.reset();
-        return nullptr;
+        return true;
     }
     result.debugFile = open.information->debugFile();
     if (!open.information->hasLines()) {
         result.missing = missingDebugInformation(found->identity);
     }
-    return open.information.get();
+    return true;
 }
 
-void Symbols::resolveModule(const FrameTable& frames, ModuleId id, std::vector<FrameId> wanted) {
-    if (isWindowsModule(frames.module(id).fileName)) {
-        resolveWindowsModule(frames, id, wanted);
-        return;
-    }
-    DebugInformation* const information = openModule(frames.module(id), id);
-    ModuleSymbols& result = modules[id];
-    result.frames += wanted.size();
-    if (information == nullptr) {
-        return;
-    }
-    // Neighbours share a unit and a function, which are read once.
-    std::sort(wanted.begin(), wanted.end(), [&](FrameId left, FrameId right) {
-        return frames.frame(left).offset < frames.frame(right).offset;
-    });
-    for (const FrameId frame : wanted) {
-        // An entry is a return address; the call that it belongs to ends one byte earlier.
-        const std::uint64_t offset = frames.frame(frame).offset;
-        names[frame] = information->nameAt(offset == 0 ? 0 : offset - 1);
-        result.named += names[frame].places.empty() ? 0 : 1;
-        result.namedByDynamicSymbols += names[frame].source == NameSource::dynamicSymbols ? 1 : 0;
-        progress->step();
-    }
-    if (result.named < result.frames && result.missing.empty()) {
-        result.missing = "its debug information does not cover them";
-    }
-}
-
-const std::filesystem::path& Symbols::openWindowsModule(const Module& module, ModuleId id) {
-    OpenModule& open = openModules[id];
-    if (open.isSearched) {
-        return open.windowsFile;
-    }
-    open.isSearched = true;
-    ModuleSymbols& result = modules[id];
-    result.name = module.fileName;
+bool Symbols::openWindowsFile(const Module& module, OpenModule& open, ModuleSymbols& result) {
     const auto found = files->findWindows(module);
     if (!found) {
-        result.missing = missingFile(module);
-        return open.windowsFile;
+        return false;
     }
-    if (!llvmSymbolizer) {
-        llvmSymbolizer = findLlvmSymbolizer().value_or(std::filesystem::path());
+    if (llvmSymbolizer.empty()) {
+        llvmSymbolizer = findLlvmSymbolizer();
     }
     result.file = found->file;
     result.debugFile = found->pdb;
-    if (llvmSymbolizer->empty()) {
+    if (llvmSymbolizer.empty()) {
         result.missing = "llvm-symbolizer reads its names: install the package llvm";
     } else {
         open.windowsFile = found->file;
@@ -180,38 +146,57 @@ const std::filesystem::path& Symbols::openWindowsModule(const Module& module, Mo
             result.missing = "its PDB is not beside " + found->file.string();
         }
     }
-    return open.windowsFile;
+    return true;
 }
 
-/// By another program, which is asked for all offsets at once.
-void Symbols::resolveWindowsModule(const FrameTable& frames, ModuleId id,
-                                   const std::vector<FrameId>& wanted) {
-    const std::filesystem::path& file = openWindowsModule(frames.module(id), id);
+void Symbols::resolveModule(const FrameTable& frames, ModuleId id, std::vector<FrameId> wanted) {
+    OpenModule& open = openModules[id];
     ModuleSymbols& result = modules[id];
-    result.frames += wanted.size();
-    if (file.empty()) {
-        return;
+    if (!open.isSearched) {
+        openModule(frames.module(id), open, result);
     }
-    std::vector<std::uint64_t> offsets;
-    for (const FrameId frame : wanted) {
+    // Neighbours share a unit and a function, which are read once.
+    std::sort(wanted.begin(), wanted.end(), [&](FrameId left, FrameId right) {
+        return frames.frame(left).offset < frames.frame(right).offset;
+    });
+    // An entry is a return address; the call that it belongs to ends one byte earlier.
+    const auto callOf = [&](FrameId frame) {
         const std::uint64_t offset = frames.frame(frame).offset;
-        offsets.push_back(offset == 0 ? 0 : offset - 1);
+        return offset == 0 ? 0 : offset - 1;
+    };
+    if (open.information) {
+        for (const FrameId frame : wanted) {
+            names[frame] = open.information->nameAt(callOf(frame));
+            progress->step();
+        }
+    } else if (!open.windowsFile.empty()) {
+        std::vector<std::uint64_t> calls(wanted.size());
+        std::transform(wanted.begin(), wanted.end(), calls.begin(), callOf);
+        nameByLlvm(wanted, calls, open.windowsFile, result);
     }
-    const auto answers = namesByLlvm(*llvmSymbolizer, file, offsets, options.shortNames,
-                                     [this](std::string text) { return keep(std::move(text)); });
-    if (!answers) {
-        result.missing = llvmSymbolizer->string() + " does not read " + file.string();
-        return;
-    }
-    for (std::size_t index = 0; index < wanted.size(); ++index) {
-        FrameName& name = names[wanted[index]];
-        name = (*answers)[index];
-        result.named += name.places.empty() ? 0 : 1;
-        result.namedByDynamicSymbols += name.source == NameSource::dynamicSymbols ? 1 : 0;
-        progress->step();
+    result.frames += wanted.size();
+    for (const FrameId frame : wanted) {
+        result.named += names[frame].places.empty() ? 0 : 1;
+        result.namedByDynamicSymbols += names[frame].source == NameSource::dynamicSymbols ? 1 : 0;
     }
     if (result.named < result.frames && result.missing.empty()) {
         result.missing = "its debug information does not cover them";
+    }
+}
+
+/// By another program, which is asked for all calls at once.
+void Symbols::nameByLlvm(const std::vector<FrameId>& wanted,
+                         const std::vector<std::uint64_t>& calls, const std::filesystem::path& file,
+                         ModuleSymbols& result) {
+    auto answers = namesByLlvm(llvmSymbolizer, file, calls, options.shortNames,
+                               [this](std::string text) { return keep(std::move(text)); });
+    if (!answers) {
+        result.missing = llvmSymbolizer.string() + " does not read " + file.string();
+        return;
+    }
+    for (std::size_t index = 0; index < wanted.size(); ++index) {
+        names[wanted[index]] = std::move((*answers)[index]);
+        progress->step();
     }
 }
 

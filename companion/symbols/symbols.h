@@ -98,16 +98,19 @@ class Symbols {
         std::filesystem::path windowsFile;
     };
 
-    DebugInformation* openModule(const Module& module, ModuleId id);
-    const std::filesystem::path& openWindowsModule(const Module& module, ModuleId id);
-    void resolveWindowsModule(const FrameTable& frames, ModuleId id,
-                              const std::vector<FrameId>& wanted);
     void resolveModule(const FrameTable& frames, ModuleId id, std::vector<FrameId> wanted);
+    void openModule(const Module& module, OpenModule& open, ModuleSymbols& result);
+    /// False: there is no such file.
+    bool openElfFile(const Module& module, OpenModule& open, ModuleSymbols& result);
+    bool openWindowsFile(const Module& module, OpenModule& open, ModuleSymbols& result);
+    void nameByLlvm(const std::vector<FrameId>& wanted, const std::vector<std::uint64_t>& calls,
+                    const std::filesystem::path& file, ModuleSymbols& result);
     std::string_view keep(std::string text);
 
     SymbolOptions options;
     std::unique_ptr<ModuleFiles> files;
-    std::optional<std::filesystem::path> llvmSymbolizer;
+    /// Empty until it is found.
+    std::filesystem::path llvmSymbolizer;
     std::unique_ptr<Progress> progress;
     std::vector<FrameName> names;
     std::vector<ModuleSymbols> modules;

@@ -7,7 +7,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <ios>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 

@@ -2,6 +2,12 @@
 // SPDX-License-Identifier: MIT
 
 #include "views/page.h"
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <span>
+#include <string>
+#include <string_view>
 
 #include "support/json_text.h"
 #include "support/string_table.h"
