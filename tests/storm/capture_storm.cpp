@@ -2,7 +2,8 @@
 // SPDX-License-Identifier: MIT
 
 // capture_storm [SECONDS [NAME]]: goes through all storms, or one, in this time. Ends with status
-// 0 when no capture was lost and nothing was left behind.
+// 0 when no capture was lost and nothing was left behind. A report from amidst each storm goes into
+// the file that STORM_REPORTS names.
 
 #include <ThreadUtilities/StackTrace.h>
 #include <dlfcn.h>
@@ -23,8 +24,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
 
 #include "storm/storm.h"
@@ -462,8 +465,9 @@ std::size_t openDescriptors() {
     return count;
 }
 
-bool runOne(const Storm& storm, std::chrono::milliseconds duration, unsigned long long& total) {
-    const Outcome outcome = storm::run(storm, duration);
+bool runOne(const Storm& storm, std::chrono::milliseconds duration, unsigned long long& total,
+            std::string& reports) {
+    const Outcome outcome = storm::run(storm, duration, reports);
     total += outcome.captures;
     const bool lost = storm.isWhole && outcome.empty + outcome.incomplete != 0;
     const bool well = !lost && outcome.overruns == 0 && outcome.captures != 0;
@@ -495,13 +499,14 @@ int main(int argc, char** argv) {
         static_cast<long>(seconds * 1000 / static_cast<double>(chosen)));
     unsigned long long total = 0;
     bool well = true;
+    std::string reports;
     std::size_t descriptors = 0;
     std::size_t heap = 0;
     for (const Storm& storm : storms) {
         if (only != nullptr && storm.name != only) {
             continue;
         }
-        well = runOne(storm, each, total) && well;
+        well = runOne(storm, each, total, reports) && well;
         if (descriptors == 0) {
             descriptors = openDescriptors();
             heap = mallinfo2().uordblks;
@@ -510,6 +515,9 @@ int main(int argc, char** argv) {
     constexpr std::size_t heapSlack = 1 << 20;
     if (openDescriptors() != descriptors || mallinfo2().uordblks > heap + heapSlack) {
         damage("descriptors or memory left behind");
+    }
+    if (const char* const file = std::getenv("STORM_REPORTS")) {
+        std::ofstream(file) << reports;
     }
     std::printf("%llu captures, %u damages\n", total, damages.load());
     return well && damages == 0 ? 0 : 1;

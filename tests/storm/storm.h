@@ -161,7 +161,7 @@ inline void add(Outcome& sum, const Outcome& part) {
 }
 
 // The capturers are targets as well: they capture each other while they capture the rest.
-inline Outcome run(const Storm& storm, std::chrono::milliseconds duration) {
+inline Outcome run(const Storm& storm, std::chrono::milliseconds duration, std::string& reports) {
     constexpr std::size_t capturerCount = 2;
     current = storm.name.c_str();
     std::vector<std::unique_ptr<Target>> targets;
@@ -191,6 +191,7 @@ inline Outcome run(const Storm& storm, std::chrono::milliseconds duration) {
             asTargets[me].threadId = 0;
         });
     }
+    reports += ThreadUtilities::getAllThreadStackTrace({}).first;
     Outcome outcome;
     for (std::size_t me = 0; me < capturerCount; ++me) {
         capturing[me].join();

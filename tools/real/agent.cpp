@@ -5,7 +5,8 @@
 // its process all the time, and samples them. What it counts lies in a file that is mapped, so that
 // it is whole however the process ends. Environment, read once:
 //
-//   REAL_FOLDER    where the counts go, one file a process; without it nothing is done
+//   REAL_FOLDER    where the counts go, one file a process, and beside each the last report of its
+//                  samples; without it nothing is done
 //   REAL_INTERVAL  microseconds between two looks at all threads
 //   REAL_NO_TABLES the program runs code without unwind tables
 
@@ -70,6 +71,20 @@ Counts* counts;
 
 void add(Count count, std::uint64_t howMany = 1) {
     __atomic_fetch_add(&(*counts)[count], howMany, __ATOMIC_RELAXED);
+}
+
+// Whole at any time, however the process ends.
+void keepReport(const std::string& report) {
+    const std::string path = std::string(folder.data()) + "/" + std::to_string(getpid());
+    const int file = open((path + ".new").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (file < 0) {
+        return;
+    }
+    const auto written = write(file, report.data(), report.size());
+    close(file);
+    if (written == static_cast<ssize_t>(report.size())) {
+        rename((path + ".new").c_str(), (path + ".report").c_str());
+    }
 }
 
 std::string contentOf(const std::string& path) {
@@ -266,6 +281,7 @@ void sampleForOneSecond() {
     constexpr std::string_view thread = "Thread ";
     const std::string report =
         ThreadUtilities::sampleAllThreads(std::chrono::seconds(1), std::chrono::milliseconds(5));
+    keepReport(report);
     for (std::size_t at = 0; (at = report.find(thread, at)) != std::string::npos; ++at) {
         const auto bracket = report.find('[', at);
         if (bracket != std::string::npos) {
