@@ -3,72 +3,28 @@
 
 #include "linux/capture/blocked_thread.h"
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <string_view>
 
 #include "linux/capture/run_witness.h"
 #include "linux/kernel_calls.h"
 #include "linux/proc_file.h"
+#include "linux/task_texts.h"
 #include "platform/memory.h"
 #include "platform/run_witness.h"
 
 namespace ThreadUtilities::platform {
 namespace {
 
-struct BlockedAt {
-    Registers registers{};
-    bool isInSystemCall = false;
-};
-
-// The numbers of `text`, separated by blanks; as many as there is room for.
-template <std::size_t Size>
-std::size_t parseNumbers(std::string_view text, std::array<std::uint64_t, Size>& numbers) {
-    std::size_t count = 0;
-    while (count < Size && !text.empty()) {
-        const std::string_view word = text.substr(0, text.find(' '));
-        const std::string_view digits = word.substr(word.starts_with("0x") ? 2 : 0);
-        if (!parseField(digits, "", 16, numbers[count])) {
-            break;
-        }
-        ++count;
-        text.remove_prefix(std::min(word.size() + 1, text.size()));
-    }
-    return count;
-}
-
-// The file "syscall": "running", or for a thread off the processors the system call's number and
-// arguments, then its stack and instruction pointer; outside of a call -1 and the pointers alone.
 std::optional<BlockedAt> whereBlocked(KernelFile&& file) {
     if (!file.isOpen()) {
         return std::nullopt;
     }
     std::array<char, 256> buffer;
-    std::string_view text(buffer.data(), file.read(buffer.data(), buffer.size()));
-    text = text.substr(0, text.find('\n'));
-    const std::size_t firstBlank = text.find(' ');
-    if (firstBlank == std::string_view::npos) {
-        return std::nullopt;
-    }
-    constexpr std::array inCall{Rdi, Rsi, Rdx, R10, R8, R9, Rsp, Rip};
-    constexpr std::array outsideOfCall{Rsp, Rip};
-    std::array<std::uint64_t, inCall.size()> numbers;
-    const std::size_t count = parseNumbers(text.substr(firstBlank + 1), numbers);
-    BlockedAt at;
-    if (count == inCall.size()) {
-        at.isInSystemCall = true;
-        for (std::size_t i = 0; i < count; ++i) {
-            at.registers[inCall[i]] = numbers[i];
-        }
-    } else if (count == outsideOfCall.size()) {
-        at.registers[Rsp] = numbers[0];
-        at.registers[Rip] = numbers[1];
-    }
-    return at.registers[Rip] != 0 ? std::optional(at) : std::nullopt;
+    return parseCallText({buffer.data(), file.read(buffer.data(), buffer.size())});
 }
 
 // Whether the page that `address` lies on has contents. One that has none because it was never

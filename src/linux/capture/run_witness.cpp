@@ -17,19 +17,13 @@
 #include "linux/capture/thread_status.h"
 #include "linux/kernel_calls.h"
 #include "linux/proc_file.h"
+#include "linux/task_texts.h"
 
 namespace ThreadUtilities::platform {
 namespace {
 
 int openTaskFile(unsigned int threadId, std::string_view name) {
     return openFile(ownTaskPath(threadId, name).text(), O_RDONLY);
-}
-
-bool takeNumber(std::string_view& text, std::uint64_t& number) {
-    const std::size_t end = std::min(text.find_first_of(" \n"), text.size());
-    const bool isNumber = parseField(text.substr(0, end), "", 10, number);
-    text.remove_prefix(std::min(end + 1, text.size()));
-    return isNumber;
 }
 
 }  // namespace
@@ -61,21 +55,17 @@ std::optional<std::uint64_t> RunWitness::readHint() const noexcept {
 }
 
 std::optional<ThreadRuns> RunWitness::read() const noexcept {
-    ThreadRuns runs;
     if (runsFile >= 0) {
         std::array<char, 80> buffer;
         const long got = kernelCall(SYS_pread64, runsFile, argument(buffer.data()), buffer.size());
         if (got <= 0) {
             return std::nullopt;
         }
-        std::string_view text(buffer.data(), static_cast<std::size_t>(got));
-        if (takeNumber(text, runs.time) && takeNumber(text, runs.wait) &&
-            takeNumber(text, runs.count) && runs.count != 0) {
+        if (const auto runs = parseRunsText({buffer.data(), static_cast<std::size_t>(got)})) {
             return runs;
         }
     }
-    // A kernel that does not count, for every thread has run once: then its clock is the best there
-    // is.
+    // A kernel that does not count: then its clock is the best there is.
     const std::optional<std::uint64_t> time = threadRunTime(id);
     return time ? std::optional(ThreadRuns{0, *time, 0}) : std::nullopt;
 }
