@@ -8,17 +8,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <string>
 
 #include "linux/descriptor.h"
 #include "linux/modules/process_map.h"
 
 namespace ThreadUtilities::platform {
-
-/// The path of a file that a process has mapped. `folder` is the process's below /proc. The
-/// kernel's mark of a deleted file is told from a name that ends alike: the file is then still
-/// there.
-std::string pathOfMappedFile(const std::string& folder, const MappedRange& range);
 
 /// Reads the bytes of an image that a process has mapped: from the process's memory, which is what
 /// really runs there; from the file where the system shows us the process's map but not its
