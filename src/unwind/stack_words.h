@@ -27,10 +27,14 @@ namespace ThreadUtilities {
 class StackWords {
  public:
     /// All of `readable` can be read. `shift` is added to an address in it to find its word: not 0
-    /// for a copied stack.
+    /// for a copied stack. Words outside are read unless `mayGoBeyond` is false.
     StackWords(const cfi::AddressSpace& addressSpace, platform::ReadableRange readable,
-               std::uint64_t shift = 0) noexcept
-        : space(addressSpace), known(readable), stack(readable), rangeShift(shift) {}
+               std::uint64_t shift = 0, bool mayGoBeyond = true) noexcept
+        : space(addressSpace),
+          known(readable),
+          stack(readable),
+          rangeShift(shift),
+          mayCallSystem(mayGoBeyond) {}
 
     /// The pages of `ownStack` are to be asked for, apart from `readable`.
     StackWords(const cfi::AddressSpace& addressSpace, platform::ReadableRange ownStack,
@@ -60,6 +64,9 @@ class StackWords {
 
     /// Whether a page of the stack was found that cannot be read.
     bool metProtectedPage() const noexcept { return metProtected; }
+
+    /// Whether words were wanted outside of what is readable.
+    bool wentBeyond() const noexcept { return isBeyond; }
 
     /// The word at an address that is known to be readable. It may belong to a variable of another
     /// function, so the sanitizers' ideas of who may touch it do not apply.
@@ -129,6 +136,7 @@ class StackWords {
     }
 
     [[gnu::noinline]] bool readWindow(std::uint64_t address, std::uint64_t& word) noexcept {
+        isBeyond = true;
         if (!mayCallSystem) {
             return false;
         }
@@ -150,6 +158,7 @@ class StackWords {
     std::uint64_t rangeShift = 0;
     bool mayCallSystem = true;
     bool metProtected = false;
+    bool isBeyond = false;
     std::uint64_t windowBegin = 0;
     std::size_t windowBytes = 0;
     std::byte window[windowSize];

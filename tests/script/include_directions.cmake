@@ -5,7 +5,8 @@
 #
 #   cmake -DROOT=<source folder> -P include_directions.cmake
 #
-# sampling > stack > threads > foundation; stack > unwind; scoped_name > external_input and threads.
+# sampling > stack > threads > foundation; stack > unwind; scoped_name > external_input and threads;
+# process, which exists on one system and may ask it anything, > unwind, linux, foundation.
 # Below all of them: the interface headers src/platform/*.h. A backend includes interfaces,
 # foundation and headers of its system; the one whose system has an unwinder, what it defines of
 # unwind.
@@ -19,12 +20,14 @@ set(below_scoped_name external_input threads foundation)
 set(below_unwind foundation)
 set(below_stack unwind threads foundation)
 set(below_sampling stack threads foundation)
-set(backends linux windows)
+set(below_process unwind linux foundation)
+set(backends linux windows process)
 set(below_linux foundation)
 set(below_windows unwind foundation)
 
 set(public_Threads threads)
 set(public_StackTrace stack)
+set(public_ProcessCapture process)
 set(public_Sampling sampling)
 set(public_ScopedThreadName scoped_name)
 set(public_external_input external_input)
