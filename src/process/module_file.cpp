@@ -17,15 +17,12 @@
 
 #include "foundation/checked_bytes.h"
 #include "linux/capture/handler/elf_headers.h"
-#include "linux/modules/build_id.h"
 #include "linux/modules/mapped_file.h"
 
 namespace ThreadUtilities::process {
 namespace {
 
 using platform::ProgramHeader;
-
-constexpr std::size_t mostNotes = 64 * 1024;
 
 using FileHeader = std::array<std::uint8_t, sizeof(Elf64_Ehdr)>;
 
@@ -85,14 +82,6 @@ ModuleFile::ModuleFile(pid_t task, const platform::MappedRange& range,
     if (headers.bytes.empty() || !hasHeaders(file, headers)) {
         file = {};
     }
-}
-
-std::optional<platform::DebugGuid> ModuleFile::buildId() const {
-    std::vector<std::uint8_t> bytes;
-    return platform::buildIdOf(programHeaders.table(), [&](const ProgramHeader& note) {
-        bytes = readPart(file, note.fileOffset, std::min<std::uint64_t>(note.fileSize, mostNotes));
-        return ByteCursor(bytes.data(), bytes.size());
-    });
 }
 
 std::optional<AddressRange> ModuleFile::frames() const {

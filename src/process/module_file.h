@@ -13,7 +13,6 @@
 #include "linux/descriptor.h"
 #include "linux/modules/mapped_images.h"
 #include "linux/modules/process_map.h"
-#include "platform/modules.h"
 #include "process/unwind_tables.h"
 
 namespace ThreadUtilities::process {
@@ -27,8 +26,6 @@ class ModuleFile {
                const platform::ImageHeaders& headers);
 
     bool isOpen() const noexcept { return file.isOpen(); }
-
-    std::optional<platform::DebugGuid> buildId() const;
 
     /// Where `.eh_frame` lies, in the addresses of the program headers. What no program header
     /// names, the section headers know, which are not loaded.

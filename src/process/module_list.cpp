@@ -133,12 +133,21 @@ std::uint64_t ModuleList::mappingEnd(std::uint64_t address) const noexcept {
     return found != mappings.end() && found->begin <= address ? found->end : 0;
 }
 
-bool ModuleList::isOf32Bits() const noexcept {
+std::array<char, EI_CLASS + 1> ModuleList::startOfFirstFile() const noexcept {
     std::array<char, EI_CLASS + 1> start{};
     const iovec there[] = {{reinterpret_cast<void*>(firstFile), start.size()}};
     const iovec here[] = {{start.data(), start.size()}};
-    return platform::copyMemory(liveTask, there, here) == start.size() &&
-           std::memcmp(start.data(), ELFMAG, SELFMAG) == 0 && start[EI_CLASS] == ELFCLASS32;
+    platform::copyMemory(liveTask, there, here);
+    return start;
+}
+
+bool ModuleList::isOf32Bits() const noexcept {
+    const auto start = startOfFirstFile();
+    return std::memcmp(start.data(), ELFMAG, SELFMAG) == 0 && start[EI_CLASS] == ELFCLASS32;
+}
+
+bool ModuleList::showsMemory() const noexcept {
+    return startOfFirstFile()[0] != 0;
 }
 
 bool areUnchanged(pid_t task, std::span<const ProcessModule* const> modules) noexcept {

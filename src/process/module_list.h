@@ -3,8 +3,10 @@
 
 #pragma once
 
+#include <elf.h>
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -32,12 +34,20 @@ class ModuleList {
     /// Where the mapping ends that covers an address; 0 when there is none.
     std::uint64_t mappingEnd(std::uint64_t address) const noexcept;
 
-    bool hasModulesOf(const ModuleList& other) const noexcept { return modules == other.modules; }
+    /// Whether a walk finds the same in both.
+    bool isLike(const ModuleList& other) const noexcept {
+        return liveTask == other.liveTask && modules == other.modules;
+    }
+
+    /// Whether the thread still has the process's memory.
+    bool showsMemory() const noexcept;
 
     /// Whether the first file that is mapped is a program or library of 32 bits.
     bool isOf32Bits() const noexcept;
 
  private:
+    std::array<char, EI_CLASS + 1> startOfFirstFile() const noexcept;
+
     /// The module, if it is the one that begins the image and still what it was.
     std::shared_ptr<const ProcessModule> takeOver(
         pid_t task, const platform::MappedImage& image) const noexcept;

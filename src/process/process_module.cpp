@@ -31,10 +31,11 @@ using platform::ProgramHeader;
 
 /// Notes that hold a build-id take about a hundred bytes.
 constexpr std::size_t mostOfNotes = 1024;
-/// Of a module without build-id: its headers, and its index' last entries with the tables behind.
-constexpr std::size_t lookAtStart = 256;
+
+/// What is looked at of an index, and of the tables that follow it. The last entries say where
+/// functions and their entries lie, therefore they differ when one before them has grown.
 constexpr std::size_t lookBeforeEnd = 64;
-constexpr std::size_t lookBehindEnd = 192;
+constexpr std::size_t lookBehindEnd = 64;
 
 std::size_t readTask(pid_t task, std::uint64_t address, std::span<std::uint8_t> out) noexcept {
     const iovec there[] = {{reinterpret_cast<void*>(address), out.size()}};
@@ -68,9 +69,7 @@ ProcessModule::ProcessModule(pid_t task, const platform::MappedImage& image,
     if (image.headers) {
         headers = *image.headers;
         noteBuildId(reader);
-        if (!buildId) {
-            noteOtherWitnesses(task);
-        }
+        noteIndex(task);
     }
 }
 
@@ -81,35 +80,32 @@ std::uint64_t ProcessModule::addressInMemory(std::uint64_t address) const noexce
 void ProcessModule::noteBuildId(const platform::ImageReader& reader) {
     Witness witness;
     std::vector<std::uint8_t> notes;
-    buildId = platform::buildIdOf(headers.table(), [&](const ProgramHeader& note) {
-        notes = platform::readNotes(reader, headers, note);
-        witness.address = addressInMemory(note.address);
-        witness.bytes = notes;
-        return ByteCursor(notes.data(), notes.size());
-    });
-    if (buildId) {
+    hasBuildId = platform::buildIdOf(headers.table(), [&](const ProgramHeader& note) {
+                     notes = platform::readNotes(reader, headers, note);
+                     witness.address = addressInMemory(note.address);
+                     witness.bytes = notes;
+                     return ByteCursor(notes.data(), notes.size());
+                 }).has_value();
+    if (hasBuildId) {
         witness.bytes.resize(std::min(witness.bytes.size(), mostOfNotes));
         proofs.push_back(std::move(witness));
     }
 }
 
-void ProcessModule::noteOtherWitnesses(pid_t task) {
-    const auto note = [&](std::uint64_t address, std::size_t size) {
-        Witness witness{address, std::vector<std::uint8_t>(size)};
-        witness.bytes.resize(readTask(task, address, witness.bytes));
-        if (!witness.bytes.empty()) {
-            proofs.push_back(std::move(witness));
-        }
-    };
-    note(imageBegin, lookAtStart);
+void ProcessModule::noteIndex(pid_t task) {
     const AddressRange header = findUnwindHeader(headers);
     std::uint8_t start[12]{};
-    if (header.begin != 0 && readTask(task, addressInMemory(header.begin), start) != 0) {
-        const std::uint64_t pairs = loadLittleEndian<std::uint32_t>(start + 8);
-        const std::uint64_t end = header.begin + sizeof(start) + pairs * 8;
-        const bool isInside = end - header.begin < header.end - header.begin;
-        note(addressInMemory(isInside ? end - lookBeforeEnd : header.begin),
-             lookBeforeEnd + lookBehindEnd);
+    if (header.begin == 0 || readTask(task, addressInMemory(header.begin), start) == 0) {
+        return;
+    }
+    const std::uint64_t pairs = loadLittleEndian<std::uint32_t>(start + 8);
+    const std::uint64_t end = header.begin + sizeof(start) + pairs * 8;
+    const bool isInside = end < header.end && end - header.begin > lookBeforeEnd;
+    Witness look{addressInMemory(isInside ? end - lookBeforeEnd : header.begin),
+                 std::vector<std::uint8_t>(lookBeforeEnd + lookBehindEnd)};
+    look.bytes.resize(readTask(task, look.address, look.bytes));
+    if (!look.bytes.empty()) {
+        proofs.push_back(std::move(look));
     }
 }
 
@@ -135,16 +131,26 @@ const UnwindTables* ProcessModule::tables(pid_t task) const noexcept {
     }
 }
 
+/// Whether the bytes are those that were in memory, build-id included.
+bool ProcessModule::isSame(const ImageBytes& image) const {
+    return std::all_of(proofs.begin(), proofs.end(), [&](const Witness& proof) {
+        std::vector<std::uint8_t> found(proof.bytes.size());
+        return image(proof.address, found) == found.size() && found == proof.bytes;
+    });
+}
+
 // Files are preferred because what is read from the memory of a process it may have to fetch
 // first, and count as its own; not where a build-id is missing, because nothing else tells that
 // a file is what was loaded.
 UnwindTables ProcessModule::readTables(pid_t task) const {
     const ModuleFile file(task, range, headers);
-    const bool isFromFile = file.isOpen() && buildId && file.buildId() == buildId;
-    const ImageBytes image = [&](std::uint64_t address, std::span<std::uint8_t> out) {
-        return isFromFile ? file.read(address - imageBegin + headers.extent.begin, out)
-                          : readTask(task, address, out);
+    const ImageBytes inFile = [&](std::uint64_t address, std::span<std::uint8_t> out) {
+        return file.read(address - imageBegin + headers.extent.begin, out);
     };
+    const ImageBytes inMemory = [&](std::uint64_t address, std::span<std::uint8_t> out) {
+        return readTask(task, address, out);
+    };
+    const ImageBytes& image = file.isOpen() && hasBuildId && isSame(inFile) ? inFile : inMemory;
     if (const AddressRange header = findUnwindHeader(headers); header.begin != 0) {
         return {image, addressInMemory(header.begin), addressInMemory(header.end)};
     }

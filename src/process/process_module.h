@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -35,8 +34,8 @@ class ProcessModule {
     std::uint64_t size() const noexcept { return imageSize; }
     std::uint64_t identity() const noexcept { return moduleIdentity; }
 
-    /// Its build-id; without one, what its tables begin and their index ends with. Empty where
-    /// nothing can be read.
+    /// Its build-id, and the end of its unwind tables' index, because an id may have been set by
+    /// hand. Empty where nothing can be read.
     std::span<const Witness> witnesses() const noexcept { return proofs; }
 
     /// Whether the map shows the same file at the same place.
@@ -50,7 +49,8 @@ class ProcessModule {
 
  private:
     void noteBuildId(const platform::ImageReader& reader);
-    void noteOtherWitnesses(pid_t task);
+    void noteIndex(pid_t task);
+    bool isSame(const ImageBytes& image) const;
     UnwindTables readTables(pid_t task) const;
     std::uint64_t addressInMemory(std::uint64_t address) const noexcept;
 
@@ -60,7 +60,7 @@ class ProcessModule {
     std::uint64_t imageSize;
     std::uint64_t moduleIdentity;
     platform::ImageHeaders headers;  ///< no bytes where they cannot be read
-    std::optional<platform::DebugGuid> buildId;
+    bool hasBuildId = false;
     std::vector<Witness> proofs;
 
     mutable std::mutex reading;

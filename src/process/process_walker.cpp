@@ -75,7 +75,13 @@ ProcessWalker::Result ProcessWalker::walk(const platform::ThreadContext& context
 
 std::size_t ProcessWalker::readMemory(std::uint64_t address, void* out,
                                       std::size_t size) const noexcept {
-    return ProcessSpace(*currentList()).read(address, out, size);
+    List seen = currentList();
+    std::size_t copied = ProcessSpace(*seen).read(address, out, size);
+    if (copied == 0 && size != 0 && !seen->showsMemory() && lookAgain(seen, false)) {
+        seen = currentList();
+        copied = ProcessSpace(*seen).read(address, out, size);
+    }
+    return copied;
 }
 
 std::uint64_t ProcessWalker::mappingEnd(std::uint64_t address) const noexcept {
@@ -90,8 +96,8 @@ ProcessWalker::List ProcessWalker::currentList() const noexcept {
 /// Whether there is another list of modules than the one that was `seen`. Where a module that the
 /// walk went through is another one now, the map is read at once; where an address lies in no
 /// module, as that of code made at run time, that costs a small part of the time at most.
-bool ProcessWalker::lookAgain(const List& seen, bool hasChanged) noexcept {
-    constexpr int timeBetweenLooks = 20;  // in looks
+bool ProcessWalker::lookAgain(const List& seen, bool hasChanged) const noexcept {
+    constexpr int timeBetweenLooks = 50;  // in looks
     const std::lock_guard lock(lookMutex);
     if (currentList() != seen) {
         return true;
@@ -104,7 +110,7 @@ bool ProcessWalker::lookAgain(const List& seen, bool hasChanged) noexcept {
         auto found = std::make_shared<const ModuleList>(processId, seen.get(), lastIdentity);
         const Clock::time_point end = Clock::now();
         nextLook = end + timeBetweenLooks * (end - begin);
-        const bool isOther = !found->hasModulesOf(*seen);
+        const bool isOther = !found->isLike(*seen);
         const std::lock_guard listLock(listMutex);
         list = std::move(found);
         return isOther;

@@ -49,15 +49,15 @@ class ProcessWalker {
     using List = std::shared_ptr<const process::ModuleList>;
 
     List currentList() const noexcept;
-    bool lookAgain(const List& seen, bool hasChanged) noexcept;
+    bool lookAgain(const List& seen, bool hasChanged) const noexcept;
 
     const unsigned int processId;
     const std::unique_ptr<cfi::RuleCache> rules;
     mutable std::mutex listMutex;  ///< of `list`
-    List list;
-    std::mutex lookMutex;  ///< held for a look at the map; guards what follows
-    std::uint64_t lastIdentity = 0;
-    Clock::time_point nextLook;
+    mutable List list;
+    mutable std::mutex lookMutex;  ///< held for a look at the map; guards what follows
+    mutable std::uint64_t lastIdentity = 0;
+    mutable Clock::time_point nextLook;
 };
 
 }  // namespace ThreadUtilities
