@@ -1,0 +1,173 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+#include "process/process_walker.h"
+
+#include <dlfcn.h>
+#include <sys/auxv.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "standing_process.h"
+#include "support/scratch_folder.h"
+
+namespace ThreadUtilities {
+namespace {
+
+std::string program(const std::string& kind) {
+    return STANDING_PROGRAM + kind;
+}
+
+/// One of two builds that are alike but for the size of a frame.
+std::string plugin(const std::string& identity, int words) {
+    return REPLACED_LIBRARIES + identity + "_" + std::to_string(words) + ".so";
+}
+
+class WalkedProgram : public testing::TestWithParam<const char*> {};
+
+TEST_P(WalkedProgram, HasTheFramesThatElfutilsFinds) {
+    const StandingProcess target(program(GetParam()));
+    const FramesByThread frames = target.frames();
+    EXPECT_EQ(frames, target.framesByElfutils());
+    EXPECT_EQ(frames.size(), StandingProcess::threads);
+}
+
+INSTANTIATE_TEST_SUITE_P(Linked, WalkedProgram,
+                         testing::Values("independent", "at_fixed_address", "static"),
+                         [](const auto& test) { return std::string(test.param); });
+
+/// What takes the name of a file that is mapped.
+enum class InPlaceOfFile { Nothing, OtherBuild, Fifo };
+
+TEST(WalkedProcess, KeepsItsFramesWhenItsFilesAreGone) {
+    for (const auto kind :
+         {InPlaceOfFile::Nothing, InPlaceOfFile::OtherBuild, InPlaceOfFile::Fifo}) {
+        SCOPED_TRACE(static_cast<int>(kind));
+        const ScratchFolder folder;
+        const auto own = folder.path / "program";
+        const auto library = folder.path / "library.so";
+        std::filesystem::copy_file(program("independent"), own);
+        std::filesystem::copy_file(plugin("sha1", 100), library);
+        StandingProcess target(own);
+        target.ask("load " + library.string());
+        const FramesByThread before = target.framesByElfutils(StandingProcess::threads + 1);
+        std::filesystem::remove(own);
+        std::filesystem::remove(library);
+        if (kind == InPlaceOfFile::OtherBuild) {
+            std::filesystem::copy_file(program("at_fixed_address"), own);
+            std::filesystem::copy_file(plugin("sha1", 300), library);
+        } else if (kind == InPlaceOfFile::Fifo) {
+            ASSERT_EQ(mkfifo(library.c_str(), 0600), 0);
+        }
+        EXPECT_EQ(target.frames(StandingProcess::threads + 1), before);
+    }
+}
+
+/// Ways to tell two builds apart, and none.
+class WalkedPlugin : public testing::TestWithParam<const char*> {};
+
+// The one takes the place of the other while walks go on.
+TEST_P(WalkedPlugin, IsWalkedByTheTablesThatItHasNow) {
+    StandingProcess target(program("independent"));
+    ProcessWalker walker(target.id());
+    std::atomic<bool> isOver = false;
+    const auto others = target.blocked();
+    std::thread walks([&] {
+        Frames frames(StandingProcess::mostFrames);
+        while (!isOver) {
+            for (const auto& [thread, other] : others) {
+                walker.walk(other.context, true, frames.data(), frames.size());
+            }
+        }
+    });
+    for (const int words : {100, 300, 100}) {
+        for (const char* how : {"load ", "memory "}) {
+            target.ask(how + plugin(GetParam(), words));
+            EXPECT_EQ(target.framesBy(walker, StandingProcess::threads + 1),
+                      target.framesByElfutils(StandingProcess::threads + 1))
+                << how << words;
+            target.ask("unload it");
+        }
+    }
+    isOver = true;
+    walks.join();
+}
+
+INSTANTIATE_TEST_SUITE_P(Identified, WalkedPlugin,
+                         testing::Values("sha1", "none", "0x0123456789abcdef0123"),
+                         [](const auto& test) { return "By" + std::string(test.param); });
+
+TEST(WalkedProcess, MayBecomeAnotherProgramAndEnd) {
+    StandingProcess target(program("independent"));
+    ProcessWalker walker(target.id());
+    target.framesBy(walker);
+    target.ask("execute " + program("at_fixed_address"), "ready\n");
+    EXPECT_EQ(target.framesBy(walker), target.framesByElfutils());
+    const auto threads = target.blocked();
+    target.end();
+    Frames frames(StandingProcess::mostFrames);
+    EXPECT_EQ(
+        walker.walk(threads.begin()->second.context, true, frames.data(), frames.size()).frameCount,
+        0u);
+}
+
+TEST(WalkedProcess, IsNotReadBeyondTheCopyUnlessItIsAtRest) {
+    StandingProcess target(program("independent"));
+    ProcessWalker walker(target.id());
+    std::size_t cut = 0;
+    for (const auto& [id, thread] : target.blocked(StandingProcess::threads, 256)) {
+        Frames all(StandingProcess::mostFrames);
+        Frames some(StandingProcess::mostFrames);
+        const auto whole = walker.walk(thread.context, true, all.data(), all.size());
+        const auto part = walker.walk(thread.context, false, some.data(), some.size());
+        EXPECT_EQ(whole.end, WalkEnd::EndOfStack);
+        EXPECT_EQ(part.leftCopy, whole.leftCopy);
+        EXPECT_EQ(part.frameCount < whole.frameCount, part.leftCopy);
+        all.resize(part.frameCount);
+        some.resize(part.frameCount);
+        EXPECT_EQ(some, all);
+        cut += part.leftCopy ? 1 : 0;
+    }
+    EXPECT_GT(cut, 4u);
+}
+
+// As if a thread had just called it, which no thread can be seen to do.
+TEST(WalkedProcess, IsWalkedOutOfTheKernelsOwnImage) {
+    StandingProcess target(program("independent"));
+    ProcessWalker walker(target.id());
+    void* const image = dlopen("linux-vdso.so.1", RTLD_NOW | RTLD_NOLOAD);
+    const auto function = reinterpret_cast<std::uint64_t>(dlsym(image, "__vdso_gettimeofday"));
+    if (function == 0) {
+        GTEST_SKIP() << "the kernel gives processes no image";
+    }
+    std::ifstream map("/proc/" + std::to_string(target.id()) + "/maps");
+    std::uint64_t begin = 0;
+    for (std::string line; std::getline(map, line);) {
+        begin = line.ends_with("[vdso]") ? std::stoull(line, nullptr, 16) : begin;
+    }
+    const auto threads = target.blocked();
+    const BlockedThread& caller = threads.begin()->second;
+    Frames expected(StandingProcess::mostFrames);
+    expected.resize(walker.walk(caller.context, true, expected.data(), expected.size()).frameCount);
+    ASSERT_GE(expected.size(), 3u);
+
+    std::vector<std::uint64_t> stack{expected[0]};
+    platform::ThreadContext inside;
+    inside.registers[platform::Rip] = begin + (function - getauxval(AT_SYSINFO_EHDR));
+    inside.registers[platform::Rsp] = caller.context.registers[platform::Rsp];
+    inside.stack = {inside.registers[platform::Rsp], inside.registers[platform::Rsp] + 8};
+    inside.stackShift = reinterpret_cast<std::uint64_t>(stack.data()) - inside.stack.begin;
+    Frames found(StandingProcess::mostFrames);
+    ASSERT_GE(walker.walk(inside, false, found.data(), found.size()).frameCount, 1u);
+    EXPECT_EQ(found[0], expected[0]);
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
