@@ -24,7 +24,7 @@ namespace {
 using cfi::TableBytes;
 using cfi::TableReader;
 
-/// More than any program has; what is damaged asks for no more memory than this.
+/// More than any program has; what is damaged asks for no more memory than this at a time.
 constexpr std::uint64_t mostBytes = std::uint64_t{256} << 20;
 constexpr std::uint64_t headerSize = 12;  ///< of the index, before its pairs, in the usual form
 constexpr std::uint64_t pairSize = 8;
@@ -50,7 +50,10 @@ std::vector<std::uint8_t> readRange(const ImageBytes& image, AddressRange range)
         return {};
     }
     std::vector<std::uint8_t> bytes(range.end - range.begin);
-    bytes.resize(image(range.begin, bytes));
+    if (const std::size_t size = image(range.begin, bytes); size != bytes.size()) {
+        bytes.resize(size);
+        bytes.shrink_to_fit();
+    }
     return bytes;
 }
 

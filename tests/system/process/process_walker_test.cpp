@@ -4,18 +4,28 @@
 #include "process/process_walker.h"
 
 #include <dlfcn.h>
+#include <elf.h>
 #include <sys/auxv.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <thread>
 #include <vector>
 
+#include "linux/modules/mapped_images.h"
+#include "linux/modules/process_map.h"
+#include "process/process_module.h"
 #include "standing_process.h"
+#include "support/fork_child.h"
 #include "support/scratch_folder.h"
 
 namespace ThreadUtilities {
@@ -73,8 +83,10 @@ TEST(WalkedProcess, KeepsItsFramesWhenItsFilesAreGone) {
 /// Ways to tell two builds apart, and none.
 class WalkedPlugin : public testing::TestWithParam<const char*> {};
 
-// The one takes the place of the other while walks go on.
+// The one takes the place of the other while walks go on: in memory, and in the very file.
 TEST_P(WalkedPlugin, IsWalkedByTheTablesThatItHasNow) {
+    const ScratchFolder folder;
+    const auto library = folder.path / "library.so";
     StandingProcess target(program("independent"));
     ProcessWalker walker(target.id());
     std::atomic<bool> isOver = false;
@@ -88,8 +100,10 @@ TEST_P(WalkedPlugin, IsWalkedByTheTablesThatItHasNow) {
         }
     });
     for (const int words : {100, 300, 100}) {
-        for (const char* how : {"load ", "memory "}) {
-            target.ask(how + plugin(GetParam(), words));
+        for (const char* how : {"load ", "copy "}) {
+            std::filesystem::copy_file(plugin(GetParam(), words), library,
+                                       std::filesystem::copy_options::overwrite_existing);
+            target.ask(how + library.string());
             EXPECT_EQ(target.framesBy(walker, StandingProcess::threads + 1),
                       target.framesByElfutils(StandingProcess::threads + 1))
                 << how << words;
@@ -116,6 +130,92 @@ TEST(WalkedProcess, MayBecomeAnotherProgramAndEnd) {
     EXPECT_EQ(
         walker.walk(threads.begin()->second.context, true, frames.data(), frames.size()).frameCount,
         0u);
+}
+
+using Ranges = std::vector<platform::MappedRange>;
+
+/// The `.eh_frame` that is found for the image that these ranges of this process are.
+std::vector<std::uint8_t> framesOf(const Ranges& ranges) {
+    std::vector<std::uint8_t> frames;
+    platform::visitMappedImages(
+        getpid(), ranges,
+        [&](const platform::MappedImage& image, const platform::ImageReader& reader) {
+            const process::ProcessModule module(getpid(), image, reader, 1);
+            const cfi::TableBytes tables = module.tables(getpid())->around(0);
+            const auto* const bytes =
+                reinterpret_cast<const std::uint8_t*>(tables.range.begin + tables.shift);
+            frames.assign(bytes, bytes + (tables.range.end - tables.range.begin));
+        });
+    return frames;
+}
+
+// The kernel's own link to a mapped file cannot lead to another, but a name can. Here it does,
+// number and all.
+TEST(ModuleOfAProcess, TakesTablesFromNoFileButItsOwn) {
+    for (const char* identity : {"sha1", "0x0123456789abcdef0123"}) {
+        SCOPED_TRACE(identity);
+        const std::string own = std::filesystem::canonical(plugin(identity, 100));
+        const std::string other = std::filesystem::canonical(plugin(identity, 300));
+        void* const library = dlopen(own.c_str(), RTLD_NOW);
+        const auto task = platform::findLiveTask(static_cast<unsigned int>(getpid()));
+        Ranges ranges = platform::parseProcessMap(task.mapText);
+        std::erase_if(ranges,
+                      [&](const platform::MappedRange& range) { return range.name != own; });
+        ASSERT_FALSE(ranges.empty());
+        const std::vector<std::uint8_t> frames = framesOf(ranges);
+        struct stat facts{};
+        ASSERT_EQ(stat(other.c_str(), &facts), 0);
+        for (platform::MappedRange& range : ranges) {
+            range.name = other;
+            range.inode = facts.st_ino;
+        }
+        --ranges.front().end;  // so that there is no such link
+        EXPECT_EQ(framesOf(ranges), frames);
+        EXPECT_FALSE(frames.empty());
+        dlclose(library);
+    }
+}
+
+/// A program of 32 bits that waits for ever.
+void write32BitProgram(const std::filesystem::path& path) {
+    constexpr std::uint32_t base = 0x8048000;
+    constexpr std::string_view code("\xB8\x1D\0\0\0\xCD\x80\xEB\xF7", 9);  // pause, again and again
+    Elf32_Phdr segment{};
+    segment.p_type = PT_LOAD;
+    segment.p_vaddr = base;
+    segment.p_filesz = segment.p_memsz = sizeof(Elf32_Ehdr) + sizeof(segment) + code.size();
+    segment.p_flags = PF_R | PF_X;
+    Elf32_Ehdr header{};
+    std::memcpy(header.e_ident, ELFMAG "\x01\x01\x01", 7);
+    header.e_type = ET_EXEC;
+    header.e_machine = EM_386;
+    header.e_version = EV_CURRENT;
+    header.e_entry = base + sizeof(header) + sizeof(segment);
+    header.e_phoff = header.e_ehsize = sizeof(header);
+    header.e_phentsize = sizeof(segment);
+    header.e_phnum = 1;
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(&header), sizeof(header));
+    file.write(reinterpret_cast<const char*>(&segment), sizeof(segment));
+    file << code;
+    file.close();
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+}
+
+TEST(WalkedProcess, IsRefusedIfItHas32Bits) {
+    const ScratchFolder folder;
+    write32BitProgram(folder.path / "program");
+    const ForkChild child([&] {
+        execl((folder.path / "program").c_str(), "program", nullptr);
+        pause();
+    });
+    const auto executed = [&] {
+        std::error_code error;
+        const std::string link = "/proc/" + std::to_string(child.id()) + "/exe";
+        return std::filesystem::read_symlink(link, error) == folder.path / "program";
+    };
+    ASSERT_TRUE(eventually(executed)) << "does the kernel run programs of 32 bits?";
+    EXPECT_THROW(ProcessWalker{child.id()}, std::runtime_error);
 }
 
 TEST(WalkedProcess, IsNotReadBeyondTheCopyUnlessItIsAtRest) {

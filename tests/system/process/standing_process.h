@@ -8,7 +8,9 @@
 #include <elfutils/libdwfl.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/futex.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -108,10 +110,15 @@ class StandingProcess {
                 std::ifstream file(entry.path() / "syscall");
                 std::string text;
                 std::getline(file, text);
+                long call = 0;
+                unsigned long long operation = 0;
                 unsigned long long stack = 0;
                 unsigned long long instruction = 0;
-                if (std::sscanf(text.c_str(), "%*d %*x %*x %*x %*x %*x %*x %llx %llx", &stack,
-                                &instruction) == 2) {
+                const int fields =
+                    std::sscanf(text.c_str(), "%ld %*x %llx %*x %*x %*x %*x %llx %llx", &call,
+                                &operation, &stack, &instruction);
+                // A thread that starts may wait for a lock of the C library first.
+                if (fields == 4 && (call != SYS_futex || operation != FUTEX_WAIT_PRIVATE)) {
                     const auto thread =
                         static_cast<unsigned int>(std::stoul(entry.path().filename()));
                     found.emplace(thread, BlockedThread(id(), stack, instruction, copySize));
