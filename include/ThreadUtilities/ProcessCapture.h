@@ -79,7 +79,8 @@ struct CaptureStatistics {
     std::uint64_t stopped = 0;
     std::uint64_t missed = 0;  ///< without a frame, whatever the reason
     std::uint64_t cutShort = 0;
-    /// From the moment at which a thread was asked to stop to that at which it was let go.
+    /// From the moment at which a thread was asked to stop, or was last seen not to have stopped
+    /// yet (one that waits for a processor), to that at which it was let go.
     std::chrono::nanoseconds longestStop{0};
     std::chrono::nanoseconds stoppedInAll{0};
 };
