@@ -14,14 +14,22 @@ else()
 endif()
 
 # Component Runtime is what a program needs that was built with the library, Development the rest.
+set(libraries ThreadUtilities)
 set_target_properties(ThreadUtilities PROPERTIES EXPORT_NAME ${kind})
-install(TARGETS ThreadUtilities EXPORT ThreadUtilitiesTargets
+set(headers_of_others)
+if(TARGET ThreadUtilitiesProcess)
+    list(APPEND libraries ThreadUtilitiesProcess)
+    set_target_properties(ThreadUtilitiesProcess PROPERTIES EXPORT_NAME Process_${kind})
+else()
+    set(headers_of_others PATTERN ProcessCapture.h EXCLUDE)
+endif()
+install(TARGETS ${libraries} EXPORT ThreadUtilitiesTargets
     RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT Runtime
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT Runtime
         NAMELINK_COMPONENT Development
     ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT Development)
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
-    COMPONENT Development FILES_MATCHING PATTERN "*.h")
+    COMPONENT Development FILES_MATCHING PATTERN "*.h" ${headers_of_others})
 install(EXPORT ThreadUtilitiesTargets NAMESPACE ThreadUtilities::
     FILE ThreadUtilities-${kind}.cmake DESTINATION "${package_folder}" COMPONENT Development)
 
@@ -69,7 +77,14 @@ if(NOT BUILD_SHARED_LIBS)
     set(pkg_config_libs " ${pkg_config_private}")
     set(pkg_config_private "")
 endif()
-configure_file("${CMAKE_CURRENT_LIST_DIR}/ThreadUtilities.pc.in"
-    "${PROJECT_BINARY_DIR}/package/ThreadUtilities.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/package/ThreadUtilities.pc"
-    DESTINATION "${pkg_config_folder}" COMPONENT Development)
+# The archive of the second library needs the first one's; the shared one stands alone.
+set(pkg_config_requires)
+if(NOT BUILD_SHARED_LIBS)
+    set(pkg_config_requires "\nRequires: ThreadUtilities = ${PROJECT_VERSION}")
+endif()
+foreach(library IN LISTS libraries)
+    configure_file("${CMAKE_CURRENT_LIST_DIR}/${library}.pc.in"
+        "${PROJECT_BINARY_DIR}/package/${library}.pc" @ONLY)
+    install(FILES "${PROJECT_BINARY_DIR}/package/${library}.pc"
+        DESTINATION "${pkg_config_folder}" COMPONENT Development)
+endforeach()

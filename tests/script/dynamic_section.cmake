@@ -3,7 +3,7 @@
 
 # Checks what the loader is told of the library: which libraries it needs, its name, its flags.
 #
-#   cmake -DREADELF=<readelf> -DLIBRARY=<shared library> -P dynamic_section.cmake
+#   cmake -DREADELF=<readelf> -DLIBRARY=<shared library> -DNAME=<its name> -P dynamic_section.cmake
 cmake_minimum_required(VERSION 3.25)
 
 execute_process(COMMAND ${READELF} --dynamic --wide "${LIBRARY}"
@@ -26,7 +26,8 @@ foreach(entry IN LISTS needed)
     endif()
 endforeach()
 
-foreach(expected "\\(SONAME\\)[^\n]*\\[libThreadUtilities\\.so\\.1\\]" "NODELETE" "NOW")
+string(REPLACE "." "\\." name "${NAME}")
+foreach(expected "\\(SONAME\\)[^\n]*\\[${name}\\]" "NODELETE" "NOW")
     if(NOT dynamic MATCHES "${expected}")
         message(FATAL_ERROR "the dynamic section lacks ${expected}:\n${dynamic}")
     endif()

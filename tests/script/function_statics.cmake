@@ -8,8 +8,8 @@
 cmake_minimum_required(VERSION 3.25)
 
 execute_process(COMMAND "${NM}" "${LIBRARY}" OUTPUT_VARIABLE symbols COMMAND_ERROR_IS_FATAL ANY)
-if(NOT symbols MATCHES " [bd] [^\n]*ThreadUtilities")
-    message(FATAL_ERROR "${LIBRARY} does not show its own variables")
+if(NOT symbols MATCHES " [bdt] [^\n]*ThreadUtilities")
+    message(FATAL_ERROR "${LIBRARY} does not show its own names")
 endif()
 string(REGEX MATCHALL "[^\n ]*_ZGV[^\n]*" guards "${symbols}")
 if(guards)

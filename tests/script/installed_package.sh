@@ -75,6 +75,7 @@ by_cmake() {
     }
     cmake --build "$folder"
     "$folder/consumer"
+    "$folder/process_consumer"
 }
 
 # compile SOURCE PROGRAM [SOURCE_OR_OPTION...]: as somebody does by hand.
@@ -82,7 +83,7 @@ compile() {
     local input=$1 output=$2 flags
     shift 2
     # Its output is read by a shell: a blank in the path arrives quoted.
-    flags=$(pkg-config --cflags --libs ${link_static:+--static} ThreadUtilities)
+    flags=$(pkg-config --cflags --libs ${link_static:+--static} ThreadUtilitiesProcess ThreadUtilities)
     # The C library's start of a program that loads nothing refuses a search path.
     if [[ -z $link_static ]]; then
         flags+=" -Wl,-rpath,\"$library_folder\""
@@ -118,13 +119,15 @@ case $kind in
             "$scratch/alone$option"
         done
         link_static=
-        rm "$library_folder"/libThreadUtilities.so*  # a linker would prefer it
+        rm "$library_folder"/libThreadUtilities*.so*  # a linker would prefer it
         ;;
 esac
 
 echo "--- by pkg-config"
 compile "$source/tests/consumer/main.cpp" "$scratch/by_pkg_config"
 "$scratch/by_pkg_config"
+compile "$source/tests/consumer/process.cpp" "$scratch/process_by_pkg_config"
+"$scratch/process_by_pkg_config"
 
 if [[ $kind == static ]]; then
     compile "$source/tests/consumer/main.cpp" "$scratch/own_pthread_create" \

@@ -1,0 +1,213 @@
+// SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
+// SPDX-License-Identifier: MIT
+
+// What a stop does to the thread that is stopped: nothing that it could see.
+
+#include "process/seized_thread.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/sem.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <functional>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "target_process.h"
+
+namespace ThreadUtilities {
+namespace {
+
+using process::SeizedThread;
+
+process::SteadyTime soon() {
+    return std::chrono::steady_clock::now() + std::chrono::seconds(20);
+}
+
+/// As a worker does, on a thread that ends afterwards.
+void onThread(const std::function<void(SeizedThread&)>& body, unsigned int threadId) {
+    std::thread([&] {
+        std::optional<SeizedThread> seized;
+        // What the last thread did not let go, its end does, a little after it can be joined.
+        ASSERT_TRUE(eventually([&] { return seized.emplace(threadId).error() == 0; }));
+        body(*seized);
+    }).join();
+}
+
+void stopAndLetGo(unsigned int threadId) {
+    onThread(
+        [](SeizedThread& seized) {
+            platform::Registers registers{};
+            ASSERT_TRUE(seized.stop(registers, soon()));
+            ASSERT_TRUE(seized.letGo());
+        },
+        threadId);
+}
+
+int receiver() {
+    int pair[2];
+    socketpair(AF_UNIX, SOCK_STREAM, 0, pair);
+    const timeval limit{1000, 0};
+    setsockopt(pair[0], SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    return pair[0];
+}
+
+/// Each waits for what never comes, by a call that a stop ends with EINTR or that the kernel itself
+/// takes up again.
+std::vector<TargetProcess::Body> waits() {
+    const auto waiting = [](auto wait) {
+        return [wait](Told& told) {
+            for (;;) {
+                wait();
+                ++told.earlyReturns;
+            }
+        };
+    };
+    return {
+        waiting([epoll = epoll_create1(0)] {
+            epoll_event event;
+            epoll_wait(epoll, &event, 1, 1000'000);
+        }),
+        waiting([] {
+            sigset_t set;
+            sigemptyset(&set);
+            sigaddset(&set, SIGUSR2);
+            const timespec limit{1000, 0};
+            sigtimedwait(&set, nullptr, &limit);
+        }),
+        waiting([semaphore = semget(IPC_PRIVATE, 1, 0600)] {
+            sembuf take{0, -1, 0};
+            semop(semaphore, &take, 1);
+        }),
+        waiting([socket = receiver()] {
+            char byte;
+            recv(socket, &byte, 1, 0);
+        }),
+        waiting([socket = receiver()] {
+            char byte;
+            return read(socket, &byte, 1);
+        }),
+        waiting([] { poll(nullptr, 0, 1000'000); }),
+        waiting([] {
+            timespec time{1000, 0};
+            nanosleep(&time, &time);
+        }),
+    };
+}
+
+TEST(SeizedThread, LeavesWaitsAsTheyWere) {
+    TargetProcess target(waits());
+    const Told& told = target.tells();
+    for (unsigned int i = 0; i < told.threadCount; ++i) {
+        ASSERT_TRUE(becomes(target.id(), target.thread(i), 'S'));
+        for (int round = 0; round < 50; ++round) {
+            stopAndLetGo(target.thread(i));
+        }
+        ASSERT_TRUE(becomes(target.id(), target.thread(i), 'S'));
+        EXPECT_EQ(told.earlyReturns, 0) << "the wait number " << i;
+    }
+    EXPECT_TRUE(target.endsWell());
+}
+
+std::atomic<long>* countedSignals;
+
+// A signal that arrives while the thread is seized is delivered, once, and ends a wait as ever.
+TEST(SeizedThread, PassesSignalsOn) {
+    TargetProcess target({[](Told& told) {
+        countedSignals = &told.signals;
+        struct sigaction action{};
+        action.sa_handler = [](int) { ++*countedSignals; };
+        sigaction(SIGUSR1, &action, nullptr);
+        const int epoll = epoll_create1(0);
+        epoll_event event;
+        for (;;) {
+            told.earlyReturns += epoll_wait(epoll, &event, 1, -1) < 0 && errno == EINTR ? 1 : 0;
+        }
+    }});
+    const Told& told = target.tells();
+    const auto send = [&] { syscall(SYS_tgkill, target.id(), target.thread(0), SIGUSR1); };
+    for (int sent = 1; sent <= 200; ++sent) {
+        onThread(
+            [&](SeizedThread& seized) {
+                platform::Registers registers{};
+                if (sent % 2 == 0) {
+                    send();
+                }
+                ASSERT_TRUE(seized.stop(registers, soon()));
+                if (sent % 2 != 0) {
+                    send();
+                }
+                if (sent % 3 != 0) {
+                    ASSERT_TRUE(seized.letGo());
+                }  // else this thread's end lets it go
+            },
+            target.thread(0));
+        ASSERT_TRUE(eventually([&] { return told.signals >= sent; }));
+        ASSERT_TRUE(becomes(target.id(), target.thread(0), 'S'));
+        ASSERT_EQ(told.signals, sent);
+        ASSERT_EQ(told.earlyReturns, sent);
+    }
+    EXPECT_TRUE(target.endsWell());
+}
+
+TEST(SeizedThread, LeavesAStoppedProcessStopped) {
+    TargetProcess target({spin});
+    kill(static_cast<pid_t>(target.id()), SIGSTOP);
+    ASSERT_TRUE(becomes(target.id(), target.thread(0), 'T'));
+    for (int round = 0; round < 50; ++round) {
+        stopAndLetGo(target.thread(0));
+        ASSERT_TRUE(becomes(target.id(), target.thread(0), 'T'));
+    }
+    const long before = target.tells().progress;
+    usleep(1000);
+    EXPECT_EQ(target.tells().progress, before);
+    kill(static_cast<pid_t>(target.id()), SIGCONT);
+    EXPECT_TRUE(target.goesOn());
+}
+
+// A thread that waits for its vfork child comes to no stop until that child ends, and is not to be
+// found stopped then.
+TEST(SeizedThread, LeavesNoStopBehindWhereNoneWasReached) {
+    TargetProcess target({[](Told& told) {
+        for (;;) {
+            const long before = told.signals;
+            const pid_t child = vfork();
+            if (child == 0) {
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                while (told.signals == before) {
+                    usleep(1000);
+                }
+                _exit(0);
+            }
+            waitpid(child, nullptr, 0);
+            ++told.progress;
+        }
+    }});
+    for (long round = 0; round < 10; ++round) {
+        ASSERT_TRUE(becomes(target.id(), target.thread(0), 'D'));
+        onThread(
+            [&](SeizedThread& seized) {
+                platform::Registers registers{};
+                EXPECT_FALSE(seized.stop(registers, std::chrono::steady_clock::now()));
+                EXPECT_FALSE(seized.letGo());
+            },
+            target.thread(0));
+        ++target.tells().signals;
+        ASSERT_TRUE(eventually([&] { return target.tells().progress == round + 1; }));
+    }
+    EXPECT_EQ(statusOf(target.id(), target.thread(0), "TracerPid"), "0");
+}
+
+}  // namespace
+}  // namespace ThreadUtilities
