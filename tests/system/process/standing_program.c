@@ -81,6 +81,9 @@ static void obey(const char* command, const char* operand, char** arguments) {
         execv(operand, arguments);
     } else {
         handle = dlopen(strcmp(command, "copy") == 0 ? copyToMemory(operand) : operand, RTLD_NOW);
+        if (handle == NULL) {
+            _exit(1);
+        }
         pthread_create(&thread, NULL, &runPlugin, handle);
     }
 }
