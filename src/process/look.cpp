@@ -134,8 +134,11 @@ Look::AtRest Look::lookAtRest(bool takesPart) {
     if (glance.sight == Glance::Sight::Missing) {
         return settle(LookResult::NoSuchThread);
     }
-    if (glance.sight == Glance::Sight::Denied || !before) {
+    if (glance.sight == Glance::Sight::Denied) {
         return settle(LookResult::NotPermitted);
+    }
+    if (!before) {
+        return AtRest::NotSeen;  // it has never run yet
     }
     look.runs = runCount(*before);
     if (glance.sight == Glance::Sight::OnProcessor || !walkAtRest(glance.at)) {

@@ -261,11 +261,12 @@ void requireKnownProgram(unsigned int processId, const ProcessFolder& folder) {
     }
 }
 
-void requireCounts(unsigned int processId, const ProcessFolder& folder) {
-    const std::string runs = folder.read("schedstat", 128);
-    if (!runs.empty() && !platform::parseRunsText(runs)) {
-        refuse({processWithName(processId, folder),
-                ": this kernel does not count the runs of threads (CONFIG_SCHED_INFO)"});
+// Asked of the calling process, which has run; another one may be about to do so for the first
+// time.
+void requireCounts() {
+    const ProcessFolder self(static_cast<unsigned int>(platform::kernelProcessId()));
+    if (!platform::parseRunsText(self.read("schedstat", 128))) {
+        refuse({"this kernel does not count the runs of threads (CONFIG_SCHED_INFO)"});
     }
 }
 
@@ -280,7 +281,7 @@ void requireLookable(unsigned int processId, const ProcessFolder& folder) {
     requireProcess(processId, folder, status);
     requireAccess(processId, folder, status);
     requireKnownProgram(processId, folder);
-    requireCounts(processId, folder);
+    requireCounts();
 }
 
 }  // namespace ThreadUtilities::process

@@ -93,7 +93,7 @@ class TargetProcess : private SharedTold {
 };
 
 inline void spin(Told& told) {
-    for (;;) {
+    while (!told.mayEnd) {
         ++told.progress;
     }
 }
