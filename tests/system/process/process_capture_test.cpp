@@ -102,12 +102,15 @@ TEST(ProcessCapture, SeesTheFramesThatTheProcessSees) {
     TargetProcess target({
         [](Told&) { poll(nullptr, 0, -1); },
         [seen](Told& told) {
-            while (seen->count < 4) {
-                seen->count = getStackTrace(told.threadIds[0], seen->values.data(), limit, true);
+            while (told.progress == 0) {
+                usleep(1000);
             }
+            seen->count = getStackTrace(told.threadIds[0], seen->values.data(), limit, true);
         },
     });
-    ASSERT_TRUE(eventually([&] { return seen->count >= 4; }));
+    ASSERT_TRUE(becomes(target.id(), target.thread(0), 'S'));
+    ++target.tells().progress;
+    ASSERT_TRUE(eventually([&] { return seen->count >= 3; }));
     std::vector<unsigned long long> frames;
     const ProcessCapture capture(target.id());
     const ThreadLook look = capture.look(target.thread(0), frames, limit);
