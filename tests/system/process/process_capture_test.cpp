@@ -260,12 +260,14 @@ TEST(ProcessCapture, LeavesDescriptorsToOthers) {
     TargetProcess target({[](Told& told) {
         std::vector<std::thread> threads;
         for (int i = 0; i < 100; ++i) {
-            threads.emplace_back([] { pause(); });
+            threads.emplace_back([&] {
+                ++told.progress;
+                pause();
+            });
         }
-        ++told.progress;
         pause();
     }});
-    ASSERT_TRUE(eventually([&] { return target.tells().progress == 1; }));
+    ASSERT_TRUE(eventually([&] { return target.tells().progress == 100; }));
     EXPECT_EQ(runInForkChild([&] {
                   constexpr rlimit few{40, 40};
                   setrlimit(RLIMIT_NOFILE, &few);
