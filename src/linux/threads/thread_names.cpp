@@ -122,6 +122,13 @@ std::optional<FoundName> findKernelName(unsigned int threadId) {
     return std::nullopt;
 }
 
+// Of a thread of this process without a record. In the last moment of a thread the kernel still has
+// its file, of the first one for as long as others run; then no name of its own counts.
+std::string nameWithoutRecord(const KernelName& inKernel, unsigned int threadId) {
+    return nobodyGave(inKernel) || stateOfOwnTask(threadId) != TaskState::Live ? std::string()
+                                                                               : textOf(inKernel);
+}
+
 // What the kernel's name of a thread of this process means. None when the name changed between
 // the look at the kernel and this one.
 std::optional<std::string> nameBehind(const KernelName& inKernel, unsigned int threadId,
@@ -129,10 +136,7 @@ std::optional<std::string> nameBehind(const KernelName& inKernel, unsigned int t
     const LookAtRecord look(threadId);
     const ThreadRecord* const record = look.get();
     if (record == nullptr) {
-        if (changesBefore || look.hasEnded()) {
-            return std::nullopt;
-        }
-        return nobodyGave(inKernel) ? std::string() : textOf(inKernel);
+        return nameWithoutRecord(inKernel, threadId);
     }
     if (inKernel == record->current.inKernel) {
         return record->current.whole;
@@ -272,10 +276,10 @@ std::string readThreadName(unsigned int threadId) {
     if (auto name = keptName(threadId)) {
         return *std::move(name);
     }
-    // In the last moment of a thread the kernel still has its file, and no name of its own counts.
-    const bool isNobodys = found && found->ownProcess &&
-                           (nobodyGave(found->name) || stateOfOwnTask(threadId) != TaskState::Live);
-    return found && !isNobodys ? textOf(found->name) : std::string();
+    if (!found) {
+        return {};
+    }
+    return found->ownProcess ? nameWithoutRecord(found->name, threadId) : textOf(found->name);
 }
 
 }  // namespace ThreadUtilities::platform

@@ -197,7 +197,7 @@ void enterOwnRecord(ThreadRecord* record, bool announce) noexcept {
 LookAtRecord::LookAtRecord(unsigned int threadId) noexcept : lock(bucketOf(threadId).mutex) {
     for (ThreadRecord* at = bucketOf(threadId).first; at != nullptr; at = at->nextInBucket) {
         if (at->threadId == threadId) {
-            ended = at->hasWitness && at->life.sawTheEnd();
+            const bool ended = at->hasWitness && at->life.sawTheEnd();
             record = ended ? nullptr : at;
             return;
         }

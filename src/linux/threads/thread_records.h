@@ -68,12 +68,10 @@ class LookAtRecord {
     explicit LookAtRecord(unsigned int threadId) noexcept;
     /// None when there is no record, or its thread has ended.
     ThreadRecord* get() const noexcept { return record; }
-    bool hasEnded() const noexcept { return ended; }
 
  private:
     std::unique_lock<std::mutex> lock;
     ThreadRecord* record = nullptr;
-    bool ended = false;
 };
 
 /// Gives back what is kept of threads that have ended, and says of each that it is gone. The number

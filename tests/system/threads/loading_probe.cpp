@@ -147,12 +147,15 @@ void checkStartsAndEnds(const Library& library, Ids expected) {
 
 // The first thread may end before the others; the rest of the check runs on a second one.
 void checkEndOfFirstThread(const Library& library) {
+    prctl(PR_SET_NAME, "by others");
     std::thread([library, firstThread = pthread_self()] {
         pthread_join(firstThread, nullptr);
-        const Ids ids = library.threadIds();
         const auto first = static_cast<unsigned int>(getpid());
+        expect(library.name(first).empty(), "no name, though the kernel keeps one");
+        const Ids ids = library.threadIds();
         expect(std::count(ids.begin(), ids.end(), ownId()) == 1, "the last thread");
         expect(std::count(ids.begin(), ids.end(), first) == 0, "the first thread ended");
+        expect(library.name(first).empty(), "nor once its end is told");
         _exit(0);
     }).detach();
     if constexpr (threadsMayUnwind) {
@@ -193,6 +196,12 @@ void checkEndOfFirstThread(const Library& library) {
     dlclose(handle);
     expectList(library, before, "the library stays");
     endsLate.end();
+    {
+        // Known by their names alone, in place of those from before.
+        const ParkedThread one([&] { library.setName("one"); });
+        const ParkedThread other([&] { library.setName("other"); });
+        expectList(library, {ownId(), one.id(), other.id()}, "as many as at load, but others");
+    }
     checkEnd(library);
 }
 
