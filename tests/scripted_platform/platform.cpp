@@ -130,12 +130,15 @@ void sleepUntil(std::chrono::steady_clock::time_point time) {
     std::this_thread::yield();
 }
 
-bool sleepUntilOrWoken(std::chrono::steady_clock::time_point, const std::atomic<std::uint32_t>&,
-                       std::uint32_t) noexcept {
-    return false;
+bool sleepUntilOrWoken(std::chrono::steady_clock::time_point,
+                       const std::atomic<std::uint32_t>& word, std::uint32_t seen) noexcept {
+    scripted::threads.duringSleep();
+    return word != seen;
 }
 
-void wakeSleepers(const std::atomic<std::uint32_t>&) noexcept {}
+void wakeSleepers(const std::atomic<std::uint32_t>&) noexcept {
+    ++scripted::threads.wakeUps;
+}
 
 void sleepPrecisely() noexcept {}
 

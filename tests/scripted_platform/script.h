@@ -96,6 +96,10 @@ struct ThreadsScript {
     std::function<bool(std::size_t)> noticesCover = [](std::size_t) { return true; };
     std::vector<unsigned int> live;
 
+    /// Called in a sleep for a start, as another thread would act meanwhile.
+    std::function<void()> duringSleep = [] {};
+    int wakeUps = 0;
+
     int systemInformationCalls = 0;
     int snapshotCalls = 0;
     int liveCalls = 0;

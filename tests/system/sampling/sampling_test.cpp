@@ -206,23 +206,5 @@ TEST(HostileHost, ACancelledCallEndsWithItsWorkers) {
     EXPECT_EQ(ownThreadCount(), before);
 }
 
-TEST(HostileHost, ACallbackThatEndsItsThreadEndsTheRun) {
-    if (!threadsMayUnwind) {
-        GTEST_SKIP() << unwindersDisagree;
-    }
-    const std::size_t before = ownThreadCount();
-    const std::thread::id caller = std::this_thread::get_id();
-    const std::string report =
-        sampleProcessThread(static_cast<unsigned int>(getpid()), getThreadId(), 1h, 0ms,
-                            [caller](auto...) -> unsigned long long {
-                                if (std::this_thread::get_id() != caller) {
-                                    pthread_exit(nullptr);
-                                }
-                                return 0;
-                            });
-    EXPECT_EQ(report.find("Total sample count: 0\n"), 0u) << report;
-    EXPECT_EQ(ownThreadCount(), before);
-}
-
 }  // namespace
 }  // namespace ThreadUtilities

@@ -198,6 +198,25 @@ TEST(Handler, MayBeLeftByAJumpOfTheHosts) {
     signal(SIGILL, SIG_DFL);
 }
 
+TEST(Handler, IsNotInterruptedByTheHosts) {
+    static std::atomic<int> handled{0};
+    static std::atomic<bool> wasInterrupted{false};
+    handled = 0;
+    struct sigaction action{};
+    action.sa_handler = [](int) { ++handled; };
+    sigaction(SIGUSR1, &action, nullptr);
+    TargetThread target(spinUntil);
+    const auto raiseInIt = [](const ThreadContext&, VisitRoom&) noexcept {
+        raise(SIGUSR1);
+        wasInterrupted = handled != 0;
+        return VisitorAnswer::Enough;
+    };
+    EXPECT_EQ(visit(target.id(), raiseInIt), VisitResult::Visited);
+    EXPECT_TRUE(eventually([] { return handled == 1; }));
+    EXPECT_FALSE(wasInterrupted);
+    signal(SIGUSR1, SIG_DFL);
+}
+
 TEST(Handler, MayEndWithItsThread) {
     if (underAddressSanitizer) {
         GTEST_SKIP() << threadsMustSayThatTheyEnd;

@@ -8,6 +8,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
@@ -15,8 +16,10 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <vector>
 
+#include "platform/thread_context.h"
 #include "support/fork_child.h"
 #include "support/sanitizers.h"
 #include "support/target_thread.h"
@@ -124,6 +127,37 @@ TEST(ABlockedThread, IsNeitherWokenNorInterrupted) {
     end.signalOther();
     target.join();
     EXPECT_EQ(polled, 1) << "interrupted";
+}
+
+// It may be a pager that captures, which would wait for itself (userfaultfd(2)).
+TEST(ABlockedThread, IsNotMadeToTouchItsStack) {
+    constexpr std::size_t size = 4096;
+    auto* const page = static_cast<char*>(
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    Pipe end;
+    std::atomic<bool> isReady{false};
+    long polled = SYS_poll;
+    TargetThread target([&](const auto&) {
+        pollfd readable{end.readEnd(), POLLIN, 0};
+        char* stack = page + size / 2;
+        long result = SYS_poll;
+        isReady = true;
+        asm volatile("xchgq %%rsp, %[stack]\n\tsyscall\n\txchgq %%rsp, %[stack]"
+                     : "+a"(result), [stack] "+r"(stack)
+                     : "D"(&readable), "S"(1L), "d"(-1L)
+                     : "rcx", "r11", "memory");
+        polled = result;
+    });
+    EXPECT_TRUE(eventually([&] { return isReady && kernelViewOf(target.id()).sleeps; }));
+    std::vector<unsigned long long> frames;
+    EXPECT_EQ(capture(target.id(), frames), 0U);
+    unsigned char isResident = 0;
+    EXPECT_EQ(mincore(page, size, &isResident), 0);
+    EXPECT_EQ(isResident & 1, 0);
+    end.signalOther();
+    target.join();
+    EXPECT_EQ(polled, 1) << "interrupted";
+    munmap(page, size);
 }
 
 std::size_t openDescriptors() {
@@ -279,6 +313,17 @@ TEST(HostileHost, MayHaveAFilterOfCallsForAllItsThreadsOrForOne) {
         for (int round = 0; round < 20; ++round) {
             well = well && isCaptured(lockedUp.id()) && seesItsBody();
         }
+        // Where it is not held, the walk is the capturing thread's own.
+        static bool mayCallSystem;
+        const auto look = [](const platform::ThreadContext& context,
+                             platform::VisitRoom&) noexcept {
+            mayCallSystem = context.mayCallSystem;
+            return platform::VisitorAnswer::Enough;
+        };
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        std::vector<unsigned long long> frames(1);
+        platform::visitThreadContext({lockedUp.id(), false, look, deadline}, frames);
+        well = well && mayCallSystem;
         _exit(well ? 0 : 1);  // nobody can end the locked thread
     });
     EXPECT_EQ(child.result(), 0);

@@ -11,8 +11,11 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <csignal>
+#include <ctime>
 #include <fstream>
+#include <latch>
 #include <semaphore>
 #include <string_view>
 
@@ -35,14 +38,14 @@ using platform::VisitResult;
 
 std::atomic<int> visits{0};
 
-VisitResult visit(unsigned int threadId) {
+VisitResult visit(unsigned int threadId, std::chrono::seconds patience = std::chrono::seconds(1)) {
     visits = 0;
     const auto look = [](const ThreadContext&, platform::VisitRoom&) noexcept {
         ++visits;
         return VisitorAnswer::Enough;
     };
     std::array<unsigned long long, 1> frames{};
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     return platform::visitThreadContext({threadId, true, look, deadline}, frames).result;
 }
 
@@ -86,6 +89,25 @@ TEST(ThreadVisit, AThreadThatBlocksTheSignalIsGivenUpAndNeverVisitedLate) {
     EXPECT_EQ(visits, 1);
 }
 
+// It runs until its capturer naps, and then sleeps for good.
+TEST(ThreadVisit, AThreadThatBlocksTheSignalIsLookedAtOnceMoreWhenItIsGivenUp) {
+    const auto self = static_cast<unsigned int>(gettid());
+    std::atomic<bool> begin{false};
+    std::latch end{1};
+    TargetThread target([&](const auto&) {
+        blockEverySignal(true);
+        spinUntil(begin);
+        const unsigned long before = kernelViewOf(self).switches;
+        while (kernelViewOf(self).switches == before) {
+        }
+        end.wait();
+        blockEverySignal(false);
+    });
+    begin = true;
+    EXPECT_EQ(visit(target.id(), std::chrono::minutes(1)), VisitResult::Visited);
+    end.count_down();
+}
+
 VisitorAnswer fillRoom(platform::VisitRoom& room, unsigned long long frame) {
     std::fill_n(room.frames, room.capacity, frame);
     room.frameCount = room.capacity;
@@ -120,6 +142,14 @@ TEST(ThreadVisit, AHandlerThatOutlastsItsCapturerWritesToNobodyElse) {
         const auto answer = fillRoom(room, 2);
         goOn = true;
         spinUntil(isOver);
+        // Longer than anything else may run with the signal blocked.
+        const auto used = [] {
+            timespec time{};
+            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+            return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+        };
+        for (const auto before = used(); used() - before < std::chrono::milliseconds(60);) {
+        }
         return answer;
     };
     EXPECT_EQ(visitFor(other.id(), writeMeanwhile, std::chrono::minutes(1)).frameCount,

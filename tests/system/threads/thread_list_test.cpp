@@ -61,6 +61,15 @@ bool ownStackIsKnown() {
     return isRight;
 }
 
+/// The first thread's stack grows after the bounds were noted.
+[[gnu::noinline]] bool boundsHoldFurtherDown() {
+    std::array<char, 1 << 20> frames;
+    asm volatile("" : : "r"(frames.data()) : "memory");
+    const auto here = reinterpret_cast<std::uint64_t>(frames.data());
+    const platform::ReadableRange bounds = platform::threadStackBounds(ownId());
+    return bounds.begin <= here && here < bounds.end;
+}
+
 // Every way in which the C library lets a thread begin and end; each thread checks that it is
 // listed with its stack, and its end must be heard of.
 void noteSelf(void* out) {
@@ -92,6 +101,7 @@ void checkStartAndEnd(const char* what, const pthread_attr_t* attributes, void* 
 
 TEST(ThreadListOnLinux, HearsOfEveryKindOfStartAndEnd) {
     EXPECT_TRUE(ownStackIsKnown());
+    EXPECT_TRUE(boundsHoldFurtherDown());
     checkStartAndEnd("returns", nullptr, noteSelfAndReturn);
     checkStartAndEnd("pthread_exit", nullptr, [](void* id) -> void* {
         noteSelf(id);
@@ -285,6 +295,29 @@ TEST(ThreadListOnLinux, ACopyOfTheProcessStartsAfreshWhateverOthersDid) {
         EXPECT_EQ(result, 0);
     }
     EXPECT_EQ(getThreadId(), parent);
+}
+
+TEST(ThreadListOnLinux, ACopyMadeWhileTheListIsLockedHasItFree) {
+    if (underAddressSanitizer || underThreadSanitizer) {
+        GTEST_SKIP() << copiesMayHang;
+    }
+    static std::latch* isLocked;
+    static std::latch* isCopied;
+    std::latch locked{1};
+    std::latch copied{1};
+    isLocked = &locked;
+    isCopied = &copied;
+    std::jthread reading([] {
+        allocations::callFromNext([] {  // of the list
+            isLocked->count_down();
+            isCopied->wait();
+        });
+        getThreadIds();
+    });
+    locked.wait();
+    ForkChild child([] { return getThreadIds() == std::vector{ownId()}; });
+    EXPECT_TRUE(child.endedWell());
+    copied.count_down();
 }
 
 // In the last round of exit destructors a thread is still there, at its place and by its name.

@@ -16,11 +16,13 @@
 #include "support/fork_child.h"
 #include "support/parked_thread.h"
 
-static thread_local bool changesTakeLong = false;
+/// The moments of a change that take long, as bits.
+static thread_local unsigned int longMoments = 0;
 
 // A few looks of a reader.
-static void spinABit() {
-    for (int turn = 0; turn < 20'000; ++turn) {
+static void spinIn(unsigned int moment) {
+    const int turns = (longMoments >> moment & 1) != 0 ? 20'000 : 0;
+    for (int turn = 0; turn < turns; ++turn) {
         asm volatile("");
     }
 }
@@ -31,14 +33,14 @@ extern "C" int prctl(int option, ...) noexcept {
     va_start(arguments, option);
     const auto argument = va_arg(arguments, unsigned long);
     va_end(arguments);
-    if (changesTakeLong && option == PR_SET_NAME) {
+    spinIn(0);
+    if ((longMoments & 2) != 0 && option == PR_SET_NAME) {
         // Whoever reads a name while the kernel writes it may get parts of two.
-        spinABit();
         syscall(SYS_prctl, option, "parts of two", 0, 0, 0);
-        spinABit();
+        spinIn(1);
     }
     const auto result = static_cast<int>(syscall(SYS_prctl, option, argument, 0, 0, 0));
-    changesTakeLong ? spinABit() : void();
+    spinIn(2);
     return result;
 }
 
@@ -134,8 +136,8 @@ TEST(ThreadNamesOnLinux, OtherProcessesShowTheKernelsAndKeepTheirOwn) {
     });
 }
 
-// Readers meet every moment of a change, each of which the hook above makes long enough: they get
-// one of the names that the thread gave itself, whole.
+// Readers meet every moment of a change, which the hook above makes long enough, and pass over
+// those that it does not: they get one of the names that the thread gave itself, whole.
 TEST(ThreadNamesOnLinux, ReadersSeeTheNameBeforeOrAfterAChange) {
     const std::string even(40, 'e');
     const std::string odd(70, 'o');
@@ -144,11 +146,12 @@ TEST(ThreadNamesOnLinux, ReadersSeeTheNameBeforeOrAfterAChange) {
     std::jthread changing([&] {
         setThreadName(even);
         id = getThreadId();
-        changesTakeLong = true;
-        for (int change = 0; change < 1000; ++change) {
+        for (unsigned int change = 0; change < 6000; ++change) {
+            longMoments = change % 16;
             setThreadName(change % 2 == 0 ? odd : even);
-            spinABit();
+            spinIn(3);
         }
+        longMoments = 0;
         isOver = true;
         while (id != 0) {
             std::this_thread::yield();

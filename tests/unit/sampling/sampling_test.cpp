@@ -7,6 +7,7 @@
 #include <ThreadUtilities/StackTrace.h>
 #include <ThreadUtilities/Threads.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -25,10 +26,12 @@
 
 #include "foundation/ascii.h"
 #include "platform/clock.h"
+#include "sampling/sampling_run.h"
 #include "sampling/saturating_time.h"
 #include "scripted_platform/script.h"
 #include "stack/frame_details.h"
 #include "stack/stack_trace.h"
+#include "support/forced_unwinding.h"
 #include "support/latch.h"
 #include "support/sanitizers.h"
 
@@ -375,11 +378,24 @@ TEST_F(Sampling, WorkersThatWaitForOneAnotherAllEnd) {
     layers.threads[0] = {11, 12, 13, 14, 15};
     layers.captureOwn = [](unsigned int) { return Frames{1}; };
     EXPECT_NE(sampleAllThreads(10s, 1ms), "");
+    // Those that find nothing to do before the end are woken by the one that waits for it.
+    EXPECT_NE(sampleAllThreads(10s, 1h), "");
     // Also where one of them ends by itself, while the time stands still.
     layers.captureOwn = [count = std::make_shared<std::atomic<int>>()](unsigned int) {
         return ++*count == 1000 ? throw std::bad_alloc() : Frames{1};
     };
     EXPECT_THROW(sampleAllThreads(std::chrono::seconds::max(), 1ms), std::bad_alloc);
+}
+
+TEST_F(Sampling, ThreadsChosenAtAboutOneTimeAreDueTogether) {
+    SamplingRun run;
+    run.stampWidth = 100us;
+    const auto nextDue = [&](unsigned int thread, std::chrono::microseconds time) {
+        return run.stampIfDue(thread, 10ms, TimePoint(time)).nextDue.time_since_epoch();
+    };
+    EXPECT_EQ(nextDue(1, 0us), 10ms);
+    EXPECT_EQ(nextDue(2, 100us), 10ms);
+    EXPECT_EQ(nextDue(3, 101us), 10ms + 101us);
 }
 
 TEST_F(Sampling, WithoutACallbackReportsNothing) {
@@ -409,6 +425,14 @@ TEST_F(Sampling, ByCallbackTakesTheFocusThreadOncePerIntervalAndSleepsMeanwhile)
     rooms.resize(5);
     EXPECT_EQ(rooms, (std::vector<std::size_t>{256, 0, 1, 1, 1}))
         << "one call before the start; the worker keeps its vector";
+
+    resetClock(2);
+    scripted::setAdvancePerReading(300us);
+    sampleFocus(1s, 7ms);
+    EXPECT_FALSE(scripted::sleeps().empty());
+    for (const std::chrono::nanoseconds sleep : scripted::sleeps()) {
+        EXPECT_EQ((sleep + 300us) % 1ms, 0ns) << "whole milliseconds from the look at the clock on";
+    }
 }
 
 TEST_F(Sampling, ByCallbackDropsWhatIsEmptyForTheFocusThreadOnly) {
@@ -496,10 +520,48 @@ TEST_F(Sampling, WhatACallbackThrowsReachesTheCallerAfterAllWorkersEnded) {
     EXPECT_EQ(issuedThreadIds().size(), 8u);
     EXPECT_EQ(liveWorkers, 0);
 
+    std::atomic<int> calls = 0;
+    answer = [&](unsigned int, auto&) -> unsigned long long {
+        const int call = ++calls;
+        while (call == 2 && (calls < 3 || liveWorkers < 8)) {
+            std::this_thread::yield();
+        }
+        while (call == 3 && (calls < 4 || liveWorkers > 1)) {
+            std::this_thread::yield();
+        }
+        return call == 2 || call == 3 ? throw call : 0;
+    };
+    try {
+        sampleFocus(forever, 0ms);
+        ADD_FAILURE();
+    } catch (int first) {
+        EXPECT_EQ(first, 2);
+    }
+    issued.clear();
+
     answer = [](unsigned int, auto&) -> unsigned long long { throw 42; };
     EXPECT_THROW(sampleFocus(forever, 0ms), int) << "the first capture is the caller's own";
-    EXPECT_EQ(issuedThreadIds().size(), 8u);
+    EXPECT_TRUE(issuedThreadIds().empty());
 }
+
+#if !defined(_WIN32)  // where `pthread_exit` unwinds nothing
+TEST_F(Sampling, ACallbackThatEndsItsThreadEndsTheRun) {
+    if (!threadsMayUnwind) {
+        GTEST_SKIP() << unwindersDisagree;
+    }
+    scripted::setHardwareThreads(16);
+    std::atomic<int> calls = 0;
+    answer = [&](unsigned int, auto&) -> unsigned long long {
+        if (++calls == 2) {  // the first is the caller's own
+            pthread_exit(nullptr);
+        }
+        return 0;
+    };
+    EXPECT_EQ(sampleFocus(std::chrono::seconds::max(), 0ms),
+              "Total sample count: 0\nParallelism: 8\n\n");
+    EXPECT_EQ(liveWorkers, 0);
+}
+#endif
 
 TEST_F(Sampling, ByCallbackBearsAnyDurationAndInterval) {
     EXPECT_EQ(sampleAll(-5s, 0ms, 0ms),

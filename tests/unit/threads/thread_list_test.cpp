@@ -7,6 +7,7 @@
 
 #include "platform/notices.h"
 #include "scripted_platform/script.h"
+#include "threads/thread_list.h"
 
 namespace ThreadUtilities {
 namespace {
@@ -111,6 +112,21 @@ TEST_F(ThreadList, AFailedEnumerationAtLoadLeavesTheNotices) {
     EXPECT_EQ(getMainThreadId(), 30U);
     attach(31);
     EXPECT_THAT(getThreadIds(), ElementsAre(31));
+}
+
+TEST_F(ThreadList, AStartWakesThoseWhoWaitForOneWhereStartsAreHeardOf) {
+    const auto sleeps = [] {
+        getThreadIds();
+        return sleepUntilThreadStarts(announcedStarts(), {});
+    };
+    scripted::threads.duringSleep = [] { attach(13); };
+    scripted::threads.noticesCover = [](std::size_t) { return false; };
+    EXPECT_FALSE(sleeps());
+    scripted::threads.noticesCover = [](std::size_t) { return true; };
+    EXPECT_TRUE(sleeps());
+    EXPECT_EQ(scripted::threads.wakeUps, 1);
+    attach(14);
+    EXPECT_EQ(scripted::threads.wakeUps, 1) << "nobody sleeps";
 }
 
 TEST(ThreadIdText, IsDecimalOrLowerCaseHexadecimalWithoutPadding) {
