@@ -22,6 +22,7 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/thread_context.h"
