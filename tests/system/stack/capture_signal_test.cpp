@@ -124,6 +124,30 @@ TEST(CaptureSignal, FindsRoomInAQueueThatWasFull) {
     EXPECT_TRUE(child.endedWell());
 }
 
+// The target changes the action once its capturer has seen to that and naps.
+TEST(CaptureSignal, IsSentAgainWhereAnotherActionTookIt) {
+    ForkChild child([] {
+        signal(SIGUSR2, [](int) {});
+        const KernelAction others = exchangeAction(SIGUSR2, nullptr);
+        const auto self = static_cast<unsigned int>(gettid());
+        std::atomic<bool> begin{false};
+        TargetThread target([&](const std::atomic<bool>& stop) {
+            const std::uint64_t everything = ~std::uint64_t{0};
+            syscall(SYS_rt_sigprocmask, SIG_BLOCK, &everything, nullptr, sizeof(everything));
+            spinUntil(begin);
+            const unsigned long before = kernelViewOf(self).switches;
+            while (kernelViewOf(self).switches == before) {
+            }
+            exchangeAction(captureSignal(), &others);
+            syscall(SYS_rt_sigprocmask, SIG_UNBLOCK, &everything, nullptr, sizeof(everything));
+            spinUntil(stop);
+        });
+        begin = true;
+        return isCaptured(target.id());
+    });
+    EXPECT_TRUE(child.endedWell());
+}
+
 using CaptureByCopy = unsigned long long (*)(unsigned int);
 
 TEST(CaptureSignal, IsSharedByCopiesOfTheLibraryAndOutlivesThem) {
