@@ -97,7 +97,13 @@ void stopOfARunningThread(benchmark::State& state, Make make) {
         }
         while (steady_clock::now() < begin + std::chrono::microseconds(100)) {
         }
-        gaps.push_back(target.told().longestGap);
+        if (const std::uint64_t gap = target.told().longestGap; gap != 0) {
+            gaps.push_back(gap);  // else it got no processor at all
+        }
+    }
+    if (gaps.empty()) {
+        state.SkipWithError("the thread got no processor");
+        return;
     }
     state.counters["median_ns"] = static_cast<double>(quantile(gaps, 0.5));
     state.counters["p99_ns"] = static_cast<double>(quantile(gaps, 0.99));

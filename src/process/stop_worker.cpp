@@ -4,6 +4,7 @@
 #include "process/stop_worker.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
 
@@ -107,10 +108,24 @@ struct StopWorkers::Worker {
     bool mustEnd = false;
     bool hasEnded = false;  ///< or is about to, because it could not let go of a thread
     std::thread thread;
+    int processor = -1;  ///< that it is bound to
     int processId = platform::kernelProcessId();
 
     // A fork child has the object and not its thread.
     bool isOfThisProcess() const { return processId == platform::kernelProcessId(); }
+
+    // It takes the place of its caller, which waits. Elsewhere it would often be put where the
+    // thread runs that is to be stopped: first it would hold that up, then wait for it.
+    void moveToCaller() {
+        const int current = sched_getcpu();
+        if (current != processor && current >= 0 && current < CPU_SETSIZE) {
+            cpu_set_t set;
+            CPU_ZERO(&set);
+            CPU_SET(current, &set);
+            pthread_setaffinity_np(thread.native_handle(), sizeof(set), &set);
+            processor = current;
+        }
+    }
 };
 
 StopWorkers::~StopWorkers() {
@@ -203,6 +218,7 @@ bool StopWorkers::make(const std::shared_ptr<Stop>& stop) {
     stop->length = {};
     Loan loan(*this);
     Worker& worker = *loan.worker;
+    worker.moveToCaller();
     std::unique_lock lock(worker.mutex);
     worker.job = stop;
     worker.isDone = false;

@@ -10,7 +10,6 @@
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
-#include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -63,46 +62,50 @@ int receiver() {
     return pair[0];
 }
 
+int nothingToMake() {
+    return 0;
+}
+
 /// Each waits for what never comes, by a call that a stop ends with EINTR or that the kernel itself
 /// takes up again.
 std::vector<TargetProcess::Body> waits() {
-    const auto waiting = [](auto wait) {
-        return [wait](Told& told) {
-            for (;;) {
-                wait();
-                ++told.earlyReturns;
+    const auto waiting = [](auto make, auto wait) {
+        return [make, wait](Told& told) {
+            for (const int made = make();; ++told.earlyReturns) {
+                wait(made);
             }
         };
     };
     return {
-        waiting([epoll = epoll_create1(0)] {
-            epoll_event event;
-            epoll_wait(epoll, &event, 1, 1000'000);
-        }),
-        waiting([] {
-            sigset_t set;
-            sigemptyset(&set);
-            sigaddset(&set, SIGUSR2);
-            const timespec limit{1000, 0};
-            sigtimedwait(&set, nullptr, &limit);
-        }),
-        waiting([semaphore = semget(IPC_PRIVATE, 1, 0600)] {
-            sembuf take{0, -1, 0};
-            semop(semaphore, &take, 1);
-        }),
-        waiting([socket = receiver()] {
-            char byte;
-            recv(socket, &byte, 1, 0);
-        }),
-        waiting([socket = receiver()] {
-            char byte;
-            return read(socket, &byte, 1);
-        }),
-        waiting([] { poll(nullptr, 0, 1000'000); }),
-        waiting([] {
-            timespec time{1000, 0};
-            nanosleep(&time, &time);
-        }),
+        waiting([] { return epoll_create1(0); },
+                [](int epoll) {
+                    epoll_event event;
+                    epoll_wait(epoll, &event, 1, 1000'000);
+                }),
+        waiting(nothingToMake,
+                [](int) {
+                    sigset_t set;
+                    sigemptyset(&set);
+                    sigaddset(&set, SIGUSR2);
+                    const timespec limit{1000, 0};
+                    sigtimedwait(&set, nullptr, &limit);
+                }),
+        waiting(receiver,
+                [](int socket) {
+                    char byte;
+                    recv(socket, &byte, 1, 0);
+                }),
+        waiting(receiver,
+                [](int socket) {
+                    char byte;
+                    return read(socket, &byte, 1);
+                }),
+        waiting(nothingToMake, [](int) { poll(nullptr, 0, 1000'000); }),
+        waiting(nothingToMake,
+                [](int) {
+                    timespec time{1000, 0};
+                    nanosleep(&time, &time);
+                }),
     };
 }
 
