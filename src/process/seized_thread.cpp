@@ -107,7 +107,7 @@ bool SeizedThread::hasEnded() const noexcept {
 // Sleeping instead would be late by as much. A thread that has not come by then waits for a
 // processor, or for something that nothing ends.
 bool SeizedThread::stop(platform::Registers& registers, SteadyTime deadline) noexcept {
-    constexpr auto worthYielding = std::chrono::milliseconds(5);
+    constexpr auto worthYielding = std::chrono::microseconds(100);
     constexpr auto pause = std::chrono::microseconds(50);
     began = steady_clock::now();
     if (trace(PTRACE_INTERRUPT, id) != 0) {
