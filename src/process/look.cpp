@@ -3,8 +3,6 @@
 
 #include "process/look.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -13,7 +11,6 @@
 #include <memory>
 #include <optional>
 #include <system_error>
-#include <utility>
 #include <vector>
 
 #include "linux/kernel_calls.h"

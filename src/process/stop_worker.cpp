@@ -8,7 +8,6 @@
 #include <signal.h>
 #include <sys/prctl.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>

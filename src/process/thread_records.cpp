@@ -4,6 +4,7 @@
 #include "process/thread_records.h"
 
 #include <cstddef>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -22,7 +23,9 @@ std::shared_ptr<ThreadRecord> ThreadRecords::find(unsigned int threadId) {
     constexpr std::size_t most = 8192;
     const std::lock_guard lock(mutex);
     if (records.size() >= most && !records.contains(threadId)) {
-        std::erase_if(records, [](const auto& entry) { return entry.second.use_count() == 1; });
+        for (auto entry = records.begin(); entry != records.end();) {
+            entry = entry->second.use_count() == 1 ? records.erase(entry) : std::next(entry);
+        }
     }
     std::shared_ptr<ThreadRecord>& record = records[threadId];
     if (!record) {
