@@ -6,7 +6,9 @@
 /// \file
 /// The commands of the program. Each returns the exit status.
 
+#include <chrono>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "symbols/symbols.h"
@@ -46,8 +48,30 @@ struct CompareOptions {
     bool all = false;
 };
 
+struct StacksOptions {
+    unsigned int processId = 0;
+    /// Looks again every so often.
+    std::optional<std::chrono::seconds> watch;
+    SymbolOptions symbols;
+    bool raw = false;
+    bool json = false;
+};
+
+struct SampleOptions {
+    unsigned int processId = 0;
+    std::chrono::seconds duration{10};
+    std::chrono::milliseconds interval{10};
+    /// All threads without one.
+    std::optional<unsigned int> threadId;
+    /// Its ending says in which format; empty or "-": as `read` shows it, on the standard output.
+    std::filesystem::path output;
+    SymbolOptions symbols;
+};
+
 int runRead(const ReadOptions& options);
 int runConvert(const ConvertOptions& options);
 int runCompare(const CompareOptions& options);
+int runStacks(const StacksOptions& options);
+int runSample(const SampleOptions& options);
 
 }  // namespace ThreadUtilities::companion

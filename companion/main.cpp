@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: MIT
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -13,20 +14,31 @@ namespace {
 
 using namespace ThreadUtilities::companion;
 
-void addSymbolOptions(CLI::App& command, SymbolOptions& symbols) {
+/// For a process that runs, its own files are used anyway.
+void addFolderOptions(CLI::App& command, SymbolOptions& symbols) {
     command
         .add_option("--symbols", symbols.folders,
                     "Look for debug information here first: a .build-id tree or plain files")
         ->type_name("FOLDER")
         ->allow_extra_args(false);
-    command.add_option("--pid", symbols.processId, "Use the files of this running process")
-        ->type_name("PID");
     command.add_flag("--short", symbols.shortNames, "Leave template arguments out of names");
 }
 
+void addSymbolOptions(CLI::App& command, SymbolOptions& symbols) {
+    addFolderOptions(command, symbols);
+    command.add_option("--pid", symbols.processId, "Use the files of this running process")
+        ->type_name("PID");
+}
+
+void addProcess(CLI::App& command, unsigned int& processId) {
+    command.add_option("pid", processId, "The process")->type_name("PID")->required();
+}
+
 int run(int argumentCount, char** arguments) {
-    CLI::App program("Makes ThreadUtilities' reports readable: functions, files and lines.",
-                     "thread-utilities");
+    CLI::App program(
+        "Looks at running processes, and makes ThreadUtilities' reports readable: functions, files "
+        "and lines.",
+        "thread-utilities");
     program.require_subcommand(1);
     program.set_version_flag("--version", "thread-utilities " THREAD_UTILITIES_VERSION);
 
@@ -66,6 +78,46 @@ int run(int argumentCount, char** arguments) {
     compareCommand.add_flag("--all", compare.all, "Show all functions");
     addSymbolOptions(compareCommand, compare.symbols);
 
+    StacksOptions stacks;
+    unsigned int watchSeconds = 0;
+    CLI::App& stacksCommand = *program.add_subcommand(
+        "stacks", "Where the threads of a process stand, and what they wait for");
+    addProcess(stacksCommand, stacks.processId);
+    CLI::Option* const watch =
+        stacksCommand
+            .add_option("--watch", watchSeconds, "Look again every so often: who has not moved?")
+            ->type_name("SECONDS")
+            ->check(CLI::Range(1, 86400));
+    CLI::Option* const raw =
+        stacksCommand
+            .add_flag("--raw", stacks.raw, "Write the library's own report of all threads")
+            ->excludes(watch);
+    stacksCommand.add_flag("--json", stacks.json, "Write JSON, one value a line")
+        ->excludes(watch)
+        ->excludes(raw);
+    addFolderOptions(stacksCommand, stacks.symbols);
+
+    SampleOptions sample;
+    CLI::App& sampleCommand =
+        *program.add_subcommand("sample", "Where the threads of a process spend their time");
+    addProcess(sampleCommand, sample.processId);
+    unsigned int durationSeconds = 10;
+    unsigned int intervalMilliseconds = 10;
+    sampleCommand.add_option("--duration", durationSeconds, "How long (10)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 1000000));
+    sampleCommand.add_option("--interval", intervalMilliseconds, "From sample to sample (10)")
+        ->type_name("MILLISECONDS")
+        ->check(CLI::Range(1, 60000));
+    sampleCommand.add_option("--thread", sample.threadId, "Sample this thread alone")
+        ->type_name("TID");
+    sampleCommand
+        .add_option("-o,--output", sample.output,
+                    "Where to write; the ending says what: .html, .txt (for the other commands), "
+                    ".json, .pb.gz, .folded")
+        ->type_name("FILE");
+    addFolderOptions(sampleCommand, sample.symbols);
+
     try {
         program.parse(argumentCount, arguments);
     } catch (const CLI::ParseError& error) {
@@ -73,6 +125,19 @@ int run(int argumentCount, char** arguments) {
     }
     if (readCommand.parsed()) {
         return runRead(read);
+    }
+    if (stacksCommand.parsed()) {
+        if (watchSeconds > 0) {
+            stacks.watch = std::chrono::seconds(watchSeconds);
+        }
+        stacks.symbols.processId = stacks.processId;
+        return runStacks(stacks);
+    }
+    if (sampleCommand.parsed()) {
+        sample.duration = std::chrono::seconds(durationSeconds);
+        sample.interval = std::chrono::milliseconds(intervalMilliseconds);
+        sample.symbols.processId = sample.processId;
+        return runSample(sample);
     }
     return convertCommand.parsed() ? runConvert(convert) : runCompare(compare);
 }

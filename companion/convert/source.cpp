@@ -71,8 +71,12 @@ std::string titleOf(const std::filesystem::path& file) {
 }  // namespace
 
 Source::Source(const std::filesystem::path& file, const SymbolOptions& symbolOptions)
-    : document(readDocument(file)),
-      name(titleOf(file)),
+    : Source(readDocument(file), titleOf(file), symbolOptions) {}
+
+Source::Source(Document&& wholeDocument, std::string documentTitle,
+               const SymbolOptions& symbolOptions)
+    : document(std::move(wholeDocument)),
+      name(std::move(documentTitle)),
       leftOut(document.profiles.empty() ? 0
                                         : document.threadReports.size() + document.stacks.size()),
       threadProfiles(takeThreads(document)),

@@ -26,6 +26,7 @@ class Source {
     /// Throws InputError, as readDocument. Complaints, and what is left out, go to the error
     /// stream.
     Source(const std::filesystem::path& file, const SymbolOptions& symbolOptions);
+    Source(Document&& wholeDocument, std::string documentTitle, const SymbolOptions& symbolOptions);
     Source(const Source&) = delete;
     Source& operator=(const Source&) = delete;
 

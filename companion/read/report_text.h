@@ -7,6 +7,7 @@
 /// Reports as text for a person.
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,9 +24,13 @@ namespace ThreadUtilities::companion {
 std::string profileText(const Profile& profile, const FrameTable& frames, const Symbols& symbols,
                         const Terminal& terminal, bool all);
 
+/// Lines to stand above the stack that threads have in common; they are indices.
+using ThreadNotes = std::function<std::vector<std::string>(const std::vector<std::size_t>&)>;
+
 /// Threads with equal stacks together, the commonest stack first.
 std::string threadsText(const ThreadReport& report, const FrameTable& frames,
-                        const Symbols& symbols, const Terminal& terminal);
+                        const Symbols& symbols, const Terminal& terminal,
+                        const ThreadNotes& notes = {});
 
 /// A single frame stays in its line; the frames of a stack get lines of their own.
 std::string stackText(const StackText& stack, const FrameTable& frames, const Symbols& symbols,

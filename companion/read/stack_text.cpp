@@ -45,7 +45,8 @@ std::vector<std::string> frameLines(FrameId frame, const FrameTable& frames, con
     }
     if (lines.empty()) {
         // Whole, so that another machine's symbols can still be asked.
-        lines.push_back(printable(frames.text(frame)));
+        lines.push_back(frame == FrameTable::unknown ? "(in no module)"
+                                                     : printable(frames.text(frame)));
     }
     return lines;
 }
@@ -127,7 +128,8 @@ std::string namesText(const ThreadReport& report, const std::vector<std::size_t>
 }
 
 std::string threadsText(const ThreadReport& report, const FrameTable& frames,
-                        const Symbols& symbols, const Terminal& terminal) {
+                        const Symbols& symbols, const Terminal& terminal,
+                        const ThreadNotes& notes) {
     std::map<std::vector<FrameId>, std::vector<std::size_t>> byStack;
     for (std::size_t index = 0; index < report.threads.size(); ++index) {
         byStack[report.threads[index].frames].push_back(index);
@@ -154,6 +156,9 @@ std::string threadsText(const ThreadReport& report, const FrameTable& frames,
                 ids += (ids.empty() ? "" : ", ") + report.threads[index].id;
             }
             text += "  " + styled(terminal, Style::faint, "(" + ids + ")") + '\n';
+        }
+        for (const std::string& note : notes ? notes(*threads) : std::vector<std::string>()) {
+            text += note + '\n';
         }
         appendFrames(text, first.frames, frames, symbols, terminal);
         text += '\n';

@@ -216,25 +216,31 @@ bool ModuleFiles::considerUserFolder(const fs::path& folder, const Module& modul
     return false;
 }
 
+std::vector<fs::path> mappedFiles(unsigned int processId) {
+    std::set<fs::path> paths;
+    std::ifstream map("/proc/" + std::to_string(processId) + "/maps");
+    for (std::string line; std::getline(map, line);) {
+        const std::size_t path = line.find('/');
+        if (path != std::string::npos) {
+            paths.insert(line.substr(path));
+        }
+    }
+    return {paths.begin(), paths.end()};
+}
+
 bool ModuleFiles::considerProcess(const Module& module) {
     if (!options.processId) {
         return false;
     }
     const fs::path process = "/proc/" + std::to_string(*options.processId);
     if (!processFiles) {
-        std::set<std::string> paths;
-        std::ifstream map(process / "maps");
-        for (std::string line; std::getline(map, line);) {
-            const std::size_t path = line.find('/');
-            if (path != std::string::npos) {
-                paths.insert(line.substr(path));
-            }
-        }
         // The program itself can be read when its file is gone.
         processFiles.emplace({process / "exe"});
-        for (const std::string& path : paths) {
-            processFiles->push_back((process / "root").string() + path);
+        for (const fs::path& path : mappedFiles(*options.processId)) {
+            processFiles->push_back((process / "root").string() + path.string());
         }
+        processFiles->insert(processFiles->end(), options.mappedFiles.begin(),
+                             options.mappedFiles.end());
     }
     return std::any_of(processFiles->begin(), processFiles->end(), [&](const fs::path& file) {
         const bool mayBe = file.filename() == module.fileName || file.filename() == "exe";

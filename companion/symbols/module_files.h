@@ -32,6 +32,9 @@ struct ElfIdentity {
 /// Nothing for what is no ELF file that can be read.
 std::optional<ElfIdentity> identify(const std::filesystem::path& file);
 
+/// As the process itself calls them; empty where it cannot be asked.
+std::vector<std::filesystem::path> mappedFiles(unsigned int processId);
+
 class ModuleFiles {
  public:
     explicit ModuleFiles(const SymbolOptions& symbolOptions) : options(symbolOptions) {}

@@ -28,6 +28,8 @@ struct SymbolOptions {
     /// Trees of .build-id folders, or folders of plain files.
     std::vector<std::filesystem::path> folders;
     std::optional<unsigned int> processId;
+    /// What that process had mapped, for when it has ended by the time of asking.
+    std::vector<std::filesystem::path> mappedFiles;
     /// Leaves template arguments out of the names.
     bool shortNames = false;
 };

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "companion/read_text.h"
+#include "report/report_format.h"
 #include "support/parked_thread.h"
 #include "support/target_thread.h"
 
@@ -24,46 +25,21 @@ namespace {
 const std::vector<std::string> names = {
     "zwei\nZeilen", "[7][x]a+0x1{00000000-0000-0000-0000-000000000001};", "Thread 7 [1]: y", "]"};
 
-std::string textOf(const Profile& profile, const FrameTable& frames) {
-    std::string text = "Total sample count: " + std::to_string(profile.totalSamples) + '\n';
-    if (profile.iterations) {
-        text += "Iteration count: " + std::to_string(*profile.iterations) + '\n';
-    }
-    text += "Parallelism: " + std::to_string(profile.parallelism) + "\n\n";
-    for (const ThreadProfile& thread : profile.threads) {
-        text += "Thread " + std::to_string(thread.id) + " [" + std::to_string(thread.samples) +
-                "]: " + thread.name + '\n';
-        forEachNode(thread, [&](const ProfileNode& node, std::size_t depth) {
-            text += std::string(depth + 2, ' ') + '[' + std::to_string(node.count) +
-                    "]: " + frames.text(node.frame) + '\n';
-        });
-        text += '\n';
-    }
-    return text;
-}
-
-std::string textOf(const std::vector<FrameId>& stack, const FrameTable& frames) {
-    std::string text;
-    for (const FrameId frame : stack) {
-        text += frames.text(frame);
-    }
-    return text;
-}
-
 /// What was read, written again.
 std::string textOf(const Document& document) {
     std::string text;
     for (const Profile& profile : document.profiles) {
-        text += textOf(profile, document.frames);
+        text += profileFormat(profile, document.frames);
     }
     for (const ThreadReport& report : document.threadReports) {
-        for (const ThreadStack& thread : report.threads) {
-            text += '[' + thread.id + "][" + thread.name + ']' +
-                    textOf(thread.frames, document.frames) + '\n';
-        }
+        text += threadsFormat(report, document.frames);
     }
     for (const StackText& stack : document.stacks) {
-        text += stack.before + textOf(stack.frames, document.frames) + stack.after;
+        text += stack.before;
+        for (const FrameId frame : stack.frames) {
+            text += document.frames.text(frame);
+        }
+        text += stack.after;
     }
     return text;
 }
