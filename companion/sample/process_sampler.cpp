@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "process/target.h"
+#include "report/report_reader.h"
 
 namespace ThreadUtilities::companion {
 namespace {
@@ -124,6 +125,10 @@ void ProcessSampler::pass() {
     }
     const std::vector<unsigned int> ids = threadsToSee();
     if (!std::exchange(isPrepared, true)) {
+        if (ended == SamplingEnd::threadEnded) {
+            throw InputError("process " + std::to_string(capture.processId()) + " has no thread " +
+                             std::to_string(*only));
+        }
         for (const unsigned int id : ids) {
             capture.look(id, addresses, mostFrames);
         }

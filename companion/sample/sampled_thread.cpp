@@ -36,8 +36,10 @@ void SampledThread::append(ThreadProfile& thread, FrameId frame, std::size_t nod
     thread.nodes.push_back({frame, 0, nodes[node].count});
     std::vector<std::pair<FrameId, std::size_t>> children(nodes[node].children.begin(),
                                                           nodes[node].children.end());
-    std::stable_sort(children.begin(), children.end(), [&](const auto& left, const auto& right) {
-        return nodes[left.second].count > nodes[right.second].count;
+    std::sort(children.begin(), children.end(), [&](const auto& left, const auto& right) {
+        const std::uint64_t more = nodes[left.second].count;
+        const std::uint64_t less = nodes[right.second].count;
+        return more != less ? more > less : left.first < right.first;
     });
     for (const auto& [childFrame, child] : children) {
         append(thread, childFrame, child);

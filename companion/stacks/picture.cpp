@@ -52,7 +52,7 @@ std::vector<std::string> waitLines(const std::vector<SeenThread>& seen, const Th
     for (const auto& entry : byWords) {
         ordered.push_back(&entry);
     }
-    std::stable_sort(ordered.begin(), ordered.end(), [](const auto* left, const auto* right) {
+    std::sort(ordered.begin(), ordered.end(), [](const auto* left, const auto* right) {
         return left->second.size() != right->second.size()
                    ? left->second.size() > right->second.size()
                    : left->second.front() < right->second.front();

@@ -130,6 +130,15 @@ class Stacks(unittest.TestCase):
         watch.wait(DEADLINE)
         watch.stdout.close()
 
+    def test_nobody_who_works_is_accused(self):
+        with Target("contend") as target:
+            for _ in range(30):
+                lines = [json.loads(line) for line in
+                         run("stacks", "--json", target.id).stdout.splitlines()]
+                self.assertEqual([line for line in lines if line["type"] in
+                                  ("deadlock", "abandoned")], [])
+                self.assertTrue(any(line["type"] == "wait" for line in lines))
+
     def test_what_cannot_be_looked_at(self):
         for process, words in (("999999999", "999999999"), ("0", ""), ("x", "pid = x")):
             for command in ("stacks", "sample"):
@@ -137,6 +146,9 @@ class Stacks(unittest.TestCase):
                 self.assertEqual((done.returncode, done.stdout), (2, ""), (command, process))
                 self.assertIn(words, done.stderr)
                 self.assertLessEqual(len(done.stderr.splitlines()), 2, done.stderr)
+        done = run("sample", os.getpid(), "--thread", "1")
+        self.assertEqual((done.returncode, done.stderr),
+                         (2, f"thread-utilities: process {os.getpid()} has no thread 1\n"))
         # Its debugger has it, but it stands still.
         with Target("traced") as target:
             done = run("stacks", target.id)

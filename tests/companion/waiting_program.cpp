@@ -4,7 +4,7 @@
 // Threads that wait for all kinds of things, for as long as the program's input is open. It prints
 // what is to be said of them: "NAME<tab>WORDS" of a thread, "<tab>WORDS" of a knot, and "ready".
 //
-//   waiting_program waits | spin | traced
+//   waiting_program waits | spin | contend | traced
 
 #include <linux/futex.h>
 #include <netinet/in.h>
@@ -406,6 +406,31 @@ void spin() {
     start("idler", rest);
 }
 
+/// Locks that are always taken in one order, held for long and short, by threads that come and go.
+void contend() {
+    constexpr int threads = 6;
+    auto& outer = make<std::mutex>();
+    auto& inner = makeMutex(PTHREAD_PRIO_NONE, PTHREAD_MUTEX_ROBUST);
+    auto& shared = make<ReadWriteLock>();
+    const auto work = [&] {
+        for (int round = 0; round < 20; ++round) {
+            const std::lock_guard lock(outer);
+            pthread_mutex_lock(&inner);
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+            shared.lock();
+            pthread_rwlock_unlock(&shared.handle);
+            pthread_mutex_unlock(&inner);
+        }
+    };
+    for (int number = 1; number <= threads; ++number) {
+        start("busy " + std::to_string(number), [work] {
+            for (;;) {
+                std::thread(work).join();
+            }
+        });
+    }
+}
+
 /// The child is the one that is traced.
 pid_t traced() {
     const pid_t child = fork();
@@ -427,6 +452,8 @@ int main(int argumentCount, char** arguments) {
         waits();
     } else if (mode == "spin") {
         spin();
+    } else if (mode == "contend") {
+        contend();
     } else if (mode == "traced") {
         process = traced();
     }

@@ -14,20 +14,20 @@ import java.util.zip.GZIPOutputStream;
 
 /** Threads with small stacks, garbage, and what is done by signals: null, stack overflow. */
 public class Work {
-    static int depth;
-
-    static int fall(int level) {
-        depth = level;
-        return fall(level + 1) + 1;
+    static int fall(int level, int[] depth) {
+        depth[0] = level;
+        return fall(level + 1, depth) + 1;
     }
 
     static String overflow() {
+        // Of this thread alone: several overflow at once.
+        int[] depth = new int[1];
         for (int round = 0; round < 20; ++round) {
             try {
-                fall(0);
+                fall(0, depth);
                 return "did not overflow";
             } catch (StackOverflowError expected) {
-                if (depth < 100) {
+                if (depth[0] < 100) {
                     return "overflowed at once";
                 }
             }
