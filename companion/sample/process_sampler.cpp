@@ -26,16 +26,6 @@ std::string threadName(unsigned int process, unsigned int thread) {
     return name.substr(0, name.find_last_not_of('\n') + 1);
 }
 
-/// "TIME ON A PROCESSOR, TIME OF WAITING FOR ONE, RUNS", the kernel's schedstat.
-std::optional<ThreadRunCount> runsOf(unsigned int process, unsigned int thread) {
-    std::istringstream text(procText(taskFile(process, thread, "schedstat")));
-    ThreadRunCount runs;
-    if (text >> runs.nanosecondsOnProcessor >> runs.nanosecondsOfWaitingForOne >> runs.runs) {
-        return runs;
-    }
-    return std::nullopt;
-}
-
 /// When it was started, and where the stack of the program that it runs begins: another one has
 /// another.
 std::string programStartOf(unsigned int process) {
@@ -78,10 +68,10 @@ std::vector<unsigned int> ProcessSampler::threadsToSee() {
 
 /// How many passes this one stands for: more than one where some could not be begun in time.
 std::uint64_t ProcessSampler::passesDue() {
-    const auto now = Clock::now();
-    const auto passed = now - std::exchange(lastPass, now);
-    return std::max<std::uint64_t>(1,
-                                   static_cast<std::uint64_t>((passed + interval / 2) / interval));
+    const auto due = static_cast<std::uint64_t>((Clock::now() - begin) / interval) + 1;
+    const std::uint64_t now = due > passes ? due - passes : 1;
+    passes += now;
+    return now;
 }
 
 void ProcessSampler::noticeNewProgram() {
@@ -94,7 +84,7 @@ void ProcessSampler::noticeNewProgram() {
 
 /// False where there is no such thread any more.
 bool ProcessSampler::sample(unsigned int id, Thread& thread) {
-    if (thread.runsAtRest && runsOf(capture.processId(), id) == thread.runsAtRest) {
+    if (thread.runsAtRest && thread.runs.read() == thread.runsAtRest) {
         thread.samples.addAgain();
         ++count.taken;
         return true;
@@ -132,18 +122,20 @@ void ProcessSampler::pass() {
         for (const unsigned int id : ids) {
             capture.look(id, addresses, mostFrames);
         }
-        lastPass = Clock::now();
+        begin = Clock::now();
         return;
     }
     noticeNewProgram();
-    const std::uint64_t passes = passesDue();
+    const std::uint64_t due = passesDue();
     for (const unsigned int id : ids) {
-        Thread& thread = threads[id];
-        if (thread.name.empty()) {
+        const auto [entry, isNew] = threads.try_emplace(id);
+        Thread& thread = entry->second;
+        if (isNew) {
             thread.name = threadName(capture.processId(), id);
+            thread.runs = RunFile(taskFile(capture.processId(), id, "schedstat"));
         }
         if (sample(id, thread)) {
-            count.due += passes;
+            count.due += due;
         }
     }
 }

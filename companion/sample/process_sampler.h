@@ -21,6 +21,7 @@
 
 #include "process/process_frames.h"
 #include "report/report.h"
+#include "sample/run_file.h"
 #include "sample/sampled_thread.h"
 
 namespace ThreadUtilities::companion {
@@ -66,6 +67,9 @@ class ProcessSampler {
     struct Thread {
         std::string name;
         SampledThread samples;
+        RunFile runs;
+        /// When it was last seen, if it was at rest then: as long as it has not run, it is in the
+        /// same place.
         std::optional<ThreadRunCount> runsAtRest;
     };
 
@@ -80,7 +84,9 @@ class ProcessSampler {
     ProcessFrames frames;
     mutable std::mutex mutex;
     bool isPrepared = false;
-    Clock::time_point lastPass;
+    Clock::time_point begin;
+    /// That were due so far.
+    std::uint64_t passes = 0;
     std::string programStart;
     std::map<unsigned int, Thread> threads;
     std::vector<unsigned long long> addresses;
