@@ -29,7 +29,7 @@ struct SymbolOptions {
     std::vector<std::filesystem::path> folders;
     std::optional<unsigned int> processId;
     /// What that process had mapped, for when it has ended by the time of asking.
-    std::vector<std::filesystem::path> mappedFiles;
+    std::vector<std::filesystem::path> mappedFiles = {};
     /// Leaves template arguments out of the names.
     bool shortNames = false;
 };
