@@ -70,17 +70,16 @@ const char* text(Dwarf_Die& die, unsigned int name) {
 
 }  // namespace
 
-DebugInformation::DebugInformation(const std::filesystem::path& file,
-                                   const std::vector<std::filesystem::path>& debugFolders,
+DebugInformation::DebugInformation(const std::filesystem::path& file, DebugFileSearch& search,
                                    bool shortNames, KeepText keepText)
     : isShort(shortNames), keep(std::move(keepText)) {
-    for (const std::filesystem::path& folder : debugFolders) {
+    for (const std::filesystem::path& folder : search.folders) {
         debugFolderList += std::filesystem::absolute(folder).string() + ':';
     }
     debugFolderList += ".debug:/usr/lib/debug";
     debugFolderText = debugFolderList.data();
     callbacks.find_elf = dwfl_build_id_find_elf;
-    callbacks.find_debuginfo = dwfl_standard_find_debuginfo;
+    callbacks.find_debuginfo = findDebugFile;
     callbacks.section_address = dwfl_offline_section_address;
     callbacks.debuginfo_path = &debugFolderText;
     session = dwfl_begin(&callbacks);
@@ -89,6 +88,11 @@ DebugInformation::DebugInformation(const std::filesystem::path& file,
     }
     module = dwfl_report_offline(session, file.c_str(), file.c_str(), -1);
     dwfl_report_end(session, nullptr, nullptr);
+    void** userData = nullptr;
+    dwfl_module_info(module, &userData, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    if (userData != nullptr) {
+        *userData = &search;
+    }
     GElf_Addr elfBias = 0;
     Elf* const elf = module == nullptr ? nullptr : dwfl_module_getelf(module, &elfBias);
     const auto lowest = lowestAddress(elf);

@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "symbols/debug_files.h"
 #include "symbols/dwarf_units.h"
 #include "symbols/symbol_table.h"
 #include "symbols/symbols.h"
@@ -27,10 +28,9 @@ using KeepText = std::function<std::string_view(std::string)>;
 
 class DebugInformation {
  public:
-    /// Opens the module's file and finds its debug information: in it, beside it, below
-    /// `debugFolders`, in the system's folder, from a server. `isOpen` says how that went.
-    DebugInformation(const std::filesystem::path& file,
-                     const std::vector<std::filesystem::path>& debugFolders, bool shortNames,
+    /// Opens the module's file and finds its debug information: in it, beside it, below the
+    /// folders of `search`, in the system's folder, from a server. `isOpen` says how that went.
+    DebugInformation(const std::filesystem::path& file, DebugFileSearch& search, bool shortNames,
                      KeepText keepText);
     ~DebugInformation();
     DebugInformation(const DebugInformation&) = delete;

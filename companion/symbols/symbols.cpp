@@ -7,12 +7,15 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "support/terminal.h"
+#include "symbols/debug_files.h"
 #include "symbols/debug_information.h"
 #include "symbols/llvm_symbolizer.h"
 #include "symbols/module_files.h"
@@ -60,10 +63,15 @@ std::string missingFile(const Module& module) {
                         : "");
 }
 
-std::string missingDebugInformation(const ElfIdentity& identity) {
-    return "stripped: install the debug package with build-id " + identity.text() +
-           (hasServer() ? " (the servers of DEBUGINFOD_URLS do not have it)"
-                        : ", or set DEBUGINFOD_URLS");
+std::string missingDebugInformation(const ElfIdentity& identity, const DebugFileSearch& search) {
+    const std::string advice =
+        "stripped: install the debug package with build-id " + identity.text();
+    if (search.isServerSilent) {
+        return advice + " (a server of DEBUGINFOD_URLS did not answer in time)";
+    }
+    return advice + (!hasServer()           ? ", or set DEBUGINFOD_URLS"
+                     : search.isServerWrong ? " (a server of DEBUGINFOD_URLS gave another file)"
+                                            : " (the servers of DEBUGINFOD_URLS do not have it)");
 }
 
 }  // namespace
@@ -71,7 +79,13 @@ std::string missingDebugInformation(const ElfIdentity& identity) {
 Symbols::Symbols(SymbolOptions symbolOptions)
     : options(std::move(symbolOptions)),
       files(std::make_unique<ModuleFiles>(options)),
-      progress(std::make_unique<Progress>()) {}
+      debugFiles(std::make_unique<DebugFileSearch>()),
+      progress(std::make_unique<Progress>()) {
+    debugFiles->folders = options.folders;
+    // The client's own patience is 90 seconds, twice, for each module.
+    setenv("DEBUGINFOD_TIMEOUT", "15", 0);
+    setenv("DEBUGINFOD_RETRY_LIMIT", "1", 0);
+}
 
 Symbols::~Symbols() = default;
 
@@ -80,7 +94,8 @@ std::string_view Symbols::keep(std::string text) {
 }
 
 void Symbols::resolve(const FrameTable& frames) {
-    std::vector<std::vector<FrameId>> wanted(frames.moduleCount());
+    // Of modules with new frames alone: a log's next line has few of the many.
+    std::map<ModuleId, std::vector<FrameId>> wanted;
     const auto firstNew = static_cast<FrameId>(std::max<std::size_t>(names.size(), 1));
     for (FrameId id = firstNew; id < frames.size(); ++id) {
         wanted[frames.frame(id).module].push_back(id);
@@ -89,10 +104,8 @@ void Symbols::resolve(const FrameTable& frames) {
     names.resize(frames.size());
     modules.resize(frames.moduleCount());
     openModules.resize(frames.moduleCount());
-    for (ModuleId module = 1; module < wanted.size(); ++module) {
-        if (!wanted[module].empty()) {
-            resolveModule(frames, module, std::move(wanted[module]));
-        }
+    for (auto& [module, wantedFrames] : wanted) {
+        resolveModule(frames, module, std::move(wantedFrames));
     }
     progress->clear();
 }
@@ -114,7 +127,7 @@ bool Symbols::openElfFile(const Module& module, OpenModule& open, ModuleSymbols&
     }
     result.file = found->file;
     open.information = std::make_unique<DebugInformation>(
-        found->file, options.folders, options.shortNames,
+        found->file, *debugFiles, options.shortNames,
         [this](std::string text) { return keep(std::move(text)); });
     if (!open.information->isOpen()) {
         result.missing = found->file.string() + " is damaged";
@@ -123,7 +136,7 @@ bool Symbols::openElfFile(const Module& module, OpenModule& open, ModuleSymbols&
     }
     result.debugFile = open.information->debugFile();
     if (!open.information->hasLines()) {
-        result.missing = missingDebugInformation(found->identity);
+        result.missing = missingDebugInformation(found->identity, *debugFiles);
     }
     return true;
 }
@@ -225,12 +238,12 @@ std::string Symbols::summary() const {
         dynamic += module.namedByDynamicSymbols;
         namedModules += module.named > 0 ? 1 : 0;
         if (!module.missing.empty()) {
-            rest += "  " + module.name + ": ";
+            rest += "  " + printable(module.name) + ": ";
             if (module.named < module.frames) {
                 rest += std::to_string(module.frames - module.named) + " of " +
                         plural(module.frames, "frame") + " without a name; ";
             }
-            rest += module.missing + '\n';
+            rest += printable(module.missing) + '\n';
         }
     }
     std::string text = "named " + std::to_string(named) + " of " + plural(frames, "frame") +
@@ -240,7 +253,7 @@ std::string Symbols::summary() const {
     }
     text += '\n' + rest;
     for (const std::string& refusal : files->refused()) {
-        text += "  " + refusal + '\n';
+        text += "  " + printable(refusal) + '\n';
     }
     return text;
 }

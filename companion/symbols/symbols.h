@@ -23,6 +23,7 @@ namespace ThreadUtilities::companion {
 class DebugInformation;
 class ModuleFiles;
 class Progress;
+struct DebugFileSearch;
 
 struct SymbolOptions {
     /// Trees of .build-id folders, or folders of plain files.
@@ -111,6 +112,7 @@ class Symbols {
 
     SymbolOptions options;
     std::unique_ptr<ModuleFiles> files;
+    std::unique_ptr<DebugFileSearch> debugFiles;
     /// Empty until it is found.
     std::filesystem::path llvmSymbolizer;
     std::unique_ptr<Progress> progress;

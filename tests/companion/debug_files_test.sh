@@ -58,9 +58,17 @@ dwz --multifile="$scratch/shared/common" shared/one shared/two
 readelf -S shared/one | grep -q gnu_debugaltlink
 expect "shared" "$line" shared
 
+# What nobody writes to is not waited for.
+mkfifo shared/pipe "tree/.build-id/${id:0:2}/pipe"
+(cd linked && objcopy --strip-all --add-gnu-debuglink=one.dbg ../whole/one ../shared/one)
+mv shared/pipe shared/one.dbg
+expect "a pipe by its link" 'stripped' shared
+mv "tree/.build-id/${id:0:2}/pipe" "tree/.build-id/${id:0:2}/${id:2}.debug"
+expect "a pipe in a tree" 'stripped' stripped tree
+
 # The whole id, of which the report has 16 bytes, is the module's; without that nobody can be asked.
 mkdir -p "site/buildid/$id"
-cp linked/one.dbg "site/buildid/$id/debuginfo"
+"$compiler" -g -O1 -Wl,--build-id=sha1 wanted.c -o "site/buildid/$id/debuginfo"
 python3 -u -c 'import functools, http.server as h
 server = h.HTTPServer(("127.0.0.1", 0), functools.partial(h.SimpleHTTPRequestHandler, directory="site"))
 print(server.server_port, flush=True)
@@ -69,6 +77,9 @@ server=$!
 until [[ -s port ]] || ! kill -0 "$server"; do sleep 0.1; done
 DEBUGINFOD_URLS="http://127.0.0.1:$(cat port)"
 export DEBUGINFOD_URLS
+expect "another module's from a server" 'gave another file' stripped
+cp linked/one.dbg "site/buildid/$id/debuginfo"
+DEBUGINFOD_CACHE_PATH+=2
 expect "from a server" "$line" stripped
 grep -q "GET /buildid/$id/debuginfo" requests
 expect "a server without the whole id" 'cannot be asked: the report has only the first 16 bytes'
