@@ -107,7 +107,7 @@ class TreeText {
     bool isShown(std::uint32_t node) const {
         return all || tree[node].total * smallestShare >= tree[0].total;
     }
-    std::size_t shownChildren(std::uint32_t node) const;
+    bool hasSeveralShown(std::uint32_t node) const;
     void writeNode(std::uint32_t node, std::size_t indent, bool isHot);
 
     const FunctionTree& tree;
@@ -117,13 +117,10 @@ class TreeText {
     std::string text;
 };
 
-std::size_t TreeText::shownChildren(std::uint32_t node) const {
-    std::size_t count = 0;
-    for (std::uint32_t child = node + 1; child < tree[node].end && isShown(child);
-         child = tree[child].end) {
-        ++count;
-    }
-    return count;
+/// Whether the second child is shown: the heavier ones come first.
+bool TreeText::hasSeveralShown(std::uint32_t node) const {
+    const std::uint32_t second = node + 1 < tree[node].end ? tree[node + 1].end : tree[node].end;
+    return second < tree[node].end && isShown(second);
 }
 
 void TreeText::writeNode(std::uint32_t index, std::size_t indent, bool isHot) {
@@ -160,7 +157,7 @@ std::string TreeText::write() {
         // The way on is hot as long as the greater part of the samples goes it.
         const bool isHot = top.mayBeHot && top.isHot && tree[child].total >= node.self;
         top.mayBeHot = false;
-        const std::size_t indent = top.indent + (shownChildren(top.node) > 1 ? 1 : 0);
+        const std::size_t indent = top.indent + (hasSeveralShown(top.node) ? 1 : 0);
         writeNode(child, indent, isHot);
         open.push_back({child, indent, isHot, child + 1, true});
     }
