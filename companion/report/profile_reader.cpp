@@ -26,6 +26,8 @@ constexpr std::size_t outermostDepth = 2;
 /// How far the rest of a thread is looked for behind what does not belong to it: behind a name with
 /// line ends, or where another program wrote into the same text.
 constexpr std::size_t linesAhead = 64;
+/// No process gives more. Sums of this many are exact everywhere, in a double too.
+constexpr std::uint64_t mostSamples = std::uint64_t{1} << 53;
 
 std::optional<std::uint64_t> parseMarked(std::string_view line, std::string_view mark) {
     line = withoutLineEnd(line);
@@ -116,6 +118,11 @@ void ProfileReader::readHeader(Profile& profile) {
 void ProfileReader::readThread(Profile& profile) {
     std::string_view head = withoutLineEnd(lines.peek());
     const auto [id, samples] = *takeThreadHead(head);
+    if (samples > mostSamples - samplesRead) {
+        throw InputError("line " + std::to_string(lines.number()) + ": more than " +
+                         std::to_string(mostSamples) + " samples");
+    }
+    samplesRead += samples;
     ThreadProfile& thread = profile.threads.emplace_back();
     thread.id = id;
     thread.samples = samples;

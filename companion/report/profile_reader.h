@@ -65,6 +65,8 @@ class ProfileReader {
     LineBuffer& lines;
     FrameInterner& frames;
     ReportSink& sink;
+    /// Of all threads read.
+    std::uint64_t samplesRead = 0;
     std::vector<OpenNode> open;
     std::vector<OutermostFrame> outermost;
 };
