@@ -24,11 +24,11 @@ namespace {
 
 constexpr std::size_t mostLines = 10;
 
-std::string numbers(const Change& change) {
+std::string numbers(const Change& change, const Terminal& terminal) {
     std::array<char, 96> room;
-    const int length =
-        std::snprintf(room.data(), room.size(), "  %+7.2f ± %-5.2f %7.2f %% %7.2f %%  ",
-                      change.points, change.margin, change.before, change.after);
+    const int length = std::snprintf(
+        room.data(), room.size(), "  %+7.2f %s %-5.2f %7.2f %% %7.2f %%  ", change.points,
+        terminal.hasUtf8 ? "±" : "+-", change.margin, change.before, change.after);
     return {room.data(), static_cast<std::size_t>(length)};
 }
 
@@ -59,7 +59,8 @@ class TextWriter {
         if (gained.empty() && lost.empty()) {
             std::cout << "  no function changed by more than the uncertainty\n";
         } else {
-            std::cout << "   Change in points    Before      After\n";
+            std::cout << "   Change in points  " << (terminal.hasUtf8 ? "" : " ")
+                      << "  Before      After\n";
             writeList(gained);
             writeList(lost);
         }
@@ -79,7 +80,7 @@ class TextWriter {
         const std::size_t shown = showAll ? list.size() : std::min(list.size(), mostLines);
         for (std::size_t index = 0; index < shown; ++index) {
             const auto& [change, function] = list[index];
-            const std::string front = numbers(change);
+            const std::string front = numbers(change, terminal);
             std::string name = nameOf(difference.functions()[function]);
             const std::size_t used = columnsOf(front);
             if (terminal.width > used) {
@@ -100,8 +101,8 @@ class TextWriter {
 
 void writeText(Difference& difference, const Source& before, const Source& after, bool all) {
     std::cout
-        << "Before: " << before.title() << ", " << countText(before.samples(), "sample")
-        << "\nAfter:  " << after.title() << ", " << countText(after.samples(), "sample")
+        << "Before: " << printable(before.title()) << ", " << countText(before.samples(), "sample")
+        << "\nAfter:  " << printable(after.title()) << ", " << countText(after.samples(), "sample")
         << "\nShares are of each side's samples, as if both had equally many. The uncertainty "
            "is twice\nthe binomial standard error, for samples that do not depend on each "
            "other: chance\nalone exceeds it for about one function in twenty.\n";
@@ -130,6 +131,9 @@ void writePicture(Difference& difference, const Source& before, const Source& af
 }  // namespace
 
 int runCompare(const CompareOptions& options) {
+    for (const std::filesystem::path& input : {options.before, options.after}) {
+        keepInput(input, options.html);
+    }
     Source before(options.before, options.symbols);
     Source after(options.after, options.symbols);
     Difference difference(before, after);

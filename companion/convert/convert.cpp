@@ -36,7 +36,7 @@ std::filesystem::path outputPath(const ConvertOptions& options, const Format& fo
     if (!options.output.empty()) {
         return options.output;
     }
-    if (options.file.empty() || options.file == "-" || format.name == "folded") {
+    if (!std::filesystem::is_regular_file(options.file) || format.name == "folded") {
         return "-";
     }
     std::filesystem::path path = options.file;
@@ -47,8 +47,9 @@ std::filesystem::path outputPath(const ConvertOptions& options, const Format& fo
 
 int runConvert(const ConvertOptions& options) {
     const Format& format = chooseFormat(options);
-    Source source(options.file, options.symbols);
     const std::filesystem::path path = outputPath(options, format);
+    keepInput(options.file, path);
+    Source source(options.file, options.symbols);
     OutputFile output(path);
     format.write(source, output.stream());
     output.commit();

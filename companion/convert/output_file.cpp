@@ -17,12 +17,36 @@
 namespace ThreadUtilities::companion {
 namespace {
 
+/// As the kernel.
+constexpr int mostLinks = 40;
+
 [[noreturn]] void fail(const std::filesystem::path& path, int error) {
     throw std::runtime_error(path.string() +
                              ": cannot be written: " + std::generic_category().message(error));
 }
 
+/// Also where nothing is there yet, which the C++ library takes for the end of the way.
+std::filesystem::path behindLinks(std::filesystem::path path) {
+    std::error_code ignored;
+    for (int links = 0; std::filesystem::is_symlink(std::filesystem::symlink_status(path, ignored));
+         ++links) {
+        if (links == mostLinks) {
+            fail(path, ELOOP);
+        }
+        path = path.parent_path() / std::filesystem::read_symlink(path, ignored);
+    }
+    return path;
+}
+
 }  // namespace
+
+void keepInput(const std::filesystem::path& input, const std::filesystem::path& output) {
+    std::error_code ignored;
+    if (std::filesystem::is_regular_file(output, ignored) &&
+        std::filesystem::equivalent(input, output, ignored)) {
+        throw std::runtime_error(output.string() + ": is the input, which would be lost");
+    }
+}
 
 OutputFile::OutputFile(std::filesystem::path target) : path(std::move(target)) {
     isStandardOutput = path == "-";
@@ -38,8 +62,7 @@ OutputFile::OutputFile(std::filesystem::path target) : path(std::move(target)) {
         !std::filesystem::exists(status) || std::filesystem::is_regular_file(status);
     if (isReplaced) {
         // A link stays one, and a file keeps its rights.
-        const std::filesystem::path whole = std::filesystem::weakly_canonical(path, ignored);
-        path = whole.empty() ? path : whole;
+        path = behindLinks(path);
         if (std::filesystem::exists(status) && access(path.c_str(), W_OK) != 0) {
             fail(path, errno);
         }

@@ -35,4 +35,7 @@ class OutputFile {
     bool isStandardOutput = false;
 };
 
+/// Throws std::runtime_error where the output would take the input's place.
+void keepInput(const std::filesystem::path& input, const std::filesystem::path& output);
+
 }  // namespace ThreadUtilities::companion
