@@ -4,6 +4,9 @@
 #include "support/complaints.h"
 
 #include <cstdio>
+#include <string>
+
+#include "support/terminal.h"
 
 namespace ThreadUtilities::companion {
 namespace {
@@ -11,6 +14,8 @@ namespace {
 constexpr std::size_t mostLines = 20;
 
 }  // namespace
+
+ComplaintLog::ComplaintLog(const std::string& inputName) : name(printable(inputName)) {}
 
 ComplaintLog::~ComplaintLog() {
     if (count > mostLines) {

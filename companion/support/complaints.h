@@ -13,7 +13,7 @@ namespace ThreadUtilities::companion {
 /// Writes what could not be read to the error stream: the first ones, and how many more there are.
 class ComplaintLog {
  public:
-    explicit ComplaintLog(std::string inputName) : name(std::move(inputName)) {}
+    explicit ComplaintLog(const std::string& inputName);
     ~ComplaintLog();
     ComplaintLog(const ComplaintLog&) = delete;
     ComplaintLog& operator=(const ComplaintLog&) = delete;

@@ -7,9 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace ThreadUtilities::companion {
 namespace {
@@ -30,6 +33,36 @@ bool localeIsUtf8() {
         }
     }
     return false;
+}
+
+/// The bytes of the UTF-8 character at the front, and its code; no bytes where it is none.
+std::pair<std::size_t, char32_t> firstCharacter(std::string_view text) {
+    constexpr std::array<char32_t, 5> lowest = {0, 0, 0x80, 0x800, 0x10000};
+    const auto lead = static_cast<unsigned char>(text.front());
+    if (lead < 0x80) {
+        return {1, lead};
+    }
+    const std::size_t length = lead < 0xC0 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    if (length == 0 || lead > 0xF4 || length > text.size()) {
+        return {0, 0};
+    }
+    char32_t code = lead & (0x7FU >> length);
+    for (const char byte : text.substr(1, length - 1)) {
+        if (!isContinuation(byte)) {
+            return {0, 0};
+        }
+        code = code << 6 | (static_cast<unsigned char>(byte) & 0x3FU);
+    }
+    const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
+    return {code < lowest[length] || code > 0x10FFFF || isSurrogate ? 0 : length, code};
+}
+
+bool isPrintable(char32_t code) {
+    const bool isControl = code < 0x20 || (code >= 0x7F && code < 0xA0);
+    const bool turnsDirection = code == 0x61C || code == 0x200E || code == 0x200F ||
+                                (code >= 0x2028 && code <= 0x202E) ||
+                                (code >= 0x2066 && code <= 0x2069);
+    return !isControl && !turnsDirection;
 }
 
 /// The first bytes that are so many characters.
@@ -73,16 +106,20 @@ std::string styled(const Terminal& terminal, Style style, std::string_view text)
 
 std::string printable(std::string_view text) {
     std::string result;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (character == '\n') {
+    while (!text.empty()) {
+        const auto [length, code] = firstCharacter(text);
+        const std::string_view bytes = text.substr(0, std::max<std::size_t>(length, 1));
+        text.remove_prefix(bytes.size());
+        if (length > 0 && isPrintable(code)) {
+            result += bytes;
+        } else if (code == '\n') {
             result += "\\n";
-        } else if (byte < 0x20 || byte == 0x7F) {
-            result += "\\x";
-            result += "0123456789abcdef"[byte >> 4];
-            result += "0123456789abcdef"[byte & 0xF];
         } else {
-            result += character;
+            for (const char byte : bytes) {
+                result += "\\x";
+                result += "0123456789abcdef"[static_cast<unsigned char>(byte) >> 4];
+                result += "0123456789abcdef"[byte & 0xF];
+            }
         }
     }
     return result;

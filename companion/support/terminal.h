@@ -26,8 +26,9 @@ enum class Style { plain, strong, faint, hot };
 
 std::string styled(const Terminal& terminal, Style style, std::string_view text);
 
-/// Names come from foreign programs: control characters, which a terminal would obey, and line ends
-/// are written as escapes.
+/// Names come from foreign programs: what a terminal would obey (control characters, those of one
+/// byte above 0x7F too, and marks that turn the direction of writing), line ends and what is no
+/// UTF-8 are written as escapes.
 std::string printable(std::string_view text);
 
 /// Columns that the text takes; every character counts as one.

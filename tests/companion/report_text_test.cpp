@@ -6,9 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "companion/read_text.h"
+#include "support/terminal.h"
 #include "symbols/function_names.h"
 
 namespace ThreadUtilities::companion {
@@ -64,6 +66,27 @@ TEST(ReportText, PutsThreadsWithEqualStacksTogether) {
     EXPECT_EQ(text.substr(0, text.find('\n')),
               "7 threads: (no name), io (2 times), w07, worker 9 to worker 11");
     EXPECT_NE(text.find("\nThread 1: main\n    a+0x1{0000"), std::string::npos) << text;
+}
+
+TEST(ReportText, GivesATerminalNothingToObey) {
+    const std::vector<std::pair<std::string, std::string>> names = {
+        {"zwölf 漢 🧵", "zwölf 漢 🧵"},
+        {"\x1B[2J\x7F\r", "\\x1b[2J\\x7f\\x0d"},
+        {"\xC2\x9B"
+         "2J",
+         "\\xc2\\x9b2J"},
+        {"\u202Etxt\u2028\u2066", "\\xe2\\x80\\xaetxt\\xe2\\x80\\xa8\\xe2\\x81\\xa6"},
+        // No UTF-8: overlong, a surrogate, beyond Unicode, cut off.
+        {"\x9B\xC0\x9B", "\\x9b\\xc0\\x9b"},
+        {"\xE0\x82\x9B\xED\xA0\x80", "\\xe0\\x82\\x9b\\xed\\xa0\\x80"},
+        {"\xF4\x90\x80\x80\xE6\xBC", "\\xf4\\x90\\x80\\x80\\xe6\\xbc"}};
+    for (const auto& [name, expected] : names) {
+        EXPECT_EQ(printable(name), expected);
+    }
+    const Pieces pieces("[1][x]a\x1B+0x1" + noId + '\n');
+    Symbols symbols({});
+    symbols.resolve(pieces.document.frames);
+    EXPECT_EQ(symbols.summary().find('\x1B'), std::string::npos);
 }
 
 TEST(ReportText, LeavesTemplateArgumentsOutOfNames) {
