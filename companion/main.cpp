@@ -1,14 +1,20 @@
 // SPDX-FileCopyrightText: 2026 The ThreadUtilities authors
 // SPDX-License-Identifier: MIT
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <string>
+#include <string_view>
 
 #include "commands.h"
 #include "report/report_reader.h"
+#include "support/terminal.h"
 
 namespace {
 
@@ -20,6 +26,7 @@ void addFolderOptions(CLI::App& command, SymbolOptions& symbols) {
         .add_option("--symbols", symbols.folders,
                     "Look for debug information here first: a .build-id tree or plain files")
         ->type_name("FOLDER")
+        ->check(CLI::ExistingPath)
         ->allow_extra_args(false);
     command.add_flag("--short", symbols.shortNames, "Leave template arguments out of names");
 }
@@ -27,7 +34,10 @@ void addFolderOptions(CLI::App& command, SymbolOptions& symbols) {
 void addSymbolOptions(CLI::App& command, SymbolOptions& symbols) {
     addFolderOptions(command, symbols);
     command.add_option("--pid", symbols.processId, "Use the files of this running process")
-        ->type_name("PID");
+        ->type_name("PID")
+        ->check([](const std::string& id) {
+            return access(("/proc/" + id).c_str(), F_OK) == 0 ? "" : id + ": no such process";
+        });
 }
 
 void addProcess(CLI::App& command, unsigned int& processId) {
@@ -142,13 +152,32 @@ int run(int argumentCount, char** arguments) {
     return convertCommand.parsed() ? runConvert(convert) : runCompare(compare);
 }
 
+/// A file that is mapped, and written anew meanwhile.
+void onShortenedFile(int) {
+    constexpr std::string_view text =
+        "thread-utilities: a module or its debug information was shortened while it was read\n";
+    [[maybe_unused]] const auto written = write(STDERR_FILENO, text.data(), text.size());
+    _exit(exitBadInput);
+}
+
+/// Otherwise a file that is opened could become the standard output.
+void occupyStandardDescriptors() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (fcntl(descriptor, F_GETFD) < 0) {
+            open("/dev/null", O_RDONLY);
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
+    occupyStandardDescriptors();
+    std::signal(SIGBUS, onShortenedFile);
     try {
         return run(argumentCount, arguments);
     } catch (const std::exception& error) {
-        std::cerr << "thread-utilities: " << error.what() << '\n';
+        std::cerr << "thread-utilities: " << printable(error.what()) << '\n';
         return exitBadInput;
     }
 }

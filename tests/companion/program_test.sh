@@ -39,6 +39,11 @@ expect "half a file" 2 'line 6' "$program" read "$scratch/half"
 expect "another system" 2 'a report of Windows' "$program" read "$scratch/windows"
 expect "no id" 1 'no build-id' "$program" read "$scratch/whole"
 expect "no such option" 2 'nonsense' "$program" read --nonsense
+expect "no such folder" 2 'does not exist' "$program" read --symbols "$scratch/none" "$scratch/whole"
+expect "no such process" 2 'no such process' "$program" read --pid 0 "$scratch/whole"
+sed 's/\[1\]: x/[9223372036854775808]: x/' "$scratch/whole" >"$scratch/many"
+cat "$scratch/many" "$scratch/many" >"$scratch/more"
+expect "sums beyond 64 bits" 2 'line 4: more than' "$program" read "$scratch/more"
 expect "full disk" 2 'No space left' bash -c '"$0" read "$1" >/dev/full' "$program" "$scratch/whole"
 # A filter: what is no report comes out as it went in.
 "$program" read "$scratch/log" 2>/dev/null | cmp - "$scratch/log" || failures=1
@@ -76,4 +81,13 @@ expect "half a file" 2 'line 6' "$program" convert "$scratch/half" -o "$page"
 [[ $(cat "$scratch"/place/*) == old ]] || { echo "the old page is gone" >&2; failures=1; }
 expect "a page" 1 'no build-id' "$program" convert "$scratch/whole" -o "$page"
 [[ $(ls "$scratch/place") == page.html && $(wc -l <"$page") -gt 100 ]] || failures=1
+# A link stays one where nothing is behind it yet; the input is never written over.
+ln -s new.html "$scratch/place/link.html"
+expect "behind a link" 1 'no build-id' "$program" convert "$scratch/whole" -o "$scratch/place/link.html"
+[[ -L $scratch/place/link.html && -s $scratch/place/new.html ]] || failures=1
+cp "$scratch/whole" "$scratch/input.html"
+expect "its own input" 2 'is the input' "$program" convert "$scratch/input.html" --to html
+expect "its own input" 2 'is the input' \
+    "$program" compare "$scratch/whole" "$scratch/input.html" --html "$scratch/input.html"
+cmp "$scratch/whole" "$scratch/input.html" || failures=1
 exit "$failures"
