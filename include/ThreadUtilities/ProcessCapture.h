@@ -10,8 +10,14 @@
 /// A thread that is blocked in the kernel is not touched: it is neither stopped nor woken. One that
 /// runs is stopped for some microseconds, for as long as it takes to read its registers and copy
 /// the top of its stack; it goes on even when the calling process ends meanwhile. No signal is sent
-/// to the process, ever. All functions may be called by any number of threads at once; none is
-/// async-signal-safe.
+/// to the process, ever. A thread that begins to wait in the moment before it is stopped waits on
+/// afterwards, where it had a time limit with some microseconds more.
+///
+/// For that moment the calling process is the thread's tracer (ptrace(2)), on a thread of its own:
+/// it may get SIGCHLD, and a wait of its own for any child may be told of the stop. Neither
+/// disturbs the look.
+///
+/// All functions may be called by any number of threads at once; none is async-signal-safe.
 
 #include <array>
 #include <chrono>
@@ -38,9 +44,13 @@ enum class LookResult : std::uint8_t {
     Blocked,       ///< was at rest in the kernel, and was not touched
     Stopped,       ///< ran, and was stopped for a moment
     NoSuchThread,  ///< of this process, or it has ended
-    Traced,        ///< a debugger has it; `ThreadLook::tracer` is that debugger's process
+    /// A debugger has it, `ThreadLook::tracer` is that debugger's process. With frames where the
+    /// thread stands still.
+    Traced,
     NotPermitted,  ///< the system lets this process not look at the thread (any more)
-    Unanswered,    ///< did not come to a stop in time: it is in a system call that nothing ends
+    /// Did not come to a stop in time: it got no processor, or is in a system call that nothing
+    /// ends.
+    Unanswered,
 };
 
 /// What a thread has had of the processors. Equal in two looks: it did not run between them.
@@ -57,8 +67,8 @@ struct ThreadLook {
     LookResult result = LookResult::NoSuchThread;
     /// Of the entries of `frames`: return addresses, innermost first.
     std::size_t frameCount = 0;
-    /// The stack went on beyond what was copied of it while the thread was stopped, or beyond the
-    /// limit.
+    /// The stack went on beyond what was copied of it while the thread was stopped, beyond the
+    /// limit, or from where the walk would have needed a register that only a stop tells.
     bool isCutShort = false;
     /// As the kernel tells it (proc(5), "state"): R, S, D, T, t, Z, X or I; 0 where unknown.
     char state = 0;
