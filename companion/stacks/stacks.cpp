@@ -125,9 +125,9 @@ class Stacks {
         for (std::size_t index = 0; index < first.size(); ++index) {
             const SeenThread& seen = first[index];
             const ThreadLook now = target.looks().lookWithoutStop(seen.thread.id, noFrames, 1);
-            const bool isSame = now.result != LookResult::NoSuchThread &&
-                                now.runs == seen.look.runs && now.state != 'R';
-            if (isSame) {
+            const bool isAtRest =
+                now.result == LookResult::Blocked || now.result == LookResult::Traced;
+            if (isAtRest && now.runs == seen.look.runs) {
                 unmoved.push_back(index);
             }
         }

@@ -99,6 +99,9 @@ Wait callWait(const WaitSources& sources, const ThreadLook& look,
 }
 
 std::string tracerText(unsigned int tracer) {
+    if (tracer == 0) {
+        return "is stopped by a debugger";
+    }
     const std::string name = printable(processName(tracer));
     return "is being traced by process " + std::to_string(tracer) +
            (name.empty() ? "" : " (" + name + ')');
