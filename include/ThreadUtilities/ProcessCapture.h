@@ -11,7 +11,8 @@
 /// runs is stopped for some microseconds, for as long as it takes to read its registers and copy
 /// the top of its stack; it goes on even when the calling process ends meanwhile. No signal is sent
 /// to the process, ever. A thread that begins to wait in the moment before it is stopped waits on
-/// afterwards, where it had a time limit with some microseconds more.
+/// afterwards, where it had a time limit with some microseconds more. Only where the calling
+/// process is killed just then, a wait may end with EINTR that would else not.
 ///
 /// For that moment the calling process is the thread's tracer (ptrace(2)), on a thread of its own:
 /// it may get SIGCHLD, and a wait of its own for any child may be told of the stop. Neither

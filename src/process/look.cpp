@@ -149,10 +149,11 @@ Look::AtRest Look::lookAtRest(bool takesPart) {
     if (needsMore && !takesPart) {
         return AtRest::NotSeen;
     }
-    look.result = look.state == 't' ? LookResult::Traced : LookResult::Blocked;
-    if (look.result == LookResult::Traced) {
-        look.tracer = record.files->tracer();
+    look.tracer = look.state == 't' ? record.files->tracer() : 0;
+    if (look.tracer == static_cast<unsigned int>(platform::kernelProcessId())) {
+        return AtRest::NotSeen;  // a late worker of ours is about to let it go
     }
+    look.result = look.state == 't' ? LookResult::Traced : LookResult::Blocked;
     remember();
     return AtRest::Seen;
 }

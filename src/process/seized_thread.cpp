@@ -106,24 +106,28 @@ bool SeizedThread::hasEnded() const noexcept {
 // there it stops at once, while a message to another processor takes a virtual machine 40 us.
 // Sleeping instead would be late by as much. A thread that has not come by then waits for a
 // processor, or for something that nothing ends.
-bool SeizedThread::stop(platform::Registers& registers, SteadyTime deadline) noexcept {
+//
+// It is waited for however long that takes. The request has been noted with the thread, and the
+// first wait that it goes into ends because of that; only at a stop that is reached can the wait be
+// taken up again.
+bool SeizedThread::stop(platform::Registers& registers) noexcept {
     constexpr auto worthYielding = std::chrono::microseconds(100);
-    constexpr auto pause = std::chrono::microseconds(50);
-    began = steady_clock::now();
+    constexpr std::chrono::nanoseconds shortest = std::chrono::microseconds(50);
+    constexpr std::chrono::nanoseconds longest = std::chrono::milliseconds(10);
+    const auto asked = steady_clock::now();
+    began = asked;
     if (trace(PTRACE_INTERRUPT, id) != 0) {
         return false;
     }
-    const auto yieldUntil = began + worthYielding;
     while (!readRegisters()) {
-        const auto now = steady_clock::now();
-        if (now > deadline || hasEnded()) {
+        if (hasEnded()) {
             return false;
         }
-        began = now;
-        if (now < yieldUntil) {
+        began = steady_clock::now();
+        if (began < asked + worthYielding) {
             kernelCall(SYS_sched_yield);
         } else {
-            platform::sleepFor(pause);
+            platform::sleepFor(std::clamp((began - asked) / 100, shortest, longest));
         }
     }
     standsStill = true;

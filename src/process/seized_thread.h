@@ -30,9 +30,9 @@ class SeizedThread {
     /// 0, or the kernel's error number, positive.
     int error() const noexcept { return seizeError; }
 
-    /// Asks it to stop and waits until `deadline`; its registers then. False when it does not stop,
-    /// or ends.
-    bool stop(platform::Registers& registers, SteadyTime deadline) noexcept;
+    /// Asks it to stop and waits until it does, which may take as long as a system call that
+    /// nothing ends; its registers then. False when it ends.
+    bool stop(platform::Registers& registers) noexcept;
 
     /// Lets a stopped thread go, with the signal at whose delivery it stopped, if any. False when
     /// that did not work, or it does not stand still: then the calling thread must end.

@@ -48,8 +48,8 @@ bool bearsStop(const Stop& stop, Stop::Outcome& otherwise) {
 
 /// Whether the thread is free again.
 bool stopSeized(SeizedThread& seized, Stop& stop) {
-    const bool stands = seized.stop(stop.registers, stop.deadline);
-    if (stands) {
+    const bool stands = seized.stop(stop.registers);
+    if (stands && seized.stopBegan() < stop.deadline) {
         stop.stack = copyStack(stop.threadId, stop.files->pageMap(), stop.registers[platform::Rsp],
                                {stop.copy.data(), stop.copySize});
         stop.outcome = Stop::Outcome::Copied;

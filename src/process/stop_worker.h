@@ -8,7 +8,8 @@
 // The kernel knows a seizure by the thread that made it, and takes it back for good only when the
 // seized thread stands still or that thread ends. A thread that never came to its stop would
 // therefore be stopped later, by nobody, were it seized by a caller's thread that lives on. So each
-// stop is made by a worker, which ends when it could not let go.
+// stop is made by a worker, which waits for the thread long
+// after its caller has given up, and ends when it could not let go.
 
 #include <chrono>
 #include <cstddef>
