@@ -181,6 +181,7 @@ TEST(SeizedThread, WaitsForAThreadThatDoesNotStop) {
             const pid_t child = vfork();
             if (child == 0) {
                 alarm(120);
+                ++told.earlyReturns;
                 while (told.signals == before) {
                     usleep(1000);
                 }
@@ -191,6 +192,7 @@ TEST(SeizedThread, WaitsForAThreadThatDoesNotStop) {
         }
     }});
     for (long round = 0; round < 10; ++round) {
+        ASSERT_TRUE(eventually([&] { return target.tells().earlyReturns == round + 1; }));
         ASSERT_TRUE(becomes(target.id(), target.thread(0), 'D'));
         onThread(
             [&](SeizedThread& seized) {
