@@ -187,6 +187,7 @@ TEST(ProcessCapture, DisturbsNoThreadThatWakesAndSleeps) {
             ++told.progress;
         }
     }});
+    ASSERT_TRUE(target.goesOn());
     const ProcessCapture capture(target.id());
     const auto look = [&] {
         std::vector<unsigned long long> frames;

@@ -126,6 +126,7 @@ TEST(SeizedThread, PassesSignalsOn) {
         struct sigaction action{};
         action.sa_handler = [](int) { ++*countedSignals; };
         sigaction(SIGUSR1, &action, nullptr);
+        ++told.progress;
         const int epoll = epoll_create1(0);
         epoll_event event;
         for (;;) {
@@ -133,6 +134,7 @@ TEST(SeizedThread, PassesSignalsOn) {
         }
     }});
     const Told& told = target.tells();
+    ASSERT_TRUE(eventually([&] { return told.progress == 1; }));
     const auto send = [&] { syscall(SYS_tgkill, target.id(), target.thread(0), SIGUSR1); };
     for (int sent = 1; sent <= 200; ++sent) {
         onThread(
