@@ -24,12 +24,22 @@ FrameId ProcessFrames::at(unsigned long long address) {
     return entry->second;
 }
 
-std::vector<FrameId> ProcessFrames::all(const std::vector<unsigned long long>& addresses,
-                                        std::size_t count) {
+std::vector<FrameId> ProcessFrames::callers(const ThreadLook& look,
+                                            const std::vector<unsigned long long>& addresses) {
     std::vector<FrameId> frames;
-    frames.reserve(count);
-    for (std::size_t index = 0; index < count && index < addresses.size(); ++index) {
+    frames.reserve(look.frameCount + 1);
+    for (std::size_t index = 0; index < look.frameCount && index < addresses.size(); ++index) {
         frames.push_back(at(addresses[index]));
+    }
+    return frames;
+}
+
+std::vector<FrameId> ProcessFrames::all(const ThreadLook& look,
+                                        const std::vector<unsigned long long>& addresses) {
+    std::vector<FrameId> frames = callers(look, addresses);
+    if (look.result == LookResult::Stopped && look.frameCount != 0) {
+        // Frames are return addresses, of which the byte before is looked up.
+        frames.insert(frames.begin(), at(look.instructionPointer + 1));
     }
     return frames;
 }

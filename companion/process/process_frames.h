@@ -6,6 +6,8 @@
 /// \file
 /// Code addresses of a running process as frames of a report.
 
+#include <ThreadUtilities/ProcessCapture.h>
+
 #include <unordered_map>
 #include <vector>
 
@@ -22,8 +24,13 @@ class ProcessFrames {
         : processId(process), interner(frameTable) {}
 
     FrameId at(unsigned long long address);
-    /// Of the first `count` addresses.
-    std::vector<FrameId> all(const std::vector<unsigned long long>& addresses, std::size_t count);
+    /// Of the return addresses that a look found.
+    std::vector<FrameId> callers(const ThreadLook& look,
+                                 const std::vector<unsigned long long>& addresses);
+    /// The same; where the thread ran, with the place at which it was stopped before them: there
+    /// its own time goes.
+    std::vector<FrameId> all(const ThreadLook& look,
+                             const std::vector<unsigned long long>& addresses);
 
     /// For the moment in which the process runs another program.
     void forget() { known.clear(); }

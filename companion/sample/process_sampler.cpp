@@ -101,7 +101,7 @@ bool ProcessSampler::sample(unsigned int id, Thread& thread) {
     }
     ++count.taken;
     count.cutShort += look.isCutShort ? 1 : 0;
-    thread.samples.add(frames.all(addresses, look.frameCount));
+    thread.samples.add(frames.all(look, addresses));
     if (look.result == LookResult::Blocked) {
         thread.runsAtRest = look.runs;
     }

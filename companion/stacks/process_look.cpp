@@ -58,7 +58,7 @@ bool isSameThread(const TargetThread* left, const TargetThread* right) {
 
 }  // namespace
 
-std::vector<SeenThread> lookAtAll(const Target& target, ProcessFrames& frames) {
+std::vector<SeenThread> lookAtAll(const Target& target, ProcessFrames& frames, Depth depth) {
     std::vector<SeenThread> all;
     std::vector<unsigned long long> addresses;
     for (const TargetThread& thread : target.threads()) {
@@ -68,7 +68,8 @@ std::vector<SeenThread> lookAtAll(const Target& target, ProcessFrames& frames) {
         if (seen.look.result == LookResult::NoSuchThread || thread.hasEnded) {
             continue;
         }
-        seen.frames = frames.all(addresses, seen.look.frameCount);
+        seen.frames = depth == Depth::callers ? frames.callers(seen.look, addresses)
+                                              : frames.all(seen.look, addresses);
         all.push_back(std::move(seen));
     }
     return all;

@@ -9,6 +9,7 @@
 #include <ThreadUtilities/ProcessCapture.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "process/process_frames.h"
@@ -28,8 +29,13 @@ struct SeenThread {
     bool isAtRest = false;
 };
 
+enum class Depth : std::uint8_t {
+    all,
+    callers,  ///< as the library's own reports have them
+};
+
 /// One look at each thread of the process's list.
-std::vector<SeenThread> lookAtAll(const Target& target, ProcessFrames& frames);
+std::vector<SeenThread> lookAtAll(const Target& target, ProcessFrames& frames, Depth depth);
 
 /// Works out what each thread waits for. Afterwards a holder counts only where it was the same, and
 /// lived, at two moments between which the waiter did not run; the list of threads is new.

@@ -38,7 +38,8 @@ class Stacks {
           terminal(Terminal::ofOutput()) {}
 
     int run() {
-        std::vector<SeenThread> threads = lookAtAll(target, processFrames);
+        std::vector<SeenThread> threads =
+            lookAtAll(target, processFrames, options.raw ? Depth::callers : Depth::all);
         refuseIfHidden(threads);
         if (options.raw) {
             return showRaw(threads);
@@ -82,7 +83,7 @@ class Stacks {
 
     std::vector<SeenThread> lookAgain() {
         target.listThreads();
-        std::vector<SeenThread> threads = lookAtAll(target, processFrames);
+        std::vector<SeenThread> threads = lookAtAll(target, processFrames, Depth::all);
         symbols.resolve(frames);
         return threads;
     }

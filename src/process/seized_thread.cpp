@@ -105,7 +105,8 @@ bool SeizedThread::hasEnded() const noexcept {
 // questions others get the processor, first of all the thread itself where it is on the same one:
 // there it stops at once, while a message to another processor takes a virtual machine 40 us.
 // Sleeping instead would be late by as much. A thread that has not come by then waits for a
-// processor, or for something that nothing ends.
+// processor, for this one perhaps, if this worker has precedence; or for something that nothing
+// ends.
 //
 // It is waited for however long that takes. The request has been noted with the thread, and the
 // first wait that it goes into ends because of that; only at a stop that is reached can the wait be

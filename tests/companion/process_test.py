@@ -71,8 +71,8 @@ class Stacks(unittest.TestCase):
     def test_waits_are_told_in_words(self):
         with Target("waits") as target:
             def differences():
-                lines = [json.loads(line) for line in
-                         run("stacks", "--json", target.id).stdout.splitlines()]
+                done = run("stacks", "--json", target.id)
+                lines = [json.loads(line) for line in done.stdout.splitlines()]
                 names = {thread["id"]: thread["name"] for line in lines
                          for thread in line.get("threads", []) if line["type"] == "threads"}
                 self.waits = {names[line["id"]]: line for line in lines if line["type"] == "wait"}
@@ -119,7 +119,8 @@ class Stacks(unittest.TestCase):
     def test_threads_that_run_and_threads_that_do_not(self):
         with Target("spin") as target:
             # All have begun what they do, and the two stop in the same place.
-            stands = (r"2 threads: spinner 1, spinner 2\n  \(\d+, \d+\)\n  runs\n",
+            stands = (r"2 threads: spinner 1, spinner 2\n  \(\d+, \d+\)\n  runs\n"
+                      r"(    std::.*\n)*    .*\(.*waiting_program\.cpp:\d+\)",
                       r"Thread \d+: idler\n  waits for a signal\n",
                       r"Thread \d+: waiting_program\n  reads from pipe ")
             self.assertTrue(until(lambda: all(
@@ -137,11 +138,11 @@ class Stacks(unittest.TestCase):
     def test_nobody_who_works_is_accused(self):
         with Target("contend") as target:
             for _ in range(30):
-                lines = [json.loads(line) for line in
-                         run("stacks", "--json", target.id).stdout.splitlines()]
+                done = run("stacks", "--json", target.id)
+                lines = [json.loads(line) for line in done.stdout.splitlines()]
                 self.assertEqual([line for line in lines if line["type"] in
                                   ("deadlock", "abandoned")], [])
-                self.assertTrue(any(line["type"] == "wait" for line in lines))
+                self.assertTrue(any(line["type"] == "wait" for line in lines), done)
 
     def test_what_cannot_be_looked_at(self):
         for process, words in (("999999999", "999999999"), ("0", ""), ("x", "pid = x")):

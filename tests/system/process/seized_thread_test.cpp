@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -182,7 +183,7 @@ TEST(SeizedThread, WaitsForAThreadThatDoesNotStop) {
             const long before = told.signals;
             const pid_t child = vfork();
             if (child == 0) {
-                alarm(120);
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
                 ++told.earlyReturns;
                 while (told.signals == before) {
                     usleep(1000);
