@@ -118,8 +118,8 @@ class Stacks(unittest.TestCase):
 
     def test_threads_that_run_and_threads_that_do_not(self):
         with Target("spin") as target:
-            # All have begun what they do, and the two stop in the same place.
-            stands = (r"2 threads: spinner 1, spinner 2\n  \(\d+, \d+\)\n  runs\n"
+            # All have begun what they do.
+            stands = (r"spinner 1.*\n(  \(\d+, \d+\)\n)?  runs\n"
                       r"(    std::.*\n)*    .*\(.*waiting_program\.cpp:\d+\)",
                       r"Thread \d+: idler\n  waits for a signal\n",
                       r"Thread \d+: waiting_program\n  reads from pipe ")
