@@ -55,7 +55,7 @@ platform::Registers registersOf(const user_regs_struct& saved) {
 }
 
 // Those that fail with EINTR when a stop ends their wait, signal handler or not (signal(7)), and
-// have done nothing then: no event taken, no byte moved.
+// have done nothing then: no event taken, no byte moved. A `connect` goes on where it was.
 bool failsWhenStopped(unsigned long systemCall) {
     constexpr long waitsForEventsOfRings = 426;  // io_uring_enter, which older headers do not name
     constexpr long waitsForEventsPrecisely = 441;  // epoll_pwait2
@@ -77,7 +77,11 @@ bool failsWhenStopped(unsigned long systemCall) {
                                static_cast<long>(SYS_write),
                                static_cast<long>(SYS_writev),
                                static_cast<long>(SYS_sendto),
-                               static_cast<long>(SYS_sendmsg)};
+                               static_cast<long>(SYS_sendmsg),
+                               static_cast<long>(SYS_sendmmsg),
+                               static_cast<long>(SYS_sendfile),
+                               static_cast<long>(SYS_splice),
+                               static_cast<long>(SYS_connect)};
     return std::find(calls.begin(), calls.end(), static_cast<long>(systemCall)) != calls.end();
 }
 

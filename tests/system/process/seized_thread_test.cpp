@@ -5,7 +5,9 @@
 
 #include "process/seized_thread.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
@@ -20,6 +22,7 @@
 #include <functional>
 #include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "target_process.h"
@@ -49,12 +52,47 @@ void stopAndLetGo(unsigned int threadId) {
         threadId);
 }
 
+void limitTime(int socket) {
+    const timeval limit{1000, 0};
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+}
+
 int receiver() {
     int pair[2];
     socketpair(AF_UNIX, SOCK_STREAM, 0, pair);
-    const timeval limit{1000, 0};
-    setsockopt(pair[0], SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    limitTime(pair[0]);
     return pair[0];
+}
+
+int fullSender() {
+    const int sender = receiver();
+    const std::vector<char> bytes(4096);
+    while (send(sender, bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
+    }
+    return sender;
+}
+
+int filledPipe() {
+    int ends[2];
+    return pipe(ends) == 0 && write(ends[1], "byte", 4) == 4 ? ends[0] : -1;
+}
+
+/// Where nobody gets a connection any more.
+sockaddr_in fullListener() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    bind(listener, any, size);
+    getsockname(listener, any, &size);
+    listen(listener, 0);
+    for (int i = 0; i < 3; ++i) {
+        connect(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0), any, size);
+    }
+    return address;
 }
 
 int nothingToMake() {
@@ -66,7 +104,7 @@ int nothingToMake() {
 std::vector<TargetProcess::Body> waits() {
     const auto waiting = [](auto make, auto wait) {
         return [make, wait](Told& told) {
-            for (const int made = make();; ++told.earlyReturns) {
+            for (const auto made = make();; ++told.earlyReturns) {
                 wait(made);
             }
         };
@@ -94,6 +132,17 @@ std::vector<TargetProcess::Body> waits() {
                 [](int socket) {
                     char byte;
                     return read(socket, &byte, 1);
+                }),
+        waiting(fullListener,
+                [](const sockaddr_in& address) {
+                    const int connecting = socket(AF_INET, SOCK_STREAM, 0);
+                    limitTime(connecting);
+                    connect(connecting, reinterpret_cast<const sockaddr*>(&address),
+                            sizeof(address));
+                }),
+        waiting([] { return std::pair(filledPipe(), fullSender()); },
+                [](const std::pair<int, int>& ends) {
+                    splice(ends.first, nullptr, ends.second, nullptr, 1, 0);
                 }),
         waiting(nothingToMake, [](int) { poll(nullptr, 0, 1000'000); }),
         waiting(nothingToMake,
