@@ -7,7 +7,6 @@
 
 #include <charconv>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <sstream>
 #include <system_error>
@@ -64,8 +63,10 @@ std::optional<TargetThread> readThread(const std::filesystem::path& task, unsign
 }  // namespace
 
 std::string procText(const std::filesystem::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
+    // Through the stream, because its buffer throws where a process ends while its file is read.
+    std::ostringstream text;
+    text << std::ifstream(file, std::ios::binary).rdbuf();
+    return std::move(text).str();
 }
 
 std::string procLink(const std::filesystem::path& link) {
