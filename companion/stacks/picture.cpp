@@ -98,9 +98,9 @@ std::vector<Knot> findKnots(const std::vector<SeenThread>& threads, const Target
     const ThreadReport report = reportOf(threads);
     for (const auto& [address, waiters] : byAbandonedLock) {
         const Wait& wait = threads[waiters.front()].wait;
-        knots.push_back(
-            {"abandoned: " + namesText(report, waiters) + ' ' + wait.words + wait.holderWords,
-             waiters, false, wait.isGuess});
+        knots.push_back({(wait.isGuess ? "perhaps abandoned: " : "abandoned: ") +
+                             namesText(report, waiters) + ' ' + wait.words + wait.holderWords,
+                         waiters, false, wait.isGuess});
     }
     return knots;
 }

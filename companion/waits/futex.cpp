@@ -98,9 +98,10 @@ NamedLock lockByNames(const std::vector<CalledFunction>& functions) {
 /// The system call's arguments, and what is worked out of them.
 class FutexWait {
  public:
-    FutexWait(const Target& processOfThread, const ThreadLook& look,
+    FutexWait(const Target& processOfThread, unsigned int waitingThread, const ThreadLook& look,
               const std::vector<CalledFunction>& functions)
         : target(processOfThread),
+          threadId(waitingThread),
           address(look.arguments[0]),
           operation(static_cast<int>(look.arguments[1])),
           value(static_cast<std::uint32_t>(look.arguments[2])),
@@ -112,6 +113,7 @@ class FutexWait {
         addTime();
         if (command() == FUTEX_LOCK_PI || command() == FUTEX_LOCK_PI2) {
             setMutex(readMutex(target, address), false);
+            dropOwnHold();
         } else if (command() == FUTEX_WAIT && value == lockedWithWaiters &&
                    named.lock == Lock::condition) {
             // The mutex that a condition variable's waiter takes again.
@@ -170,6 +172,9 @@ class FutexWait {
         wait.holderKind = HolderKind::foreign;
         if (isShared) {
             setForeignHolder(idInside);
+        } else if (livesElsewhere(idInside)) {
+            wait.holderWords =
+                ", which " + thread + " of another process took, perhaps before a fork";
         } else if (isOlder) {
             // A fork child inherits the locks with the ids of its parent, which are lower; whether
             // the thread that forked still holds them cannot be seen.
@@ -180,11 +185,16 @@ class FutexWait {
         }
     }
 
-    void setForeignHolder(unsigned int id) {
+    bool livesElsewhere(unsigned int id) const {
         std::error_code ignored;
+        return target.sharesIds() &&
+               std::filesystem::exists("/proc/" + std::to_string(id), ignored);
+    }
+
+    void setForeignHolder(unsigned int id) {
         if (!target.sharesIds()) {
             wait.holderWords = ", which thread " + std::to_string(id) + " of another process holds";
-        } else if (std::filesystem::exists("/proc/" + std::to_string(id), ignored)) {
+        } else if (livesElsewhere(id)) {
             wait.holderWords = ", which " + printable(processName(id)) + " (thread " +
                                std::to_string(id) + " of another process) holds";
         } else {
@@ -204,6 +214,16 @@ class FutexWait {
                           : content->inheritsPriority ? "the priority-inheriting mutex"
                                                       : "the mutex");
         setHolder(content->holder, content->isShared);
+    }
+
+    /// The kernel hands such a mutex over to a thread that has yet to run, and lets none wait for
+    /// itself.
+    void dropOwnHold() {
+        if (wait.holderKind == HolderKind::thread && wait.holder == threadId) {
+            wait.holderKind = HolderKind::none;
+            wait.holder = 0;
+            wait.holderWords = ", which it is just given";
+        }
     }
 
     void setReadWriteLock(bool toWrite) {
@@ -281,8 +301,9 @@ class FutexWait {
             return;
         }
         const auto mutex = readMutex(target, address);
-        if ((value & hasWaiters) != 0 && mutex && mutex->isRobust) {
-            setMutex(mutex, false);
+        if ((value & hasWaiters) != 0 && mutex && mutex->isRobust &&
+            (mutex->isShared ? !isPrivate : target.threadInside(mutex->holder) != nullptr)) {
+            setMutex(mutex, !mutex->isListed);
         } else if (value == lockedWithWaiters && mutex && mutex->hasUsers &&
                    target.threadInside(mutex->holder) != nullptr) {
             setMutex(mutex, true);
@@ -320,6 +341,7 @@ class FutexWait {
     }
 
     const Target& target;
+    unsigned int threadId;
     std::uint64_t address;
     int operation;
     std::uint32_t value;
@@ -330,7 +352,7 @@ class FutexWait {
 
 }  // namespace
 
-Wait futexWait(const Target& target, const ThreadLook& look,
+Wait futexWait(const Target& target, unsigned int threadId, const ThreadLook& look,
                const std::vector<CalledFunction>& functions) {
     const int command = static_cast<int>(look.arguments[1]) & FUTEX_CMD_MASK;
     const bool isWait = command == FUTEX_WAIT || command == FUTEX_WAIT_BITSET ||
@@ -342,7 +364,7 @@ Wait futexWait(const Target& target, const ThreadLook& look,
         wait.words = "is in a futex call that does not wait";
         return wait;
     }
-    return FutexWait(target, look, functions).decode();
+    return FutexWait(target, threadId, look, functions).decode();
 }
 
 }  // namespace ThreadUtilities::companion

@@ -22,6 +22,15 @@ constexpr int kindBits = typeBits | robustBit | inheritBit | protectBit | shared
 constexpr std::uint64_t idInBlock = 0x2D0;
 constexpr std::uint64_t selfInBlock = 0x10;
 
+/// Whether what stands before it in the list leads to it. The lowest bit of a link is a mark.
+bool isInList(const Target& target, std::uint64_t mutex, const __pthread_list_t& links) {
+    const std::uint64_t own =
+        mutex + offsetof(pthread_mutex_t, __data.__list) + offsetof(__pthread_list_t, __next);
+    const auto before = reinterpret_cast<std::uint64_t>(links.__prev) & ~std::uint64_t{1};
+    std::uint64_t next = 0;
+    return target.read(before, next) && (next & ~std::uint64_t{1}) == own;
+}
+
 }  // namespace
 
 std::optional<MutexContent> readMutex(const Target& target, std::uint64_t address) {
@@ -38,6 +47,7 @@ std::optional<MutexContent> readMutex(const Target& target, std::uint64_t addres
     content.inheritsPriority = (data.__kind & inheritBit) != 0;
     content.isShared = (data.__kind & sharedBit) != 0;
     content.hasUsers = data.__nusers > 0;
+    content.isListed = content.isRobust && isInList(target, address, data.__list);
     const auto word = static_cast<std::uint32_t>(data.__lock);
     if (content.isRobust || content.inheritsPriority) {
         // The owner beside it says "inconsistent" between the end of a holder and the repair.

@@ -29,6 +29,9 @@ struct MutexContent {
     bool isShared = false;
     /// Counts those that hold it or wait for it.
     bool hasUsers = false;
+    /// Stands in a list of robust mutexes that this process can see, as such a mutex does while a
+    /// thread holds it.
+    bool isListed = false;
 };
 
 /// Nothing where what lies there is no mutex, or one that cannot be waited for.

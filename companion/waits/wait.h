@@ -68,7 +68,7 @@ Wait waitOf(const WaitSources& sources, unsigned int threadId, const ThreadLook&
             const std::vector<CalledFunction>& functions);
 
 /// The parts of it. Precondition of each: the thread is in such a system call.
-Wait futexWait(const Target& target, const ThreadLook& look,
+Wait futexWait(const Target& target, unsigned int threadId, const ThreadLook& look,
                const std::vector<CalledFunction>& functions);
 bool isFileCall(long systemCall);
 Wait fileWait(const WaitSources& sources, const ThreadLook& look);

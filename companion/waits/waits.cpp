@@ -46,7 +46,7 @@ Wait childWait(const Target& target, int child) {
                                (name.empty() ? "" : " (" + printable(name) + ')'));
 }
 
-Wait callWait(const WaitSources& sources, const ThreadLook& look,
+Wait callWait(const WaitSources& sources, unsigned int threadId, const ThreadLook& look,
               const std::vector<CalledFunction>& functions) {
     const Target& target = sources.target;
     const auto& arguments = look.arguments;
@@ -55,7 +55,7 @@ Wait callWait(const WaitSources& sources, const ThreadLook& look,
     }
     switch (look.systemCall) {
         case SYS_futex:
-            return futexWait(target, look, functions);
+            return futexWait(target, threadId, look, functions);
         case SYS_nanosleep:
             return sleepWait(target, CLOCK_MONOTONIC, false, arguments[0]);
         case SYS_clock_nanosleep:
@@ -128,7 +128,7 @@ Wait waitOf(const WaitSources& sources, unsigned int threadId, const ThreadLook&
     switch (look.state) {
         case 'D': {
             const std::string words =
-                isInCall ? callWait(sources, look, functions).words + ", uninterruptibly"
+                isInCall ? callWait(sources, threadId, look, functions).words + ", uninterruptibly"
                          : "waits for a page of memory or a device";
             return simple("uninterruptible",
                           words + " (state D" + kernelFunction(sources.target, threadId) + ')');
@@ -141,7 +141,7 @@ Wait waitOf(const WaitSources& sources, unsigned int threadId, const ThreadLook&
             break;
     }
     if (look.result == LookResult::Blocked) {
-        return isInCall ? callWait(sources, look, functions)
+        return isInCall ? callWait(sources, threadId, look, functions)
                         : simple("page", "waits for a page of memory");
     }
     return look.result == LookResult::Unanswered ? simple("unknown", "did not come to a stop")

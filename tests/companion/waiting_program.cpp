@@ -33,6 +33,7 @@
 #include <functional>
 #include <latch>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -271,10 +272,13 @@ void signalsThatNeverCome() {
     sem_init(&semaphore, 0, 0);
     start("guest", [&] { sem_wait(&semaphore); });
     expect("guest", "waits for the semaphore" + at(&semaphore));
-    auto& value = make<int>(5);
+    // Behind the word stands what would make it a robust mutex, whose holder has ended.
+    constexpr unsigned int word = 0xBFFFFFFF;
+    auto& value = *new (std::align_val_t{8}) std::array<unsigned int, 16>{word, 0, 0, 1, 16};
     start("atomic",
-          [&] { syscall(SYS_futex, &value, FUTEX_WAIT_PRIVATE, 5, nullptr, nullptr, 0); });
-    expect("atomic", "waits for the value" + at(&value) + " to change from 5");
+          [&] { syscall(SYS_futex, &value, FUTEX_WAIT_PRIVATE, word, nullptr, nullptr, 0); });
+    expect("atomic",
+           "waits for the value" + at(&value) + " to change from " + std::to_string(word));
 }
 
 void streams() {
