@@ -131,7 +131,7 @@ class THREAD_UTILITIES_API ProcessCapture {
                                std::size_t limit) const;
 
     /// Copies up to `size` bytes at `address` of the process. Returns how many were copied from the
-    /// front: fewer, possibly 0, where the memory beyond cannot be read.
+    /// front: fewer, possibly 0, where the memory beyond cannot be read, or has no contents yet.
     std::size_t readMemory(std::uint64_t address, void* out, std::size_t size) const noexcept;
 
     [[nodiscard]] CaptureStatistics statistics() const noexcept;

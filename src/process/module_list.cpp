@@ -4,6 +4,7 @@
 #include "process/module_list.h"
 
 #include <elf.h>
+#include <fcntl.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 
@@ -20,6 +21,7 @@
 #include "linux/kernel_calls.h"
 #include "linux/modules/mapped_images.h"
 #include "linux/modules/process_map.h"
+#include "linux/proc_file.h"
 #include "unwind/rule_cache.h"
 
 namespace ThreadUtilities::process {
@@ -85,6 +87,9 @@ ModuleList::ModuleList(unsigned int processId, const ModuleList* before,
                        std::uint64_t& lastIdentity) {
     const platform::LiveTask task = platform::findLiveTask(processId);
     liveTask = task.id;
+    pages = platform::Descriptor(platform::openFile(
+        platform::ProcPath("/proc/", static_cast<unsigned int>(liveTask), "/pagemap").text(),
+        O_RDONLY));
     const auto ranges = platform::parseProcessMap(task.mapText);
     mappings.reserve(ranges.size());
     for (const platform::MappedRange& range : ranges) {

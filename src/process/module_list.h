@@ -12,6 +12,7 @@
 #include <span>
 #include <vector>
 
+#include "linux/descriptor.h"
 #include "linux/modules/mapped_images.h"
 #include "process/process_module.h"
 #include "process/unwind_tables.h"
@@ -27,6 +28,9 @@ class ModuleList {
 
     /// A thread that still has the process's memory; 0 when the process has none, or shows none.
     pid_t task() const noexcept { return liveTask; }
+
+    /// The descriptor of its file "pagemap", or negative.
+    int pageMap() const noexcept { return pages.get(); }
 
     /// The module that covers an address; none when there is none.
     const ProcessModule* find(std::uint64_t address) const noexcept;
@@ -53,6 +57,7 @@ class ModuleList {
         pid_t task, const platform::MappedImage& image) const noexcept;
 
     pid_t liveTask = 0;
+    platform::Descriptor pages;
     std::vector<AddressRange> mappings;
     std::uint64_t firstFile = 0;                                ///< where it is mapped
     std::vector<std::shared_ptr<const ProcessModule>> modules;  ///< in order of address

@@ -11,10 +11,21 @@
 
 #include "linux/kernel_calls.h"
 #include "platform/code_modules.h"
+#include "platform/memory.h"
+#include "process/stack_copy.h"
 
 namespace ThreadUtilities::process {
 
+// Beside a module, whose pages the kernel fills from a file, a page without contents is not asked
+// for: it may be one that nobody ever provides (stack_copy.h). Most are zero, which ends a walk
+// too.
 std::size_t ProcessSpace::read(std::uint64_t address, void* out, std::size_t size) const noexcept {
+    const std::uint64_t page = platform::pageOf(address);
+    const bool isOnOnePage = platform::pageOf(address + size - 1) == page;
+    if (!(isOnOnePage && page == providedPage) && list.find(address) == nullptr) {
+        size = providedBytes(list.pageMap(), address, size);
+        providedPage = isOnOnePage && size != 0 ? page : providedPage;
+    }
     const iovec there[] = {{reinterpret_cast<void*>(address), size}};
     const iovec here[] = {{out, size}};
     return platform::copyMemory(list.task(), there, here);

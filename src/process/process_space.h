@@ -38,6 +38,7 @@ class ProcessSpace final : public cfi::AddressSpace {
     const ModuleList& list;
     mutable std::array<const ProcessModule*, 64> modules;
     mutable std::size_t count = 0;
+    mutable std::uint64_t providedPage = 0;  ///< has contents
     mutable bool missed = false;
 };
 

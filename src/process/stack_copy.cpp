@@ -25,20 +25,29 @@ namespace {
 
 constexpr std::uint64_t redZone = 128;
 
+// The entries of the file, one a page.
+bool hasContents(std::uint64_t entry) {
+    constexpr std::uint64_t presentOrSwapped = std::uint64_t{3} << 62;
+    return (entry & presentOrSwapped) != 0;
+}
+
+bool readEntries(int pageMap, std::uint64_t firstPage, std::span<std::uint64_t> entries) {
+    const auto bytes = static_cast<long>(entries.size_bytes());
+    return platform::kernelCall(SYS_pread64, pageMap, platform::argument(entries.data()), bytes,
+                                static_cast<long>(firstPage * sizeof(std::uint64_t))) == bytes;
+}
+
 // The part of `range` around `address` whose pages have contents.
 ReadableRange providedPart(int pageMap, ReadableRange range, std::uint64_t address) {
-    constexpr std::uint64_t presentOrSwapped = std::uint64_t{3} << 62;
     std::array<std::uint64_t, largestStackCopy / memoryPageSize + 2> entries;
     const std::uint64_t firstPage = range.begin / memoryPageSize;
     const std::size_t count =
         std::min(pageEndOf(range.end) / memoryPageSize - firstPage, entries.size());
-    const auto bytes = static_cast<long>(count * sizeof(std::uint64_t));
-    if (platform::kernelCall(SYS_pread64, pageMap, platform::argument(entries.data()), bytes,
-                             static_cast<long>(firstPage * sizeof(std::uint64_t))) != bytes) {
+    if (!readEntries(pageMap, firstPage, std::span(entries).first(count))) {
         return range;  // a kernel without page map
     }
     const auto isProvided = [&](std::uint64_t page) {
-        return (entries[page - firstPage] & presentOrSwapped) != 0;
+        return hasContents(entries[page - firstPage]);
     };
     std::uint64_t page = address / memoryPageSize;
     if (!isProvided(page)) {
@@ -74,6 +83,24 @@ ReadableRange copyStack(unsigned int threadId, int pageMap, std::uint64_t stackP
     const iovec here[] = {{room.data(), room.size()}};
     range.end = range.begin + platform::copyMemory(static_cast<int>(threadId), there, here);
     return range.begin == range.end ? ReadableRange{} : range;
+}
+
+std::size_t providedBytes(int pageMap, std::uint64_t address, std::size_t size) noexcept {
+    std::array<std::uint64_t, 64> entries;
+    const std::uint64_t end = address + size < address ? UINT64_MAX : address + size;
+    for (std::uint64_t at = pageOf(address); at < end;) {
+        const auto some = std::span(entries).first(
+            std::min<std::uint64_t>((end - at - 1) / memoryPageSize + 1, entries.size()));
+        if (!readEntries(pageMap, at / memoryPageSize, some)) {
+            return size;
+        }
+        const auto missing = std::find_if_not(some.begin(), some.end(), hasContents);
+        at += static_cast<std::uint64_t>(missing - some.begin()) * memoryPageSize;
+        if (missing != some.end()) {
+            return at > address ? at - address : 0;
+        }
+    }
+    return size;
 }
 
 }  // namespace ThreadUtilities::process

@@ -3,7 +3,7 @@
 
 #pragma once
 
-// Copying the top of a thread's stack, with two system calls and no wait.
+// Copying the top of a thread's stack, with two system calls and no wait; what may be copied so.
 
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +24,10 @@ namespace ThreadUtilities::process {
 /// Context: the thread may be stopped; no allocation, no lock, no log.
 platform::ReadableRange copyStack(unsigned int threadId, int pageMap, std::uint64_t stackPointer,
                                   std::span<std::byte> room) noexcept;
+
+/// How many of the bytes from `address` on lie on pages that have contents: all of them where the
+/// page map does not say.
+std::size_t providedBytes(int pageMap, std::uint64_t address, std::size_t size) noexcept;
 
 inline constexpr std::size_t largestStackCopy = std::size_t{64} * 1024;
 

@@ -16,6 +16,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <random>
@@ -24,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/memory.h"
 #include "support/sanitizers.h"
 #include "target_process.h"
 
@@ -342,6 +345,23 @@ TEST(ProcessCapture, BearsWhatAProcessMayDo) {
         std::vector<unsigned long long> frames;
         EXPECT_EQ(capture.look(busy.id(), frames, limit).result, LookResult::NoSuchThread);
     }
+}
+
+// Some pages have contents only once a pager provides them (userfaultfd), which may never be: who
+// reads one hangs.
+TEST(ProcessCapture, DoesNotAskForPagesWithoutContents) {
+    const std::size_t page = platform::memoryPageSize;
+    auto* const pages = static_cast<char*>(
+        mmap(nullptr, 200 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    std::fill_n(pages, 100 * page, 'x');
+    TargetProcess target({spin});
+    const ProcessCapture capture(target.id());
+    std::vector<char> copy(200 * page);
+    const auto begin = reinterpret_cast<std::uint64_t>(pages);
+    EXPECT_EQ(capture.readMemory(begin + 1, copy.data(), copy.size() - 1), 100 * page - 1);
+    EXPECT_EQ(capture.readMemory(begin + 100 * page - 8, copy.data(), 8), 8U);
+    EXPECT_EQ(capture.readMemory(begin + 100 * page, copy.data(), 8), 0U);
+    munmap(pages, 200 * page);
 }
 
 }  // namespace
