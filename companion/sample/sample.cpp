@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <ctime>
 #include <iostream>
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -162,24 +163,29 @@ class Run {
         return time;
     }
 
+    static std::string reason(LookResult result, unsigned int tracer) {
+        switch (result) {
+            case LookResult::Traced:
+                return "was being traced by process " + std::to_string(tracer);
+            case LookResult::NotPermitted:
+                return "could not be looked at any more";
+            case LookResult::Unanswered:
+                return "did not stop";
+            case LookResult::NoSuchThread:
+                return "had ended";
+            default:
+                return "had no frames";
+        }
+    }
+
     static std::string reasons(const SamplingCounts& counts) {
-        std::string text;
+        std::map<std::string, std::uint64_t> timesByWords;
         for (const auto& [result, count] : counts.failed) {
-            text += "; " + std::to_string(count) + " times a thread ";
-            switch (result) {
-                case LookResult::Traced:
-                    text += "was being traced by process " + std::to_string(counts.tracer);
-                    break;
-                case LookResult::NotPermitted:
-                    text += "could not be looked at any more";
-                    break;
-                case LookResult::Unanswered:
-                    text += "did not stop";
-                    break;
-                default:
-                    text += "had no frames";
-                    break;
-            }
+            timesByWords[reason(result, counts.tracer)] += count;
+        }
+        std::string text;
+        for (const auto& [words, times] : timesByWords) {
+            text += "; " + std::to_string(times) + " times a thread " + words;
         }
         return text;
     }
