@@ -44,6 +44,84 @@ void addProcess(CLI::App& command, unsigned int& processId) {
     command.add_option("pid", processId, "The process")->type_name("PID")->required();
 }
 
+CLI::App& addRead(CLI::App& program, ReadOptions& read) {
+    CLI::App& command = *program.add_subcommand("read", "The report for a person to read");
+    command
+        .add_option("file", read.file,
+                    "The report, or a log with reports in it (- or none: standard input)")
+        ->type_name("FILE");
+    command.add_flag("--all", read.all, "Show calls below 1 % too");
+    command.add_flag("--json", read.json, "Write JSON, one value a line");
+    addSymbolOptions(command, read.symbols);
+    return command;
+}
+
+CLI::App& addConvert(CLI::App& program, ConvertOptions& convert) {
+    CLI::App& command = *program.add_subcommand("convert", "A profile in another format");
+    command.add_option("file", convert.file, "The profile (-: standard input)")
+        ->type_name("FILE")
+        ->required();
+    command.add_option("--to", convert.format, "The format; by default the ending of -o chooses")
+        ->type_name("FORMAT")
+        ->check(CLI::IsMember({"html", "folded", "speedscope", "pprof", "firefox"}));
+    command.add_option("-o,--output", convert.output, "Where to write (-: standard output)")
+        ->type_name("FILE");
+    addSymbolOptions(command, convert.symbols);
+    return command;
+}
+
+void addCompare(CLI::App& program, CompareOptions& compare) {
+    CLI::App& command = *program.add_subcommand("compare", "What became slower");
+    command.add_option("before", compare.before, "The profile before")
+        ->type_name("BEFORE")
+        ->required();
+    command.add_option("after", compare.after, "The profile after")->type_name("AFTER")->required();
+    command.add_option("--html", compare.html, "Write the difference as a picture")
+        ->type_name("FILE");
+    command.add_flag("--all", compare.all, "Show all functions");
+    addSymbolOptions(command, compare.symbols);
+}
+
+CLI::App& addStacks(CLI::App& program, StacksOptions& stacks, unsigned int& watchSeconds) {
+    CLI::App& command = *program.add_subcommand(
+        "stacks", "Where the threads of a process stand, and what they wait for");
+    addProcess(command, stacks.processId);
+    CLI::Option* const watch =
+        command
+            .add_option("--watch", watchSeconds, "Look again every so often: who has not moved?")
+            ->type_name("SECONDS")
+            ->check(CLI::Range(1, 86400));
+    CLI::Option* const raw =
+        command.add_flag("--raw", stacks.raw, "Write the library's own report of all threads")
+            ->excludes(watch);
+    command.add_flag("--json", stacks.json, "Write JSON, one value a line")
+        ->excludes(watch)
+        ->excludes(raw);
+    addFolderOptions(command, stacks.symbols);
+    return command;
+}
+
+CLI::App& addSample(CLI::App& program, SampleOptions& sample, unsigned int& durationSeconds,
+                    unsigned int& intervalMilliseconds) {
+    CLI::App& command =
+        *program.add_subcommand("sample", "Where the threads of a process spend their time");
+    addProcess(command, sample.processId);
+    command.add_option("--duration", durationSeconds, "How long (10)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, 1000000));
+    command.add_option("--interval", intervalMilliseconds, "From sample to sample (10)")
+        ->type_name("MILLISECONDS")
+        ->check(CLI::Range(1, 60000));
+    command.add_option("--thread", sample.threadId, "Sample this thread alone")->type_name("TID");
+    command
+        .add_option("-o,--output", sample.output,
+                    "Where to write; the ending says what: .html, .txt (for the other commands), "
+                    ".json, .pb.gz, .folded")
+        ->type_name("FILE");
+    addFolderOptions(command, sample.symbols);
+    return command;
+}
+
 int run(int argumentCount, char** arguments) {
     CLI::App program(
         "Looks at running processes, and makes ThreadUtilities' reports readable: functions, files "
@@ -51,82 +129,20 @@ int run(int argumentCount, char** arguments) {
         "thread-utilities");
     program.require_subcommand(1);
     program.set_version_flag("--version", "thread-utilities " THREAD_UTILITIES_VERSION);
-
     ReadOptions read;
-    CLI::App& readCommand = *program.add_subcommand("read", "The report for a person to read");
-    readCommand
-        .add_option("file", read.file,
-                    "The report, or a log with reports in it (- or none: standard input)")
-        ->type_name("FILE");
-    readCommand.add_flag("--all", read.all, "Show calls below 1 % too");
-    readCommand.add_flag("--json", read.json, "Write JSON, one value a line");
-    addSymbolOptions(readCommand, read.symbols);
-
+    const CLI::App& readCommand = addRead(program, read);
     ConvertOptions convert;
-    CLI::App& convertCommand = *program.add_subcommand("convert", "A profile in another format");
-    convertCommand.add_option("file", convert.file, "The profile (-: standard input)")
-        ->type_name("FILE")
-        ->required();
-    convertCommand
-        .add_option("--to", convert.format, "The format; by default the ending of -o chooses")
-        ->type_name("FORMAT")
-        ->check(CLI::IsMember({"html", "folded", "speedscope", "pprof", "firefox"}));
-    convertCommand.add_option("-o,--output", convert.output, "Where to write (-: standard output)")
-        ->type_name("FILE");
-    addSymbolOptions(convertCommand, convert.symbols);
-
+    const CLI::App& convertCommand = addConvert(program, convert);
     CompareOptions compare;
-    CLI::App& compareCommand = *program.add_subcommand("compare", "What became slower");
-    compareCommand.add_option("before", compare.before, "The profile before")
-        ->type_name("BEFORE")
-        ->required();
-    compareCommand.add_option("after", compare.after, "The profile after")
-        ->type_name("AFTER")
-        ->required();
-    compareCommand.add_option("--html", compare.html, "Write the difference as a picture")
-        ->type_name("FILE");
-    compareCommand.add_flag("--all", compare.all, "Show all functions");
-    addSymbolOptions(compareCommand, compare.symbols);
-
+    addCompare(program, compare);
     StacksOptions stacks;
     unsigned int watchSeconds = 0;
-    CLI::App& stacksCommand = *program.add_subcommand(
-        "stacks", "Where the threads of a process stand, and what they wait for");
-    addProcess(stacksCommand, stacks.processId);
-    CLI::Option* const watch =
-        stacksCommand
-            .add_option("--watch", watchSeconds, "Look again every so often: who has not moved?")
-            ->type_name("SECONDS")
-            ->check(CLI::Range(1, 86400));
-    CLI::Option* const raw =
-        stacksCommand
-            .add_flag("--raw", stacks.raw, "Write the library's own report of all threads")
-            ->excludes(watch);
-    stacksCommand.add_flag("--json", stacks.json, "Write JSON, one value a line")
-        ->excludes(watch)
-        ->excludes(raw);
-    addFolderOptions(stacksCommand, stacks.symbols);
-
+    const CLI::App& stacksCommand = addStacks(program, stacks, watchSeconds);
     SampleOptions sample;
-    CLI::App& sampleCommand =
-        *program.add_subcommand("sample", "Where the threads of a process spend their time");
-    addProcess(sampleCommand, sample.processId);
     unsigned int durationSeconds = 10;
     unsigned int intervalMilliseconds = 10;
-    sampleCommand.add_option("--duration", durationSeconds, "How long (10)")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(1, 1000000));
-    sampleCommand.add_option("--interval", intervalMilliseconds, "From sample to sample (10)")
-        ->type_name("MILLISECONDS")
-        ->check(CLI::Range(1, 60000));
-    sampleCommand.add_option("--thread", sample.threadId, "Sample this thread alone")
-        ->type_name("TID");
-    sampleCommand
-        .add_option("-o,--output", sample.output,
-                    "Where to write; the ending says what: .html, .txt (for the other commands), "
-                    ".json, .pb.gz, .folded")
-        ->type_name("FILE");
-    addFolderOptions(sampleCommand, sample.symbols);
+    const CLI::App& sampleCommand =
+        addSample(program, sample, durationSeconds, intervalMilliseconds);
 
     try {
         program.parse(argumentCount, arguments);

@@ -5,9 +5,13 @@
 
 #include <charconv>
 #include <cstddef>
+#include <cstdint>
+#include <ios>
 #include <optional>
 #include <sstream>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "process/target.h"
 #include "support/terminal.h"
@@ -41,7 +45,7 @@ std::string Descriptors::fieldOf(int descriptor, std::string_view field) const {
 }
 
 std::string Descriptors::nameOf(int descriptor) {
-    const std::string link = procLink(folder / "fd" / std::to_string(descriptor));
+    std::string link = procLink(folder / "fd" / std::to_string(descriptor));
     if (const auto inode = numberIn(link, "socket")) {
         return sockets.describe(*inode);
     }

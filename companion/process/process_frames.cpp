@@ -5,8 +5,10 @@
 
 #include <ThreadUtilities/StackTrace.h>
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace ThreadUtilities::companion {
 

@@ -8,7 +8,13 @@
 #include <array>
 #include <charconv>
 #include <cstddef>
+#include <cstdint>
+#include <istream>
+#include <optional>
 #include <sstream>
+#include <string>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "process/target.h"

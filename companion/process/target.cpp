@@ -6,9 +6,13 @@
 #include <ThreadUtilities/Threads.h>
 
 #include <charconv>
+#include <cstddef>
+#include <filesystem>
 #include <fstream>
+#include <ios>
 #include <optional>
 #include <sstream>
+#include <string>
 #include <system_error>
 #include <utility>
 

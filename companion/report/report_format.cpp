@@ -3,8 +3,8 @@
 
 #include "report/report_format.h"
 
-#include <cstddef>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace ThreadUtilities::companion {

@@ -6,8 +6,15 @@
 #include <ThreadUtilities/Threads.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <optional>
 #include <sstream>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "process/target.h"
 #include "report/report_reader.h"
@@ -35,9 +42,13 @@ std::string programStartOf(unsigned int process) {
         return {};
     }
     std::istringstream fields(stat.substr(name + 1));
-    std::string field, start;
+    std::string field;
+    std::string start;
     for (int number = 3; number <= 28 && fields >> field; ++number) {
-        start = number == 22 ? field : number == 28 ? start + ' ' + field : start;
+        if (number == 22 || number == 28) {
+            start += ' ';
+            start += field;
+        }
     }
     return start;
 }

@@ -8,6 +8,8 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "report/line_text.h"

@@ -6,13 +6,15 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <iostream>
 #include <map>
+#include <ratio>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -76,7 +78,7 @@ class Run {
                                     tick();
                                     return 0ULL;
                                 });
-        } catch (const EndOfRun&) {
+        } catch (const EndOfRun&) {  // NOLINT(bugprone-empty-catch): the run is to end, no more
         }
         taken = Clock::now() - begin;
         processorSeconds = static_cast<double>(std::clock() - processorBegin) / CLOCKS_PER_SEC;
@@ -147,7 +149,7 @@ class Run {
     }
 
     std::string howItEnded() const {
-        const std::string time =
+        std::string time =
             durationText(std::chrono::duration_cast<std::chrono::nanoseconds>(taken).count());
         switch (
             sampler.end().value_or(interrupted ? SamplingEnd::interrupted : SamplingEnd::onTime)) {

@@ -4,6 +4,11 @@
 #include "sample/sampled_thread.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace ThreadUtilities::companion {
 

@@ -4,11 +4,14 @@
 #include "stacks/picture.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <string_view>
-#include <unordered_map>
+#include <set>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "read/report_text.h"
 #include "support/hex_text.h"
@@ -49,6 +52,7 @@ std::vector<std::string> waitLines(const std::vector<SeenThread>& seen, const Th
         return {waitLine(byWords.begin()->first, terminal)};
     }
     std::vector<const std::pair<const std::string, std::vector<std::size_t>>*> ordered;
+    ordered.reserve(byWords.size());
     for (const auto& entry : byWords) {
         ordered.push_back(&entry);
     }
@@ -72,6 +76,7 @@ std::vector<std::string> waitLines(const std::vector<SeenThread>& seen, const Th
 std::string groupsText(const std::vector<SeenThread>& all, const std::vector<std::size_t>& chosen,
                        const FrameTable& frames, const Symbols& symbols, const Terminal& terminal) {
     std::vector<SeenThread> seen;
+    seen.reserve(chosen.size());
     for (const std::size_t index : chosen) {
         seen.push_back(all[index]);
     }

@@ -4,10 +4,13 @@
 #include "stacks/process_look.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "process/descriptors.h"
 

@@ -21,6 +21,7 @@
 #include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "symbols/windows_files.h"
 

@@ -4,7 +4,11 @@
 #include "waits/times.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
+#include <optional>
+#include <string>
 
 namespace ThreadUtilities::companion {
 namespace {

@@ -7,6 +7,9 @@
 #include <cstdint>
 #include <ctime>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "support/terminal.h"
 #include "waits/times.h"
