@@ -320,15 +320,19 @@ class FutexWait {
         }
     }
 
-    /// The lock of a stream (stdio) has its holder's block behind a count.
+    /// The lock of a stream (stdio) has its holder's block behind a count, which newer C libraries
+    /// begin with 0.
     void setStreamHolder() {
         struct {
             int lock;
             int count;
             std::uint64_t holder;
         } stream = {};
-        if (target.read(address, stream) && stream.count > 0) {
-            setHolder(threadOfBlock(target, stream.holder), false);
+        if (!target.read(address, stream) || stream.count < 0) {
+            return;
+        }
+        if (const unsigned int holder = threadOfBlock(target, stream.holder); holder != 0) {
+            setHolder(holder, false);
         }
     }
 
