@@ -105,12 +105,11 @@ bool SeizedThread::hasEnded() const noexcept {
 }
 
 // The registers themselves are asked for until they are told, which is when the thread stands
-// still: an answer that nobody in this process can take away by a wait for any child. Between two
-// questions others get the processor, first of all the thread itself where it is on the same one:
-// there it stops at once, while a message to another processor takes a virtual machine 40 us.
-// Sleeping instead would be late by as much. A thread that has not come by then waits for a
-// processor, for this one perhaps, if this worker has precedence; or for something that nothing
-// ends.
+// still: an answer that nobody in this process can take away by a wait for any child. A sleep
+// between the first questions would make the stop longer by as much as the worker wakes up late.
+// Others get the processor between two of them, the thread itself where it is on the same one,
+// unless this worker has precedence. A thread that has not come by then waits for a processor, for
+// this one perhaps; or for something that nothing ends.
 //
 // It is waited for however long that takes. The request has been noted with the thread, and the
 // first wait that it goes into ends because of that; only at a stop that is reached can the wait be
